@@ -1,0 +1,49 @@
+# The two commands a user needs: `make test` and `make demo`. Each installs
+# what is missing, builds and runs.
+JOBS ?= $(shell nproc)
+
+.PHONY: test demo deps build build-clang test-gcc check-thread-safety check-android-bp test-tsan test-asan clean
+
+test: deps
+	$(MAKE) check-android-bp
+	$(MAKE) check-thread-safety
+	$(MAKE) test-gcc
+	$(MAKE) build-clang
+
+demo: deps build
+	ctest --preset default
+
+deps:
+	@scripts/install-deps.sh
+
+build:
+	cmake --preset default >/dev/null
+	cmake --build --preset default -j $(JOBS)
+
+test-gcc: build
+	ctest --preset default
+
+# Android trees build with clang: the same sources and tests must compile
+# cleanly with it too.
+build-clang:
+	cmake --preset clang >/dev/null
+	cmake --build --preset clang -j $(JOBS)
+
+check-thread-safety:
+	scripts/check-thread-safety.sh
+
+check-android-bp:
+	scripts/check-android-bp.sh
+
+test-tsan:
+	cmake --preset tsan >/dev/null
+	cmake --build --preset tsan -j $(JOBS)
+	ctest --preset tsan
+
+test-asan:
+	cmake --preset asan >/dev/null
+	cmake --build --preset asan -j $(JOBS)
+	ctest --preset asan
+
+clean:
+	rm -rf build

@@ -1,0 +1,74 @@
+#pragma once
+
+#include <cstdint>
+#include <fstream>
+#include <string>
+#include <unordered_map>
+
+#include "config/PeltoExceptionRule.h"
+
+namespace android {
+
+struct PeltoTargetLayerInfo {
+    int32_t id = 0;  // index of the naming element in "target_layers"
+};
+
+struct PeltoTargetIgnoreInfo {
+    int32_t id = 0;  // id of the target whose "ignore_names" lists this name
+};
+
+// The rule file in memory: target layers, layers to ignore beside a target,
+// exception rules and the general switches. Loads the file on construction.
+//
+// Has no lock of its own: the owner serialises every call and keeps a reload
+// apart from every lookup, match and dump. Record pointers handed out by the
+// lookups stay valid until the next reload or destruction.
+class PeltoConfig {
+public:
+    static constexpr int kLoadOk = 0;
+    static constexpr int kLoadFailed = -5;
+
+    PeltoConfig();
+    ~PeltoConfig();
+
+    PeltoConfig(const PeltoConfig&) = delete;
+    PeltoConfig& operator=(const PeltoConfig&) = delete;
+
+    // The rule file's path: "/system/etc/pelto_config.json". On host builds the
+    // environment variable PELTO_CONFIG_PATH, when set, replaces it.
+    static std::string configPath();
+
+    // Reads the rule file; a reload first empties the rule containers. 0 or -5.
+    int loadConfig(bool reload);
+    // Parses an opened rule file. 0 or -5.
+    int loadConfig(std::ifstream& stream);
+
+    // Exact-name lookups. On a hit, *info (when info is not null) receives the
+    // stored record; on a miss it is left untouched.
+    bool isTargetLayer(const std::string& name, const PeltoTargetLayerInfo** info) const;
+    bool isTargetIgnoreLayer(const std::string& name, const PeltoTargetIgnoreInfo** info) const;
+    bool isExceptionLayer(const std::string& name, const PeltoExceptionRule** rule) const;
+
+    bool hasExceptionGeneralRule() const { return !mExceptionGeneralRule.entries.empty(); }
+    bool isAlwaysOn() const { return mStayOnWhenHasOtherLayer; }
+    bool useAdaptiveTimeout() const { return mUseAdaptiveTimeout; }
+    bool loadConfigSucceeded() const { return mLoadConfigSucceeded; }
+
+    // True when some entry of `rule` matches `input`; the first match wins.
+    bool checkRuleMatch(const PeltoExceptionRuleInput& input, const PeltoExceptionRule& rule) const;
+    bool checkExceptionGeneralRuleMatch(const PeltoExceptionRuleInput& input) const;
+
+    // Appends the configuration as text.
+    void dump(std::string& out) const;
+
+private:
+    std::unordered_map<std::string, PeltoTargetLayerInfo> mTargetLayers;
+    std::unordered_map<std::string, PeltoTargetIgnoreInfo> mTargetIgnoreLayers;
+    std::unordered_map<std::string, PeltoExceptionRule> mExceptionRules;
+    PeltoExceptionRule mExceptionGeneralRule;
+    bool mStayOnWhenHasOtherLayer = true;
+    bool mUseAdaptiveTimeout = true;
+    bool mLoadConfigSucceeded = true;
+};
+
+} // namespace android

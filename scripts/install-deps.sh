@@ -1,0 +1,33 @@
+#!/usr/bin/env bash
+# Installs with apt-get whatever the build, the tests and the checks need and
+# this machine does not have yet. Safe to run again: installed packages are skipped.
+set -euo pipefail
+
+packages=(
+  cmake make g++ clang libc++-14-dev libc++abi-14-dev
+  libjsoncpp-dev
+  android-liblog-dev android-libcutils-dev android-libbase-dev android-libutils-dev
+  libgtest-dev libgmock-dev libbenchmark-dev
+  soong
+)
+
+missing=()
+for p in "${packages[@]}"; do
+  if ! dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed'; then
+    missing+=("$p")
+  fi
+done
+
+if [ ${#missing[@]} -eq 0 ]; then
+  exit 0
+fi
+
+echo "install-deps: installing ${missing[*]}"
+if [ "$(id -u)" -ne 0 ]; then
+  SUDO=sudo
+else
+  SUDO=
+fi
+export DEBIAN_FRONTEND=noninteractive
+$SUDO apt-get update -qq
+$SUDO apt-get install -y -qq --no-install-recommends "${missing[@]}"
