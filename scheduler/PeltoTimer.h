@@ -1,0 +1,97 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <thread>
+
+#include <android-base/thread_annotations.h>
+#include <utils/Timers.h>
+
+#include "scheduler/TimerSyscalls.h"
+#include "trace/PeltoTracedOrdinal.h"
+
+namespace android::scheduler {
+
+// A one-shot alarm with a dispatch thread of its own, "TimerDispatch". alarmAt() arms a
+// timerfd for an absolute time on CLOCK_MONOTONIC; when it expires, the dispatch thread runs
+// the action. The thread waits in epoll on the timerfd and on a control pipe, and ends when the
+// destructor writes a byte into that pipe.
+//
+// The alarm state is published as the counter "<name>AlarmState" (0 cancelled, 1 armed,
+// 2 fired) and each deadline as "<name>FireIn".
+//
+// Locking: mMutex guards the action, both states, the stop request and the descriptors.
+// It is the timer's only lock and is never held while the action runs, so the action may call
+// alarmAt() or alarmCancel() on its own timer. Lock order: mMutex, then mAlarmState's own lock
+// (taken by assigning it); nothing else is taken under mMutex.
+class PeltoTimer {
+public:
+    // What the dispatch thread is doing, for dump(). Terminated is never entered.
+    enum class DebugState : int32_t { Reset, Running, Waiting, Reading, InCallback, Terminated };
+
+    // Creates the descriptors and starts the dispatch thread.
+    explicit PeltoTimer(const char* name);
+    // As above, with every descriptor call made through `syscalls`.
+    PeltoTimer(const char* name, const TimerSyscalls& syscalls);
+    // Ends and joins the dispatch thread. An alarm still armed never runs.
+    virtual ~PeltoTimer();
+
+    PeltoTimer(const PeltoTimer&) = delete;
+    PeltoTimer& operator=(const PeltoTimer&) = delete;
+    PeltoTimer(PeltoTimer&&) = delete;
+    PeltoTimer& operator=(PeltoTimer&&) = delete;
+
+    // The current time on the monotonic clock.
+    virtual nsecs_t now() const;
+
+    // Runs `callback` on the dispatch thread at the absolute monotonic `time`. Replaces both the
+    // deadline and the action of an earlier call; a time already past fires at once.
+    virtual void alarmAt(const std::function<void()>& callback, nsecs_t time) EXCLUDES(mMutex);
+
+    // Disarms the alarm. The action is kept.
+    virtual void alarmCancel() EXCLUDES(mMutex);
+
+    // Appends the dispatch thread's debug state.
+    virtual void dump(std::string& result) const EXCLUDES(mMutex);
+
+private:
+    // Closes the descriptors and creates new ones.
+    void reset() EXCLUDES(mMutex);
+    void resetLocked() REQUIRES(mMutex);
+    // Asks the dispatch thread to end: sets mStopRequested and writes a byte into the pipe.
+    void endDispatch() EXCLUDES(mMutex);
+    // Closes the descriptors.
+    void cleanup() EXCLUDES(mMutex);
+    void cleanupLocked() REQUIRES(mMutex);
+    void setDebugState(DebugState state) EXCLUDES(mMutex);
+    void threadMain() EXCLUDES(mMutex);
+    // One run of the dispatch loop. Returns true when the loop must be rebuilt on new
+    // descriptors, false when the thread was told to end.
+    bool dispatch() EXCLUDES(mMutex);
+    const char* strDebugState(DebugState state) const;
+
+    // Replaced only by the dispatch thread (in resetLocked()) and by construction and
+    // destruction, always under mMutex; the dispatch thread copies them once per run.
+    int mAlarmFd GUARDED_BY(mMutex) = -1;
+    int mEpollFd GUARDED_BY(mMutex) = -1;
+    // [0] is the read end, watched by the dispatch thread; [1] is written to end it.
+    int mPipes[2] GUARDED_BY(mMutex) = {-1, -1};
+
+    std::thread mThread;
+
+    mutable std::mutex mMutex;
+    std::function<void()> mCallback GUARDED_BY(mMutex);
+    DebugState mDebugState GUARDED_BY(mMutex) = DebugState::Reset;
+
+    const std::string mName;
+    PeltoTracedOrdinal<int32_t> mAlarmState GUARDED_BY(mMutex);
+
+    const TimerSyscalls mSyscalls;
+    // Set by endDispatch(). The dispatch thread checks it before every rebuild of its loop,
+    // since the termination byte may have gone into a pipe that the rebuild would close.
+    bool mStopRequested GUARDED_BY(mMutex) = false;
+};
+
+} // namespace android::scheduler
