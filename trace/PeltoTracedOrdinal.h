@@ -36,12 +36,16 @@ public:
 
     PeltoTracedOrdinal& operator=(T v) EXCLUDES(mMutex) {
         std::lock_guard lock(mMutex);
-        value.store(v, std::memory_order_relaxed);
-        if (isNegative(v)) {
-            everNegative = true;
-        }
+        storeLocked(v);
         traceLocked();
         return *this;
+    }
+
+    // Stores a value without publishing it, for owners that publish once with
+    // trace() after a computation; everNegative is kept as assignment keeps it.
+    void store(T v) EXCLUDES(mMutex) {
+        std::lock_guard lock(mMutex);
+        storeLocked(v);
     }
 
     T get() const { return value.load(std::memory_order_relaxed); }
@@ -61,6 +65,13 @@ private:
             return v < 0;
         } else {
             return false;
+        }
+    }
+
+    void storeLocked(T v) REQUIRES(mMutex) {
+        value.store(v, std::memory_order_relaxed);
+        if (isNegative(v)) {
+            everNegative = true;
         }
     }
 

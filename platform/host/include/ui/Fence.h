@@ -60,6 +60,9 @@ public:
             return NO_ERROR;
         }
     }
+
+private:
+    int mFenceFd = -1;
 };
 
 inline const sp<Fence> Fence::NO_FENCE = sp<Fence>(new Fence);
