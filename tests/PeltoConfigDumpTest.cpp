@@ -68,21 +68,22 @@ TEST_F(PeltoConfigDumpTest, configWithoutFileAppendsDefaults) {
               ">\n");
 }
 
-TEST_F(PeltoConfigDumpTest, rulesWithoutLinesAndOrphanIgnoresDumpAsExpected) {
+TEST_F(PeltoConfigDumpTest, loadedRulesDumpInFileOrderAndOrphanIgnoresNowhere) {
     // "orphan" belongs to id 0, whose name was given again at id 2: it shows nowhere.
+    // Entries of one name stay in file order across other elements.
     EXPECT_EQ(dumpOf(R"({
         "target_layers": [{"name": "b", "ignore_names": ["orphan"]},
-                          {"name": "a", "ignore_names": ["z"]},
-                          {"name": "b"}, {"name": "Z"}, {"name": "\u00e9"}],
+                          {"name": "a", "ignore_names": ["z"]}, {"name": "b"}, {"name": "Z"},
+                          {"name": "\u00e9"}],
         "general_rule": {"on_when_has_other_layer": 0, "use_adaptive_timeout": 1},
         "exception_rule": [
             {"layer_screen_size_ratio": {"condition": "0", "value1": 12.345678, "value2": 0.5},
              "focus": false},
-            {},
-            {"always_true": true},
-            {"name": "failed", "focus": "yes"},
+            {}, {"always_true": true}, {"name": "failed", "focus": "yes"},
+            {"name": "y", "layer_screen_size_ratio": {"condition": 1, "value1": 1e6}},
             {"name": "empty"},
-            {"name": "big", "layer_screen_size_ratio": {"condition": "3", "value1": 1e6}}]})"),
+            {"name": "y", "layer_screen_size_ratio": {"condition": "2", "value1": 5, "value2": 5},
+             "focus": 0, "always_true": 1}]})"),
               "mLoadConfigSucceeded: 0\n"
               "General Rule:\n"
               "\tstayOnWhenHasOtherLayer 0\n"
@@ -102,13 +103,18 @@ TEST_F(PeltoConfigDumpTest, rulesWithoutLinesAndOrphanIgnoresDumpAsExpected) {
               "\tvalue2: 0.5\n"
               "\tfocus: false\n"
               "\talways true: true\n"
-              "big\n"
-              ">\tcondition: equal\n"
-              "\tvalue1: 1e+06\n"
               "empty\n"
               ">\n"
               "failed\n"
-              ">\n");
+              ">\n"
+              "y\n"
+              ">\tcondition: bigger\n"
+              "\tvalue1: 1e+06\n"
+              "\tcondition: in_range\n"
+              "\tvalue1: 5\n"
+              "\tvalue2: 5\n"
+              "\tfocus: false\n"
+              "\talways true: true\n");
 }
 
 } // namespace

@@ -1,6 +1,7 @@
 #include <limits>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -37,90 +38,72 @@ protected:
     test::LogCapture mLog;
 };
 
-struct MatchCase {
-    const char* entry;
+std::string ratio(const std::string& condition, const std::string& extra = "") {
+    return R"({"layer_screen_size_ratio": {"condition": )" + condition + "}" + extra + "}";
+}
+
+struct Probe {
     float ratio;
     bool focus;
     bool matches;
 };
 
-TEST_F(PeltoRuleMatchTest, generalEntryMatchesByTypeWithStrictSinglePrecisionBounds) {
-    constexpr const char* kSmaller30 =
-            R"({"layer_screen_size_ratio": {"condition": "0", "value1": 30}})";
-    // A JSON number is a condition type too.
-    constexpr const char* kBigger30 =
-            R"({"layer_screen_size_ratio": {"condition": 1, "value1": 30}})";
-    constexpr const char* kInRange =
-            R"({"layer_screen_size_ratio": {"condition": "2 in_range", "value1": 10,
-                                            "value2": 50}})";
-    constexpr const char* kEmptyRange =
-            R"({"layer_screen_size_ratio": {"condition": "2", "value1": 5, "value2": 5}})";
-    // value2 is stored for "equal" but not consulted.
-    constexpr const char* kEqual100 =
-            R"({"layer_screen_size_ratio": {"condition": "3", "value1": 100, "value2": 1}})";
-    // Both bounds round to 30.0f: only single-precision comparisons see them as 30.
-    constexpr const char* kEqualNear30 =
-            R"({"layer_screen_size_ratio": {"condition": "3", "value1": 30.0000005}})";
-    constexpr const char* kBiggerNear30 =
-            R"({"layer_screen_size_ratio": {"condition": "1", "value1": 29.9999999}})";
-    constexpr const char* kNoFocus = R"({"focus": false})";
-    constexpr const char* kBigFocused =
-            R"({"layer_screen_size_ratio": {"condition": "1", "value1": 30}, "focus": true})";
-    constexpr const char* kAlways =
-            R"({"layer_screen_size_ratio": {"condition": "0", "value1": 0}, "always_true": 1})";
+struct MatchCase {
+    std::string entry;
+    std::vector<Probe> probes;
+};
 
+TEST_F(PeltoRuleMatchTest, generalEntryMatchesByTypeWithStrictSinglePrecisionBounds) {
     const MatchCase cases[] = {
-            {kSmaller30, 29.9f, false, true},   {kSmaller30, 30.0f, false, false},
-            {kSmaller30, 0.0f, false, true},    {kSmaller30, kNaN, false, false},
-            {kBigger30, 30.0f, false, false},   {kBigger30, 30.5f, false, true},
-            {kBigger30, kNaN, false, false},    {kInRange, 10.0f, false, false},
-            {kInRange, 10.5f, false, true},     {kInRange, 49.9f, false, true},
-            {kInRange, 50.0f, false, false},    {kInRange, kNaN, false, false},
-            {kEmptyRange, 5.0f, false, false},  {kEqual100, 100.0f, false, true},
-            {kEqual100, 99.99999f, false, false}, {kEqual100, 1.0f, false, false},
-            {kEqual100, kNaN, false, false},    {kEqualNear30, 30.0f, false, true},
-            {kBiggerNear30, 30.0f, false, false}, {kNoFocus, 50.0f, false, true},
-            {kNoFocus, 50.0f, true, false},     {kBigFocused, 50.0f, true, true},
-            {kBigFocused, 50.0f, false, false}, {kBigFocused, 10.0f, true, false},
-            {kAlways, 50.0f, false, true},      {kAlways, kNaN, true, true},
+            {ratio(R"("0", "value1": 30)"),
+             {{29.9f, 0, 1}, {30.0f, 0, 0}, {0.0f, 0, 1}, {kNaN, 0, 0}}},
+            // A JSON number is a condition type too.
+            {ratio(R"(1, "value1": 30)"), {{30.0f, 0, 0}, {30.5f, 0, 1}, {kNaN, 0, 0}}},
+            {ratio(R"("2 in_range", "value1": 10, "value2": 50)"),
+             {{10.0f, 0, 0}, {10.5f, 0, 1}, {49.9f, 0, 1}, {50.0f, 0, 0}, {kNaN, 0, 0}}},
+            {ratio(R"("2", "value1": 5, "value2": 5)"), {{5.0f, 0, 0}}},
+            // value2 is stored for "equal" but not consulted.
+            {ratio(R"("3", "value1": 100, "value2": 1)"),
+             {{100.0f, 0, 1}, {99.99999f, 0, 0}, {1.0f, 0, 0}, {kNaN, 0, 0}}},
+            // Both bounds round to 30.0f: only single-precision comparisons see them as 30.
+            {ratio(R"("3", "value1": 30.0000005)"), {{30.0f, 0, 1}}},
+            {ratio(R"("1", "value1": 29.9999999)"), {{30.0f, 0, 0}}},
+            {R"({"focus": false})", {{50.0f, 0, 1}, {50.0f, 1, 0}}},
+            {ratio(R"("1", "value1": 30)", R"(, "focus": true)"),
+             {{50.0f, 1, 1}, {50.0f, 0, 0}, {10.0f, 1, 0}}},
+            {ratio(R"("0", "value1": 0)", R"(, "always_true": 1)"), {{50.0f, 0, 1}, {kNaN, 1, 1}}},
     };
     for (const auto& c : cases) {
-        SCOPED_TRACE(::testing::Message() << c.entry << " ratio " << c.ratio << " focus " << c.focus);
         const auto config = configWith(c.entry);
-        ASSERT_TRUE(config->loadConfigSucceeded());
-        ASSERT_TRUE(config->hasExceptionGeneralRule());
-        EXPECT_EQ(config->checkExceptionGeneralRuleMatch({c.ratio, c.focus}), c.matches);
+        ASSERT_TRUE(config->loadConfigSucceeded() && config->hasExceptionGeneralRule()) << c.entry;
+        for (const auto& p : c.probes) {
+            EXPECT_EQ(config->checkExceptionGeneralRuleMatch({p.ratio, p.focus}), p.matches)
+                    << c.entry << " ratio " << p.ratio << " focus " << p.focus;
+        }
         EXPECT_THAT(log(), IsEmpty());
     }
 }
 
 TEST_F(PeltoRuleMatchTest, firstMatchingEntryEndsTheSearch) {
-    const auto config = configWith(R"({"focus": true}, {}, {"always_true": true})");
+    const auto config = configWith(R"({"focus": true}, {}, {"always_true": true},
+                                      {"name": "bad", "focus": "yes"}, {"name": "n", "focus": true},
+                                      {"name": "n", "always_true": false})");
     EXPECT_TRUE(config->checkExceptionGeneralRuleMatch({0.0f, true}));
     EXPECT_THAT(log(), IsEmpty());
-
     // The condition-less entry is passed over with a warning; a later one still matches.
     EXPECT_TRUE(config->checkExceptionGeneralRuleMatch({0.0f, false}));
     EXPECT_THAT(log(), ElementsAre(configWarning("no rule in this entry")));
-}
-
-TEST_F(PeltoRuleMatchTest, namedRuleMatchesThroughItsLookup) {
-    const auto config = configWith(R"({"name": "bad", "focus": "yes"},
-                                      {"name": "entries", "focus": true},
-                                      {"name": "entries", "always_true": false})");
-    const PeltoExceptionRule* bad = nullptr;
-    const PeltoExceptionRule* entries = nullptr;
-    ASSERT_TRUE(config->isExceptionLayer("bad", &bad));
-    ASSERT_TRUE(config->isExceptionLayer("entries", &entries));
-    EXPECT_FALSE(config->hasExceptionGeneralRule());
 
     // A rule whose only element failed never matches and says nothing.
+    mLog.clear();
+    const PeltoExceptionRule* bad = nullptr;
+    const PeltoExceptionRule* named = nullptr;
+    ASSERT_TRUE(config->isExceptionLayer("bad", &bad) && config->isExceptionLayer("n", &named));
     EXPECT_FALSE(config->checkRuleMatch({100.0f, true}, *bad));
     EXPECT_THAT(log(), IsEmpty());
-
-    EXPECT_TRUE(config->checkRuleMatch({0.0f, true}, *entries));
-    EXPECT_FALSE(config->checkRuleMatch({0.0f, false}, *entries));
-    EXPECT_FALSE(config->checkRuleMatch({0.0f, false}, *entries));
+    EXPECT_TRUE(config->checkRuleMatch({0.0f, true}, *named));
+    EXPECT_FALSE(config->checkRuleMatch({0.0f, false}, *named));
+    EXPECT_FALSE(config->checkRuleMatch({0.0f, false}, *named));
     EXPECT_EQ(mLog.count("PeltoConfig", "no rule in this entry"), 2u);
 }
 
@@ -169,8 +152,10 @@ TEST_F(PeltoRuleMatchTest, lookupsAndMatchingAllocateNothing) {
         const PeltoTargetIgnoreInfo* ignoreInfo = nullptr;
         hits += config.isTargetLayer(target, &targetInfo) + config.isTargetLayer(missing, nullptr);
         hits += config.isTargetIgnoreLayer(ignore, &ignoreInfo);
-        hits += config.isExceptionLayer(missing, &rule) + config.isExceptionLayer(exception, nullptr);
-        hits += config.hasExceptionGeneralRule() + config.isAlwaysOn() + config.useAdaptiveTimeout();
+        hits += config.isExceptionLayer(missing, &rule);
+        hits += config.isExceptionLayer(exception, nullptr);
+        hits += config.hasExceptionGeneralRule() + config.isAlwaysOn();
+        hits += config.useAdaptiveTimeout();
         hits += config.checkRuleMatch(input, *rule) + config.checkExceptionGeneralRuleMatch(input);
     }
     const size_t allocations = counter.allocations();

@@ -1,6 +1,5 @@
 #include "support/AllocationCounter.h"
 
-#include <algorithm>
 #include <cstdlib>
 #include <new>
 
@@ -51,88 +50,22 @@ void ignoreFree(const volatile void*) {}
 
 #else
 
-namespace {
-
-void* countedAlloc(size_t size, size_t alignment = 0) noexcept {
+// The array and nothrow forms call these by default, so replacing them counts
+// every allocation but the over-aligned ones.
+void* operator new(size_t size) {
     ++tAllocations;
     // malloc(0) may return null; operator new must not.
-    size = size == 0 ? 1 : size;
-    if (alignment == 0) {
-        return std::malloc(size);
-    }
-    void* p = nullptr;
-    return posix_memalign(&p, std::max(alignment, sizeof(void*)), size) == 0 ? p : nullptr;
-}
-
-void* countedNew(size_t size, size_t alignment = 0) {
-    if (void* p = countedAlloc(size, alignment)) {
+    if (void* p = std::malloc(size == 0 ? 1 : size)) {
         return p;
     }
     throw std::bad_alloc();
 }
 
-} // namespace
-
-// Every replaceable form, so that each block is freed by the family that made it.
-void* operator new(size_t size) {
-    return countedNew(size);
-}
-void* operator new[](size_t size) {
-    return countedNew(size);
-}
-void* operator new(size_t size, std::align_val_t alignment) {
-    return countedNew(size, static_cast<size_t>(alignment));
-}
-void* operator new[](size_t size, std::align_val_t alignment) {
-    return countedNew(size, static_cast<size_t>(alignment));
-}
-void* operator new(size_t size, const std::nothrow_t&) noexcept {
-    return countedAlloc(size);
-}
-void* operator new[](size_t size, const std::nothrow_t&) noexcept {
-    return countedAlloc(size);
-}
-void* operator new(size_t size, std::align_val_t alignment, const std::nothrow_t&) noexcept {
-    return countedAlloc(size, static_cast<size_t>(alignment));
-}
-void* operator new[](size_t size, std::align_val_t alignment, const std::nothrow_t&) noexcept {
-    return countedAlloc(size, static_cast<size_t>(alignment));
-}
-
 void operator delete(void* p) noexcept {
     std::free(p);
 }
-void operator delete[](void* p) noexcept {
-    std::free(p);
-}
+
 void operator delete(void* p, size_t) noexcept {
-    std::free(p);
-}
-void operator delete[](void* p, size_t) noexcept {
-    std::free(p);
-}
-void operator delete(void* p, const std::nothrow_t&) noexcept {
-    std::free(p);
-}
-void operator delete[](void* p, const std::nothrow_t&) noexcept {
-    std::free(p);
-}
-void operator delete(void* p, std::align_val_t) noexcept {
-    std::free(p);
-}
-void operator delete[](void* p, std::align_val_t) noexcept {
-    std::free(p);
-}
-void operator delete(void* p, size_t, std::align_val_t) noexcept {
-    std::free(p);
-}
-void operator delete[](void* p, size_t, std::align_val_t) noexcept {
-    std::free(p);
-}
-void operator delete(void* p, std::align_val_t, const std::nothrow_t&) noexcept {
-    std::free(p);
-}
-void operator delete[](void* p, std::align_val_t, const std::nothrow_t&) noexcept {
     std::free(p);
 }
 

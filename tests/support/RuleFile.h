@@ -39,49 +39,30 @@ private:
     const std::string mPath;
 };
 
-// A line that the configuration logs.
-inline LogLine configLine(int priority, std::string message) {
-    return {priority, "PeltoConfig", std::move(message)};
-}
-inline LogLine configInfo(std::string message) {
-    return configLine(ANDROID_LOG_INFO, std::move(message));
-}
-inline LogLine configWarning(std::string message) {
-    return configLine(ANDROID_LOG_WARN, std::move(message));
-}
-inline LogLine configError(std::string message) {
-    return configLine(ANDROID_LOG_ERROR, std::move(message));
-}
+// Lines that the configuration logs.
+inline LogLine configInfo(std::string m) { return {ANDROID_LOG_INFO, "PeltoConfig", m}; }
+inline LogLine configWarning(std::string m) { return {ANDROID_LOG_WARN, "PeltoConfig", m}; }
+inline LogLine configError(std::string m) { return {ANDROID_LOG_ERROR, "PeltoConfig", m}; }
 
 // A complete rule file (one target "t", both switches on) around the given
 // "exception_rule" elements.
 inline std::string ruleFileWithExceptions(const std::string& elements) {
-    return R"({"target_layers": [{"name": "t"}],
-               "general_rule": {"on_when_has_other_layer": true, "use_adaptive_timeout": true},
-               "exception_rule": [)" +
-            elements + "]}";
+    return R"({"target_layers": [{"name": "t"}], "general_rule": {"on_when_has_other_layer": 1,
+               "use_adaptive_timeout": true}, "exception_rule": [)" + elements + "]}";
 }
 
-// A rule file that uses every kind of key: two targets with ignored layers, both
-// switches, a general exception entry and two named exception rules.
-inline constexpr const char* kExampleRuleFile = R"({
-  "target_layers": [
-    { "name": "example.player/VideoSurface",
-      "ignore_names": [ "example.player/Subtitles", "example.player/Controls" ] },
-    { "name": "example.reader/PageSurface" }
-  ],
-  "general_rule": {
-    "on_when_has_other_layer": true,
-    "use_adaptive_timeout": false
-  },
+// A rule file that uses every kind of key: two targets, two ignored names,
+// both switches, a general exception entry and two named exception rules.
+inline constexpr const char* kExampleRuleFile = R"({"target_layers": [
+    {"name": "example.player/VideoSurface",
+     "ignore_names": ["example.player/Subtitles", "example.player/Controls"]},
+    {"name": "example.reader/PageSurface"}],
+  "general_rule": {"on_when_has_other_layer": true, "use_adaptive_timeout": false},
   "exception_rule": [
-    { "layer_screen_size_ratio": { "condition": "1 bigger", "value1": 30 } },
-    { "name": "example.keyboard/InputPanel",
-      "layer_screen_size_ratio": { "condition": "2", "value1": 10, "value2": 50 },
-      "focus": true },
-    { "name": "example.dialog/Popup", "always_true": true }
-  ]
-})";
+    {"layer_screen_size_ratio": {"condition": "1 bigger", "value1": 30}},
+    {"name": "example.keyboard/InputPanel", "focus": true,
+     "layer_screen_size_ratio": {"condition": "2", "value1": 10, "value2": 50}},
+    {"name": "example.dialog/Popup", "always_true": true}]})";
 
 } // namespace android::test
 
