@@ -108,15 +108,16 @@ bool loadRatioCondition(const Json::Value& ratio, Json::ArrayIndex index,
         return false;
     }
 
-    const Json::Value& value1 = ratio["value1"];
-    if (!isPresent(value1)) {
+    const Json::Value& value1Json = ratio["value1"];
+    if (!isPresent(value1Json)) {
         ALOGE("no value1");
         return false;
     }
-    if (!value1.isNumeric()) {
+    if (!value1Json.isNumeric()) {
         ALOGE("value1 is not numeric");
         return false;
     }
+    const float value1 = value1Json.asFloat();
     const Json::Value& value2Json = ratio["value2"];
     std::optional<float> value2;
     if (isPresent(value2Json)) {
@@ -131,12 +132,12 @@ bool loadRatioCondition(const Json::Value& ratio, Json::ArrayIndex index,
             ALOGE("condition in_range, but no value2");
             return false;
         }
-        if (value1.asFloat() > *value2) {
+        if (value1 > *value2) {
             ALOGE("value1 > value2");
             return false;
         }
     }
-    entry.ruleLayerScreenSizeRatio = makeNumericCondition(type, value1.asFloat(), value2);
+    entry.ruleLayerScreenSizeRatio = makeNumericCondition(type, value1, value2);
     return true;
 }
 
@@ -212,22 +213,21 @@ int PeltoConfig::loadConfig(std::ifstream& stream) {
         mLoadConfigSucceeded = false;
         return kLoadFailed;
     }
-    // Every member below is read through operator[], which needs an object.
-    if (!root.isObject()) {
-        ALOGE("root is not an object");
+    const auto rejectFile = [this](const char* reason) {
+        ALOGE("%s", reason);
         mLoadConfigSucceeded = false;
         return kLoadFailed;
+    };
+    // Every member below is read through operator[], which needs an object.
+    if (!root.isObject()) {
+        return rejectFile("root is not an object");
     }
     const Json::Value& targets = root["target_layers"];
     if (!isPresent(targets)) {
-        ALOGE("targetLayers.empty()");
-        mLoadConfigSucceeded = false;
-        return kLoadFailed;
+        return rejectFile("targetLayers.empty()");
     }
     if (!targets.isArray()) {
-        ALOGE("target_layers is not an array");
-        mLoadConfigSucceeded = false;
-        return kLoadFailed;
+        return rejectFile("target_layers is not an array");
     }
     loadTargetLayers(targets);
     loadGeneralRule(root["general_rule"]);
