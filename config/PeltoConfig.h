@@ -7,6 +7,10 @@
 
 #include "config/PeltoExceptionRule.h"
 
+namespace Json {
+class Value;
+} // namespace Json
+
 namespace android {
 
 struct PeltoTargetLayerInfo {
@@ -35,7 +39,7 @@ public:
     PeltoConfig& operator=(const PeltoConfig&) = delete;
 
     // The rule file's path: "/system/etc/pelto_config.json". On host builds the
-    // environment variable PELTO_CONFIG_PATH, when set, replaces it.
+    // environment variable PELTO_CONFIG_PATH, when set and not empty, replaces it.
     static std::string configPath();
 
     // Reads the rule file; a reload first empties the rule containers. 0 or -5.
@@ -62,6 +66,13 @@ public:
     void dump(std::string& out) const;
 
 private:
+    // Loader steps, in file order. Each logs what it rejects and clears
+    // mLoadConfigSucceeded for it.
+    void loadTargetLayers(const Json::Value& targets);
+    void loadGeneralRule(const Json::Value& generalRule);
+    bool loadSwitch(const Json::Value& value, const char* key, bool& out);
+    void loadExceptionRules(const Json::Value& exceptions);
+
     std::unordered_map<std::string, PeltoTargetLayerInfo> mTargetLayers;
     std::unordered_map<std::string, PeltoTargetIgnoreInfo> mTargetIgnoreLayers;
     std::unordered_map<std::string, PeltoExceptionRule> mExceptionRules;

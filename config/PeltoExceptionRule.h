@@ -38,6 +38,15 @@ struct PeltoExceptionRuleBool {
     std::function<bool(bool)> func;
 };
 
+// Builds a condition with its predicate. The predicate holds copies of the
+// constants, so it stays correct wherever the record is copied. A numeric
+// condition of an unknown type, or "in_range" without value2, never matches.
+// The numeric builder exists for float.
+template <typename T>
+PeltoExceptionRuleNumeric<T> makeNumericCondition(int32_t conditionType, T value1,
+                                                  std::optional<T> value2);
+PeltoExceptionRuleBool makeBoolCondition(bool value);
+
 // One element of the rule file's "exception_rule" array.
 struct PeltoExceptionRuleEntry {
     std::optional<PeltoExceptionRuleNumeric<float>> ruleLayerScreenSizeRatio;
