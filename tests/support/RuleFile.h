@@ -23,6 +23,8 @@ public:
           : mPath(::testing::TempDir() + "pelto_config_" + std::to_string(getpid()) + ".json") {
         setenv("PELTO_CONFIG_PATH", mPath.c_str(), 1);
     }
+    // The same, with the file written at once.
+    explicit ScopedRuleFile(const std::string& json) : ScopedRuleFile() { write(json); }
     ~ScopedRuleFile() {
         remove();
         unsetenv("PELTO_CONFIG_PATH");

@@ -1,0 +1,212 @@
+#define LOG_TAG "PeltoController"
+
+#include <log/log.h>
+
+#include "controller/PeltoController.h"
+
+namespace android {
+namespace {
+
+constexpr int32_t kOff = static_cast<int32_t>(PeltoState::Off);
+constexpr int32_t kOn = static_cast<int32_t>(PeltoState::On);
+constexpr int32_t kTempOff = static_cast<int32_t>(PeltoState::TempOff);
+
+// Reason codes stored with each state change.
+constexpr int32_t kReasonForceOff = 360;
+constexpr int32_t kReasonApiNoTarget = 375;
+constexpr int32_t kReasonApiOn = 389;
+constexpr int32_t kReasonApiDisabled = 391;
+constexpr int32_t kReasonApiTargetNotVisible = 394;
+constexpr int32_t kReasonNoTargetRegistered = 413;
+constexpr int32_t kReasonNoTargetVisible = 455;
+constexpr int32_t kReasonOtherLayerNoGeneralRule = 511;
+constexpr int32_t kReasonGeneralRule = 518;
+constexpr int32_t kReasonExceptionRule = 547;
+constexpr int32_t kReasonListOn = 551;
+
+} // namespace
+
+void PeltoController::composite(bool forceOff, bool compositeFlag, unsigned int screenArea) {
+    std::lock_guard composition(mCompositionMutex);
+    if (forceOff) {
+        setPeltoState(kOff, kReasonForceOff);
+        return;
+    }
+    mCompositeFlag = compositeFlag;
+    if (mUseList) {
+        compositeList(screenArea);
+    } else {
+        compositeApi();
+    }
+}
+
+void PeltoController::compositeApi() {
+    const void* target = mTargetLayer.load();
+    if (target == nullptr) {
+        setPeltoState(kOff, kReasonApiNoTarget);
+        return;
+    }
+    bool found = false;
+    mTraverseVisibleLayers([target, &found](const void* layerPtr) {
+        if (layerPtr == target) {
+            found = true;
+        }
+    });
+    if (!found) {
+        setPeltoState(kOff, kReasonApiTargetNotVisible);
+    } else if (mPeltoEnable.load()) {
+        setPeltoState(kOn, kReasonApiOn);
+    } else {
+        setPeltoState(kTempOff, kReasonApiDisabled);
+    }
+}
+
+PeltoExceptionRuleInput PeltoController::prepareExceptionInput(const PeltoLayer& layer,
+                                                               unsigned int screenArea) const {
+    PeltoExceptionRuleInput input;
+    input.layerScreenSizeRatio =
+            screenArea == 0 ? 0.0f : layer.area / static_cast<float>(screenArea) * 100.0f;
+    input.focus = layer.focused;
+    return input;
+}
+
+void PeltoController::setActiveTargetLayer(const PeltoLayer& layer) {
+    for (PeltoLayer& record : mLayers) {
+        if (record.type == static_cast<int32_t>(PeltoLayerType::TargetLayer)) {
+            record.isActiveTarget = record.layerPtr == layer.layerPtr;
+        }
+    }
+    resetFps();
+}
+
+void PeltoController::visitBufferLayerLocked(const void* layerPtr, float area, bool focused) {
+    const auto indexed = mLayerIndex.find(layerPtr);
+    if (indexed == mLayerIndex.end()) {
+        ALOGW("%p not found in mLayers", layerPtr);
+        return;
+    }
+    PeltoLayer& record = *indexed->second;
+    record.area = area;
+    record.focused = focused;
+
+    CompositionScratch& s = mScratch;
+    switch (static_cast<uint32_t>(record.type)) {
+        case static_cast<uint32_t>(PeltoLayerType::Nobody):
+            s.otherLayers.push_back(record);
+            break;
+        case static_cast<uint32_t>(PeltoLayerType::TargetLayer):
+            s.targetCandidates.push_back(record);
+            if (record.isActiveTarget) {
+                s.activeTarget = s.targetCandidates.size() - 1;
+            }
+            break;
+        case static_cast<uint32_t>(PeltoLayerType::TargetIgnoreLayer):
+            s.ignoreLayers.push_back(record);
+            break;
+        case static_cast<uint32_t>(PeltoLayerType::ExceptionLayer):
+            s.exceptionLayers.push_back(record);
+            break;
+        default:
+            ALOGW("layer has invalid type %s", record.name.c_str());
+            s.otherLayers.push_back(record);
+            break;
+    }
+}
+
+void PeltoController::compositeList(unsigned int screenArea) {
+    if (mConfig == nullptr) {
+        return;
+    }
+    // Rule records stay valid for the whole decision: a reload waits for it.
+    std::lock_guard config(mConfigMutex);
+
+    CompositionScratch& s = mScratch;
+    s.targetCandidates.clear();
+    s.otherLayers.clear();
+    s.ignoreLayers.clear();
+    s.exceptionLayers.clear();
+    s.activeTarget = kNoActiveTarget;
+
+    {
+        std::lock_guard lock(mLayerMutex);
+        if (mTargetCandidateCount < 1) {
+            setPeltoState(kOff, kReasonNoTargetRegistered);
+            return;
+        }
+
+        // Captures only `this`, so the visitor fits std::function's inline
+        // storage and passing it allocates nothing.
+        mTraverseVisibleBufferLayers(
+                [this](const void* layerPtr, float area, bool focused) NO_THREAD_SAFETY_ANALYSIS {
+                    // The host calls the visitor synchronously, inside the
+                    // traversal, while this thread holds both locks.
+                    visitBufferLayerLocked(layerPtr, area, focused);
+                });
+
+        if (s.targetCandidates.empty()) {
+            setPeltoState(kOff, kReasonNoTargetVisible);
+            return;
+        }
+
+        // The active target sticks while it is visible; otherwise the first
+        // visible candidate takes over and the pace is measured afresh.
+        if (s.activeTarget == kNoActiveTarget) {
+            s.activeTarget = 0;
+            setActiveTargetLayer(s.targetCandidates[0]);
+            ALOGI("active target layer: %s", s.targetCandidates[0].name.c_str());
+        }
+    }
+
+    const PeltoLayer& activeTarget = s.targetCandidates[s.activeTarget];
+    for (const PeltoLayer& layer : s.ignoreLayers) {
+        if (layer.targetIgnoreInfo == nullptr) {
+            s.otherLayers.push_back(layer);
+        } else if (activeTarget.targetInfo == nullptr) {
+            ALOGE("activeTarget->targetInfo == nullptr");
+            break;
+        } else if (layer.targetIgnoreInfo->id != activeTarget.targetInfo->id) {
+            // Ignored only beside another target: it counts against the mode here.
+            s.otherLayers.push_back(layer);
+        }
+    }
+
+    // With always-on off the rules say when the mode may stay on; with it on,
+    // they say when the mode must go to Temp Off.
+    const bool alwaysOn = mConfig->isAlwaysOn();
+
+    if (!s.otherLayers.empty()) {
+        if (!mConfig->hasExceptionGeneralRule()) {
+            if (!alwaysOn) {
+                setPeltoState(kTempOff, kReasonOtherLayerNoGeneralRule);
+                return;
+            }
+        } else {
+            for (const PeltoLayer& layer : s.otherLayers) {
+                const bool match = mConfig->checkExceptionGeneralRuleMatch(
+                        prepareExceptionInput(layer, screenArea));
+                if (match == alwaysOn) {
+                    setPeltoState(kTempOff, kReasonGeneralRule);
+                    return;
+                }
+            }
+        }
+    }
+
+    for (const PeltoLayer& layer : s.exceptionLayers) {
+        if (layer.exceptionRule == nullptr) {
+            ALOGE("exceptionLayer.exceptionRule == nullptr");
+            continue;
+        }
+        const bool match =
+                mConfig->checkRuleMatch(prepareExceptionInput(layer, screenArea),
+                                        *layer.exceptionRule);
+        if (match == alwaysOn) {
+            setPeltoState(kTempOff, kReasonExceptionRule);
+            return;
+        }
+    }
+
+    setPeltoState(kOn, kReasonListOn);
+}
+
+} // namespace android

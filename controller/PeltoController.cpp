@@ -1,0 +1,120 @@
+#define LOG_TAG "PeltoController"
+
+#include "controller/PeltoController.h"
+
+#include <pthread.h>
+#include <sched.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <future>
+#include <utility>
+
+#include <log/log.h>
+#include <processgroup/sched_policy.h>
+
+#include "scheduler/PeltoTimer.h"
+
+namespace android {
+namespace {
+
+constexpr int kFenceThreadFifoPriority = 2;
+// The platform's urgent-display niceness (HAL_PRIORITY_URGENT_DISPLAY).
+constexpr int kUrgentDisplayNice = -8;
+
+} // namespace
+
+PeltoController::PeltoController(bool useList, GetLayerPtrFromHandle getLayerPtrFromHandle,
+                                 GetBufferCountFromHandle getBufferCountFromHandle,
+                                 TraverseVisibleLayers traverseVisibleLayers,
+                                 TraverseVisibleBufferLayers traverseVisibleBufferLayers,
+                                 GetCurrentVsyncPeriod getCurrentVsyncPeriod,
+                                 TriggerVsyncCallback triggerVsyncCallback,
+                                 HostCallback triggerEventQueueInvalidate,
+                                 HostCallback setHwcPeltoOn, HostCallback setHwcPeltoOff)
+      : mUseList(useList),
+        mHasPendingBuffer("PeltoHasPendingBuf", false),
+        mState("PeltoState", static_cast<int32_t>(PeltoState::Off)),
+        mPeltoTimer(std::make_unique<scheduler::PeltoTimer>("Pelto")),
+        mQ2QFps("Pelto2-Q2QFps", 0),
+        mHasOtherUI("PeltoHasOtherUI", false),
+        mGetLayerPtrFromHandle(std::move(getLayerPtrFromHandle)),
+        mGetBufferCountFromHandle(std::move(getBufferCountFromHandle)),
+        mTraverseVisibleLayers(std::move(traverseVisibleLayers)),
+        mTraverseVisibleBufferLayers(std::move(traverseVisibleBufferLayers)),
+        mGetCurrentVsyncPeriod(std::move(getCurrentVsyncPeriod)),
+        mTriggerVsyncCallback(std::move(triggerVsyncCallback)),
+        mTriggerEventQueueInvalidate(std::move(triggerEventQueueInvalidate)),
+        mSetHwcPeltoOn(std::move(setHwcPeltoOn)),
+        mSetHwcPeltoOff(std::move(setHwcPeltoOff)) {
+    LOG_ALWAYS_FATAL_IF(mGetLayerPtrFromHandle == nullptr, "mGetLayerPtrFromHandle is nullptr");
+    LOG_ALWAYS_FATAL_IF(mGetBufferCountFromHandle == nullptr,
+                        "mGetBufferCountFromHandle is nullptr");
+    LOG_ALWAYS_FATAL_IF(mUseList && mTraverseVisibleBufferLayers == nullptr,
+                        "mTraverseVisibleBufferLayers is nullptr");
+    LOG_ALWAYS_FATAL_IF(!mUseList && mTraverseVisibleLayers == nullptr,
+                        "mTraverseVisibleLayers is nullptr");
+    LOG_ALWAYS_FATAL_IF(mGetCurrentVsyncPeriod == nullptr, "mGetCurrentVsyncPeriod is nullptr");
+    LOG_ALWAYS_FATAL_IF(mTriggerVsyncCallback == nullptr, "mTriggerVsyncCallback is nullptr");
+    LOG_ALWAYS_FATAL_IF(mTriggerEventQueueInvalidate == nullptr,
+                        "mTriggerEventQueueInvalidate is nullptr");
+    LOG_ALWAYS_FATAL_IF(mSetHwcPeltoOn == nullptr, "mSetHwcPeltoOn is nullptr");
+    LOG_ALWAYS_FATAL_IF(mSetHwcPeltoOff == nullptr, "mSetHwcPeltoOff is nullptr");
+
+    if (mUseList) {
+        mConfig = std::make_unique<PeltoConfig>();
+        mUseAdaptiveTimeout = mConfig->useAdaptiveTimeout();
+    }
+
+    resetFps();
+    startFenceThread();
+}
+
+void PeltoController::startFenceThread() {
+#ifdef __ANDROID__
+    mFenceThread = std::thread(&PeltoController::fenceLoop, this);
+    const pid_t tid = pthread_gettid_np(mFenceThread.native_handle());
+#else
+    // glibc cannot give another thread's kernel id, so the thread reports its
+    // own before it enters the loop.
+    std::promise<pid_t> tidPromise;
+    std::future<pid_t> tidFuture = tidPromise.get_future();
+    mFenceThread = std::thread([this, &tidPromise] {
+        tidPromise.set_value(gettid());
+        fenceLoop();
+    });
+    const pid_t tid = tidFuture.get();
+#endif
+
+    if (pthread_setname_np(mFenceThread.native_handle(), "PeltoFenceLoop") != 0) {
+        ALOGI("pthread_setname_np fail");
+    }
+
+    sched_param param{};
+    param.sched_priority = kFenceThreadFifoPriority;
+    if (pthread_setschedparam(mFenceThread.native_handle(), SCHED_FIFO, &param) != 0) {
+        ALOGE("Couldn't set SCHED_FIFO for pelto_fence_loop");
+    }
+
+    if (setpriority(PRIO_PROCESS, tid, kUrgentDisplayNice) == -1) {
+        ALOGE("set HAL_PRIORITY_URGENT_DISPLAY fail");
+    }
+
+    if (set_sched_policy(tid, SP_FOREGROUND) == -1) {
+        ALOGE("set SP_FOREGROUND fail");
+    }
+}
+
+PeltoController::~PeltoController() {
+    {
+        std::lock_guard lock(mFenceMutex);
+        mFenceLoopExit = true;
+        mFenceCondition.notify_all();
+    }
+    mFenceThread.join();
+    // The members go in reverse order of declaration: the timer joins its own
+    // thread, and the configuration goes last. No host callback is called and
+    // the HWC mode is left as it is.
+}
+
+} // namespace android

@@ -1,0 +1,101 @@
+#define LOG_TAG "PeltoController"
+
+#include <log/log.h>
+
+#include "controller/PeltoController.h"
+#include "scheduler/PeltoTimer.h"
+#include "trace/PeltoTraceLog.h"
+
+namespace android {
+
+const char* peltoStateName(int32_t state) {
+    static constexpr const char* kNames[] = {"Off", "On", "Temp Off"};
+    const auto index = static_cast<uint32_t>(state);
+    return index < std::size(kNames) ? kNames[index] : "Unknown";
+}
+
+bool PeltoController::isOn() const {
+    return mState.get() == static_cast<int32_t>(PeltoState::On);
+}
+
+void PeltoController::commit() {
+    if (isOn()) {
+        mHasPendingBuffer = false;
+    }
+}
+
+void PeltoController::setHasPendingBuffer(const void* layerPtr) {
+    if (layerPtr == mTargetLayer.load()) {
+        mHasPendingBuffer = true;
+    }
+}
+
+void PeltoController::setPeltoEnable(bool enable) {
+    if (mUseList) {
+        ALOGE("api no effect under use list");
+    }
+    mPeltoEnable = enable;
+}
+
+void PeltoController::setTargetLayer(const void* layerPtr) {
+    if (mUseList) {
+        ALOGE("api no effect under use list");
+    }
+    if (layerPtr != mTargetLayer.load()) {
+        resetFps();
+        mTargetLayer = layerPtr;
+    }
+}
+
+void PeltoController::setHasOtherUI(bool hasOtherUI) {
+    mHasOtherUI = hasOtherUI;
+}
+
+void PeltoController::triggerVsyncCallback(bool enable) {
+    mTriggerVsyncCallback(enable);
+}
+
+void PeltoController::setPeltoState(int32_t state, int32_t reason) {
+    const int32_t oldState = mState.get();
+    if (state == oldState) {
+        return;
+    }
+
+    char text[96];
+    snprintf(text, sizeof(text), "setPeltoState, %s -> %s, %d\n", peltoStateName(oldState),
+             peltoStateName(state), reason);
+    traceLog("pelto2_sf_lib: %s", text);
+    ALOGI("%s", text);
+
+    mState = state;
+    mStateReason = reason;
+
+    const auto on = static_cast<int32_t>(PeltoState::On);
+    if (oldState == on && state == static_cast<int32_t>(PeltoState::Off)) {
+        cancelPendingAlarms();
+        const char* kReRegister = "from on to off, re-register vsync\n";
+        traceLog("pelto2_sf_lib: %s", kReRegister);
+        ALOGI("%s", kReRegister);
+        resetFps();
+    }
+
+    const int32_t hwcOn = state == on ? 1 : 0;
+    if (hwcOn != mHwcPeltoOn.load()) {
+        mHwcPeltoOn = hwcOn;
+        if (hwcOn) {
+            mSetHwcPeltoOn();
+        } else {
+            mSetHwcPeltoOff();
+        }
+    }
+}
+
+void PeltoController::cancelPendingAlarms() {
+    std::lock_guard lock(mAlarmListMutex);
+    if (!mPendingAlarms.empty()) {
+        mPeltoTimer->alarmCancel();
+        mPendingAlarms.clear();
+    }
+}
+
+} // namespace android

@@ -1,0 +1,233 @@
+#include <dirent.h>
+#include <sys/resource.h>
+#include <pthread.h>
+#include <sched.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <fstream>
+#include <set>
+#include <string>
+#include <thread>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "controller/PeltoController.h"
+#include "support/FakeCompositor.h"
+#include "support/RuleFile.h"
+#include "support/FakeTrace.h"
+#include "support/LogCapture.h"
+
+namespace android {
+namespace {
+
+using test::counter;
+using test::FakeCompositor;
+using test::FakeTrace;
+using test::LogCapture;
+using test::ScopedFakeTrace;
+using test::ScopedRuleFile;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+// Names of this process's threads, from /proc.
+std::multiset<std::string> threadNames() {
+    std::multiset<std::string> names;
+    DIR* dir = opendir("/proc/self/task");
+    if (dir == nullptr) return names;
+    while (dirent* entry = readdir(dir)) {
+        if (entry->d_name[0] == '.') continue;
+        std::ifstream comm(std::string("/proc/self/task/") + entry->d_name + "/comm");
+        std::string name;
+        std::getline(comm, name);
+        names.insert(name);
+    }
+    closedir(dir);
+    return names;
+}
+
+constexpr const char* kRules = R"({
+  "target_layers": [ { "name": "video" } ],
+  "general_rule": { "on_when_has_other_layer": true, "use_adaptive_timeout": false }
+})";
+
+TEST(PeltoControllerLifecycleTest, startsBothThreadsAndJoinsThemAtTeardown) {
+    FakeCompositor host;
+    const auto before = threadNames();
+    ASSERT_EQ(before.count("PeltoFenceLoop"), 0u);
+    {
+        auto controller = host.create(/*useList=*/false);
+        // The constructor names the fence thread; the timer's thread names
+        // itself once it runs, so wait (bounded) for that.
+        EXPECT_EQ(threadNames().count("PeltoFenceLoop"), 1u);
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+        while (threadNames().count("TimerDispatch") == 0 &&
+               std::chrono::steady_clock::now() < deadline) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+        EXPECT_EQ(threadNames().count("TimerDispatch"), 1u);
+    }
+    const auto after = threadNames();
+    EXPECT_EQ(after.count("PeltoFenceLoop"), 0u);
+    EXPECT_EQ(after.count("TimerDispatch"), 0u);
+}
+
+TEST(PeltoControllerLifecycleTest, teardownWhileOnCallsNoCallback) {
+    FakeCompositor host;
+    auto controller = host.create(/*useList=*/false);
+    controller->setPeltoState(1, 389);
+    ASSERT_THAT(host.hwcCalls(), ElementsAre("on"));
+    host.clearRecords();
+    controller.reset();
+    EXPECT_THAT(host.timeline(), IsEmpty());
+    EXPECT_EQ(host.otherCalls(), 0);
+}
+
+TEST(PeltoControllerLifecycleTest, constructionCallsOnlyTheVsyncPeriodOnceAndTracesFourCounters) {
+    ScopedFakeTrace trace(true);
+    ScopedRuleFile rules(kRules);
+    FakeCompositor host;
+    auto controller = host.create(/*useList=*/true);
+
+    EXPECT_EQ(host.vsyncPeriodCalls(), 1);
+    EXPECT_EQ(host.otherCalls(), 0);
+    EXPECT_THAT(host.vsyncCallbacks(), IsEmpty());
+    EXPECT_THAT(host.hwcCalls(), IsEmpty());
+    EXPECT_FALSE(controller->isOn());
+
+    for (const char* name : {"PeltoHasPendingBuf", "PeltoState", "Pelto2-Q2QFps", "PeltoHasOtherUI"}) {
+        EXPECT_THAT(FakeTrace::instance().counters(name), ElementsAre(counter(name, 0))) << name;
+    }
+    // The timer's alarm state is traced too, under the timer's name.
+    EXPECT_THAT(FakeTrace::instance().counters("PeltoAlarmState"),
+                ElementsAre(counter("PeltoAlarmState", 0)));
+
+    std::string out;
+    controller->dump(out);
+    EXPECT_THAT(out, ::testing::HasSubstr("Pelto State: Off\nPelto State Reason: -1\n"));
+}
+
+TEST(PeltoControllerLifecycleTest, listModeReadsTheAdaptiveTimeoutSwitchFromTheRuleFile) {
+    ScopedRuleFile rules(kRules);
+    FakeCompositor host;
+    auto list = host.create(/*useList=*/true);
+    std::string out;
+    list->dump(out);
+    EXPECT_THAT(out, ::testing::StartsWith("mLoadConfigSucceeded: 1\nGeneral Rule:\n"
+                                           "\tstayOnWhenHasOtherLayer 1\n\tuseAdaptiveTimeout 0\n"));
+
+    // API mode has no configuration: its dump is the status block alone.
+    auto api = host.create(/*useList=*/false);
+    std::string apiOut;
+    api->dump(apiOut);
+    EXPECT_THAT(apiOut, ::testing::StartsWith("==========\nPelto State: Off\n"));
+}
+
+TEST(PeltoControllerLifecycleTest, theOtherModesTraversalMayBeEmpty) {
+    FakeCompositor host;
+    PeltoController list(true, host.getLayerPtrFromHandle(), host.getBufferCountFromHandle(),
+                         nullptr, host.traverseVisibleBufferLayers(), host.getCurrentVsyncPeriod(),
+                         host.triggerVsyncCallback(), host.triggerEventQueueInvalidate(),
+                         host.setHwcPeltoOn(), host.setHwcPeltoOff());
+    PeltoController api(false, host.getLayerPtrFromHandle(), host.getBufferCountFromHandle(),
+                        host.traverseVisibleLayers(), nullptr, host.getCurrentVsyncPeriod(),
+                        host.triggerVsyncCallback(), host.triggerEventQueueInvalidate(),
+                        host.setHwcPeltoOn(), host.setHwcPeltoOff());
+    list.composite(false, false, 100);
+    api.composite(false, false, 100);
+    EXPECT_FALSE(list.isOn());
+    EXPECT_FALSE(api.isOn());
+}
+
+// Whether this process may give a thread real-time priority and a negative
+// niceness: tried on a thread of its own, as the controller tries it.
+struct ThreadSetupRights {
+    bool fifo;
+    bool nice;
+};
+
+ThreadSetupRights probeThreadSetupRights() {
+    ThreadSetupRights rights{};
+    std::thread probe([&rights] {
+        sched_param param{};
+        param.sched_priority = 2;
+        rights.fifo = pthread_setschedparam(pthread_self(), SCHED_FIFO, &param) == 0;
+        rights.nice = setpriority(PRIO_PROCESS, gettid(), -8) == 0;
+    });
+    probe.join();
+    return rights;
+}
+
+TEST(PeltoControllerLifecycleTest, threadSetupRefusalsAreLoggedAndConstructionCompletes) {
+    const ThreadSetupRights rights = probeThreadSetupRights();
+    LogCapture log;
+    FakeCompositor host;
+    auto controller = host.create(/*useList=*/false);
+
+    // Naming and the foreground group always succeed on a host.
+    EXPECT_EQ(log.count("PeltoController", "pthread_setname_np fail"), 0u);
+    EXPECT_EQ(log.count("PeltoController", "set SP_FOREGROUND fail"), 0u);
+    EXPECT_EQ(log.count("PeltoController", "Couldn't set SCHED_FIFO for pelto_fence_loop"),
+              rights.fifo ? 0u : 1u);
+    EXPECT_EQ(log.count("PeltoController", "set HAL_PRIORITY_URGENT_DISPLAY fail"),
+              rights.nice ? 0u : 1u);
+    for (const auto& line : log.lines("PeltoController")) {
+        EXPECT_EQ(line.priority, ANDROID_LOG_ERROR) << line;
+    }
+    controller->composite(false, false, 0);
+    EXPECT_FALSE(controller->isOn());
+}
+
+// Builds a controller with the callback at `missing` (0-based, factory order)
+// left empty; a second index may be left empty too.
+void constructWithout(bool useList, int missing, int alsoMissing = -1) {
+    FakeCompositor host;
+    auto pick = [&](int index, auto callback) {
+        return index == missing || index == alsoMissing ? decltype(callback)() : callback;
+    };
+    PeltoController controller(useList, pick(0, host.getLayerPtrFromHandle()),
+                               pick(1, host.getBufferCountFromHandle()),
+                               pick(2, host.traverseVisibleLayers()),
+                               pick(3, host.traverseVisibleBufferLayers()),
+                               pick(4, host.getCurrentVsyncPeriod()),
+                               pick(5, host.triggerVsyncCallback()),
+                               pick(6, host.triggerEventQueueInvalidate()),
+                               pick(7, host.setHwcPeltoOn()), pick(8, host.setHwcPeltoOff()));
+}
+
+TEST(PeltoControllerLifecycleDeathTest, eachRequiredCallbackIsAssertedWithItsTexts) {
+    ::testing::FLAGS_gtest_death_test_style = "threadsafe";
+    struct Case {
+        bool useList;
+        int missing;
+        const char* cond;
+        const char* msg;
+    };
+    const Case cases[] = {
+            {true, 0, "mGetLayerPtrFromHandle == nullptr", "mGetLayerPtrFromHandle is nullptr"},
+            {true, 1, "mGetBufferCountFromHandle == nullptr",
+             "mGetBufferCountFromHandle is nullptr"},
+            {true, 3, "mUseList && mTraverseVisibleBufferLayers == nullptr",
+             "mTraverseVisibleBufferLayers is nullptr"},
+            {false, 2, "!mUseList && mTraverseVisibleLayers == nullptr",
+             "mTraverseVisibleLayers is nullptr"},
+            {true, 4, "mGetCurrentVsyncPeriod == nullptr", "mGetCurrentVsyncPeriod is nullptr"},
+            {true, 5, "mTriggerVsyncCallback == nullptr", "mTriggerVsyncCallback is nullptr"},
+            {true, 6, "mTriggerEventQueueInvalidate == nullptr",
+             "mTriggerEventQueueInvalidate is nullptr"},
+            {true, 7, "mSetHwcPeltoOn == nullptr", "mSetHwcPeltoOn is nullptr"},
+            {false, 8, "mSetHwcPeltoOff == nullptr", "mSetHwcPeltoOff is nullptr"},
+    };
+    for (const Case& c : cases) {
+        // The brackets around the texts are matched with '.'.
+        const std::string pattern =
+                std::string("tag=PeltoController cond=.") + c.cond + ". msg=." + c.msg + ".";
+        EXPECT_DEATH(constructWithout(c.useList, c.missing), pattern) << c.msg;
+    }
+    // Only the first failing check is reported.
+    EXPECT_DEATH(constructWithout(true, 8, 0), "msg=.mGetLayerPtrFromHandle is nullptr.");
+}
+
+} // namespace
+} // namespace android

@@ -1,0 +1,136 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "controller/PeltoController.h"
+#include "support/FakeCompositor.h"
+#include "support/RuleFile.h"
+
+namespace android {
+namespace {
+
+using test::dumpedState;
+using test::FakeCompositor;
+using test::ScopedRuleFile;
+using ::testing::EndsWith;
+using ::testing::HasSubstr;
+using ::testing::StartsWith;
+
+const void* const kVideo = reinterpret_cast<const void*>(0x1000);
+const void* const kSubtitle = reinterpret_cast<const void*>(0x2000);
+const void* const kKeyboard = reinterpret_cast<const void*>(0x3000);
+const void* const kOther = reinterpret_cast<const void*>(0x4000);
+
+constexpr const char* kRules = R"({
+  "target_layers": [ { "name": "video", "ignore_names": ["subtitle"] } ],
+  "general_rule": { "on_when_has_other_layer": true, "use_adaptive_timeout": true },
+  "exception_rule": [ { "name": "keyboard", "focus": true } ]
+})";
+
+constexpr const char* kConfigText =
+        "mLoadConfigSucceeded: 1\n"
+        "General Rule:\n"
+        "\tstayOnWhenHasOtherLayer 1\n"
+        "\tuseAdaptiveTimeout 1\n"
+        "==========\n"
+        "Target Layer\n"
+        "0: video\n"
+        "\tignore name: subtitle\n"
+        "==========\n"
+        "Exception Rule\n"
+        "Exception General Rule\n"
+        ">\n"
+        "keyboard\n"
+        ">\tfocus: true\n";
+
+class PeltoDumpReloadTest : public ::testing::Test {
+protected:
+    PeltoDumpReloadTest() {
+        mController->registerLayer(kVideo, "video#0");
+        mController->registerLayer(kSubtitle, "subtitle#0");
+        mController->registerLayer(kKeyboard, "keyboard#7");
+        mController->registerLayer(kOther, "other#0");
+    }
+
+    ScopedRuleFile mRules{kRules};
+    FakeCompositor mHost;
+    std::unique_ptr<PeltoController> mController = mHost.create(/*useList=*/true);
+};
+
+TEST_F(PeltoDumpReloadTest, dumpShowsConfigurationLayersAndStatus) {
+    mHost.setVisibleBufferLayers({{kVideo, 5000, true}, {kKeyboard, 250.5f, false}});
+    mController->composite(false, false, 10000);
+
+    std::string out = "kept\n";
+    mController->dump(out);
+    EXPECT_EQ(out, std::string("kept\n") + kConfigText +
+                      "==========\n"
+                      "TargetLayer:\n"
+                      "\tvideo#0\n"
+                      "\t\tid: 0\n"
+                      "\t\tcurrent active\n"
+                      "\t\tarea: 5000 focused: 1\n"
+                      "TargetIgnoreLayer:\n"
+                      "\tsubtitle#0\n"
+                      "\t\ttargetId: 0\n"
+                      "\t\tarea: 0 focused: 0\n"
+                      "ExceptionLayer:\n"
+                      "\tkeyboard#7\n"
+                      "\t\tarea: 250.5 focused: 0\n"
+                      "Nobody:\n"
+                      "\tother#0\n"
+                      "\t\tarea: 0 focused: 0\n"
+                      "==========\n"
+                      "Pelto State: On\n"
+                      "Pelto State Reason: 551\n"
+                      "HasOtherUI: 0\n"
+                      "Fps: \n"
+                      "\tqueueCount: 0\n"
+                      "\tmaxQueueCount: 30\n"
+                      "\tavgPeriod: 0 avgFps: 0\n"
+                      "\tcurrentPeriod: 16666666\n");
+}
+
+TEST_F(PeltoDumpReloadTest, reloadReclassifiesEveryLayerUnderTheNewRules) {
+    mHost.setVisibleBufferLayers({{kVideo, 5000}});
+    mController->composite(false, false, 10000);
+    ASSERT_EQ(dumpedState(*mController), "On 551");
+
+    // "video" is no longer a target; "other" now is.
+    mRules.write(R"({"target_layers": [{"name": "other"}],
+        "general_rule": {"on_when_has_other_layer": true, "use_adaptive_timeout": true}})");
+    std::string out;
+    mController->reloadConfigThenDump(out);
+    EXPECT_THAT(out, StartsWith("Reload Succeeded\nmLoadConfigSucceeded: 1\n"));
+    EXPECT_THAT(out, EndsWith("Target Layer\n0: other\n==========\nException Rule\n"
+                              "Exception General Rule\n>\n"));
+
+    std::string dump;
+    mController->dump(dump);
+    EXPECT_THAT(dump, HasSubstr("TargetLayer:\n\tother#0\n\t\tid: 0\n\t\tarea: 0 focused: 0\n"
+                                "TargetIgnoreLayer:\nExceptionLayer:\nNobody:\n"
+                                "\tvideo#0\n\t\tarea: 0 focused: 0\n"
+                                "\tsubtitle#0\n\t\tarea: 0 focused: 0\n"
+                                "\tkeyboard#7\n\t\tarea: 0 focused: 0\n"));
+    // The state is left to the next composition.
+    EXPECT_EQ(dumpedState(*mController), "On 551");
+    mController->composite(false, false, 10000);
+    EXPECT_EQ(dumpedState(*mController), "Off 455");
+}
+
+TEST_F(PeltoDumpReloadTest, failedReloadLeavesNoRulesAndIsReported) {
+    mHost.setVisibleBufferLayers({{kVideo, 5000}});
+    mController->composite(false, false, 10000);
+    mRules.remove();
+
+    std::string out;
+    mController->reloadConfigThenDump(out);
+    EXPECT_THAT(out, StartsWith("Reload Failed\nmLoadConfigSucceeded: 1\n"));
+    EXPECT_THAT(out, HasSubstr("Target Layer\n==========\n"));
+
+    // Every layer is now Nobody, and no target is registered any more.
+    mController->composite(false, false, 10000);
+    EXPECT_EQ(dumpedState(*mController), "Off 413");
+}
+
+} // namespace
+} // namespace android

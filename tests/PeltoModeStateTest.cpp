@@ -1,0 +1,187 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "controller/PeltoController.h"
+#include "support/FakeCompositor.h"
+#include "support/RuleFile.h"
+#include "support/FakeTrace.h"
+#include "support/LogCapture.h"
+#include "trace/PeltoTraceLog.h"
+
+#include <android-base/properties.h>
+
+namespace android {
+namespace {
+
+using test::counter;
+using test::dumpedState;
+using test::FakeCompositor;
+using test::FakeTrace;
+using test::LogCapture;
+using test::ScopedFakeTrace;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+constexpr int32_t kOff = 0;
+constexpr int32_t kOn = 1;
+constexpr int32_t kTempOff = 2;
+
+class PeltoModeStateTest : public ::testing::Test {
+protected:
+    FakeCompositor mHost;
+    std::unique_ptr<PeltoController> mController = mHost.create(/*useList=*/false);
+};
+
+TEST_F(PeltoModeStateTest, transitionsCallTheHwcOnlyWhenCrossingOn) {
+    LogCapture log;
+    ScopedFakeTrace trace(true);
+    mHost.clearRecords();
+
+    mController->setPeltoState(kTempOff, 391);  // Off -> Temp Off: nothing else
+    EXPECT_THAT(mHost.timeline(), IsEmpty());
+    EXPECT_EQ(dumpedState(*mController), "Temp Off 391");
+
+    mController->setPeltoState(kOn, 389);  // Temp Off -> On
+    EXPECT_THAT(mHost.timeline(), ElementsAre("on"));
+    EXPECT_TRUE(mController->isOn());
+
+    mController->setPeltoState(kOn, 551);  // same state: the reason is not stored
+    EXPECT_EQ(dumpedState(*mController), "On 389");
+
+    mController->setPeltoState(kTempOff, 547);  // On -> Temp Off: HWC off, no reset
+    EXPECT_THAT(mHost.timeline(), ElementsAre("on", "off"));
+
+    mController->setPeltoState(kOff, 455);  // Temp Off -> Off: nothing else
+    EXPECT_THAT(mHost.timeline(), ElementsAre("on", "off"));
+
+    mController->setPeltoState(kOn, 551);  // Off -> On
+    mHost.clearRecords();
+    mController->setPeltoState(kOff, 360);  // On -> Off: reset, then HWC off
+    EXPECT_THAT(mHost.timeline(), ElementsAre("period", "off"));
+    EXPECT_EQ(dumpedState(*mController), "Off 360");
+
+    EXPECT_THAT(log.messages("PeltoController"),
+                ElementsAre("setPeltoState, Off -> Temp Off, 391\n",
+                            "setPeltoState, Temp Off -> On, 389\n",
+                            "setPeltoState, On -> Temp Off, 547\n",
+                            "setPeltoState, Temp Off -> Off, 455\n",
+                            "setPeltoState, Off -> On, 551\n", "setPeltoState, On -> Off, 360\n",
+                            "from on to off, re-register vsync\n"));
+    EXPECT_THAT(FakeTrace::instance().counters("PeltoState"),
+                ElementsAre(counter("PeltoState", 2), counter("PeltoState", 1),
+                            counter("PeltoState", 2), counter("PeltoState", 0),
+                            counter("PeltoState", 1), counter("PeltoState", 0)));
+}
+
+TEST_F(PeltoModeStateTest, unknownStatesPrintAsUnknownAndCountAsNotOn) {
+    mController->setPeltoState(7, 1);
+    EXPECT_EQ(dumpedState(*mController), "Unknown 1");
+    mController->setPeltoState(-1, 2);
+    EXPECT_EQ(dumpedState(*mController), "Unknown 2");
+    EXPECT_FALSE(mController->isOn());
+    EXPECT_THAT(mHost.hwcCalls(), IsEmpty());
+    EXPECT_STREQ(peltoStateName(2), "Temp Off");
+    EXPECT_STREQ(peltoStateName(3), "Unknown");
+}
+
+TEST_F(PeltoModeStateTest, pendingBufferFlagFollowsTheTargetAndCommitWhileOn) {
+    ScopedFakeTrace trace(true);
+    int layer = 0;
+    // No target yet: a null handle equals the null target.
+    mController->setHasPendingBuffer(nullptr);
+    mController->setTargetLayer(&layer);
+    mController->setHasPendingBuffer(&layer);
+    mController->setHasPendingBuffer(&mHost);  // another layer: ignored
+    mController->commit();                     // Off: unchanged
+    mController->setPeltoState(kOn, 389);
+    mController->commit();
+    mController->commit();  // traced again even though already false
+    EXPECT_THAT(FakeTrace::instance().counters("PeltoHasPendingBuf"),
+                ElementsAre(counter("PeltoHasPendingBuf", 1), counter("PeltoHasPendingBuf", 1),
+                            counter("PeltoHasPendingBuf", 0), counter("PeltoHasPendingBuf", 0)));
+
+    mController->setHasOtherUI(true);
+    EXPECT_THAT(FakeTrace::instance().counters("PeltoHasOtherUI"),
+                ElementsAre(counter("PeltoHasOtherUI", 1)));
+    std::string out;
+    mController->dump(out);
+    EXPECT_THAT(out, ::testing::HasSubstr("HasOtherUI: 1\n"));
+}
+
+TEST_F(PeltoModeStateTest, setTargetLayerResetsThePaceOnlyForANewLayer) {
+    int a = 0;
+    int b = 0;
+    mHost.clearRecords();
+    mController->setTargetLayer(&a);
+    EXPECT_EQ(mHost.vsyncPeriodCalls(), 1);
+    mController->setTargetLayer(&a);
+    EXPECT_EQ(mHost.vsyncPeriodCalls(), 1);
+    mController->setTargetLayer(&b);
+    EXPECT_EQ(mHost.vsyncPeriodCalls(), 2);
+
+    mController->triggerVsyncCallback(false);
+    mController->triggerVsyncCallback(true);
+    EXPECT_THAT(mHost.vsyncCallbacks(), ElementsAre(false, true));
+}
+
+TEST(PeltoModeStateListTest, apiCallsUnderListModeLogAnErrorButStoreTheirValue) {
+    test::ScopedRuleFile rules(R"({"target_layers": [{"name": "video"}],
+        "general_rule": {"on_when_has_other_layer": false, "use_adaptive_timeout": true}})");
+    LogCapture log;
+    FakeCompositor host;
+    auto controller = host.create(/*useList=*/true);
+    int layer = 0;
+    host.clearRecords();
+    controller->setPeltoEnable(true);
+    controller->setTargetLayer(&layer);
+    EXPECT_EQ(log.count("PeltoController", "api no effect under use list"), 2u);
+    EXPECT_TRUE(log.contains(ANDROID_LOG_ERROR, "PeltoController", "api no effect under use list"));
+    // The stored target still counts for the pending-buffer hint, and the
+    // new target still reset the pace.
+    EXPECT_EQ(host.vsyncPeriodCalls(), 1);
+    ScopedFakeTrace trace(true);
+    controller->setHasPendingBuffer(&layer);
+    EXPECT_THAT(FakeTrace::instance().counters("PeltoHasPendingBuf"),
+                ElementsAre(counter("PeltoHasPendingBuf", 1)));
+}
+
+TEST(PeltoTraceLogTest, debugSwitchIsReadOnceAndGatesTheTraceLines) {
+    LogCapture log;
+    ScopedFakeTrace trace(true);
+    FakeCompositor host;
+    auto controller = host.create(/*useList=*/false);
+
+    // Switch off at the first read: later changes of the property are ignored.
+    base::SetProperty("vendor.debug.sf.show_pelto2_trace", "false");
+    pelto_testing::resetDebugSwitch();
+    controller->onActiveModeUpdated();
+    base::SetProperty("vendor.debug.sf.show_pelto2_trace", "true");
+    controller->onActiveModeUpdated();
+    EXPECT_EQ(log.count("PeltoController", "pelto2_sf_lib: onActiveModeUpdated"), 0u);
+
+    // Switch on at the first read: each line is logged inside a section of its text.
+    pelto_testing::resetDebugSwitch();
+    FakeTrace::instance().clear();
+    controller->setPeltoState(kOn, 389);
+    EXPECT_THAT(log.messages("PeltoController"),
+                ElementsAre("pelto2_sf_lib: setPeltoState, Off -> On, 389\n",
+                            "setPeltoState, Off -> On, 389\n"));
+    const auto events = FakeTrace::instance().events();
+    ASSERT_GE(events.size(), 2u);
+    EXPECT_EQ(events[0], test::begin("pelto2_sf_lib: setPeltoState, Off -> On, 389\n"));
+    EXPECT_EQ(events[1], test::end());
+
+    // With graphics tracing off the line is still logged, with no section.
+    FakeTrace::instance().setGraphicsEnabled(false);
+    log.clear();
+    controller->onActiveModeUpdated();
+    EXPECT_THAT(log.messages("PeltoController"),
+                ElementsAre("pelto2_sf_lib: onActiveModeUpdated", "pelto2_sf_lib: resetFpsLocked"));
+    FakeTrace::instance().setGraphicsEnabled(true);
+
+    base::SetProperty("vendor.debug.sf.show_pelto2_trace", "false");
+    pelto_testing::resetDebugSwitch();
+}
+
+} // namespace
+} // namespace android
