@@ -9,6 +9,8 @@ test: deps
 	$(MAKE) check-thread-safety
 	$(MAKE) test-gcc
 	$(MAKE) build-clang
+	$(MAKE) test-asan
+	$(MAKE) test-tsan
 
 demo: deps build
 	ctest --preset default
