@@ -8,6 +8,7 @@
 
 #include "support/FakeTrace.h"
 #include "trace/PeltoTracedOrdinal.h"
+#include "trace/TraceUtils.h"
 
 namespace android {
 namespace {
@@ -105,6 +106,17 @@ TEST(PeltoTracedOrdinalTest, concurrentAssignmentsLeaveOneValueAndEachIsTraced) 
     EXPECT_TRUE(last == 1 || last == -2 || last == 3 || last == -4) << last;
     // Every assignment emitted its primary counter (0 for negatives) exactly once.
     EXPECT_EQ(FakeTrace::instance().counters("C").size(), size_t{kThreads * kPerThread});
+}
+
+TEST(TraceUtilsTest, atraceFormatBeginCutsLongNamesAt255Characters) {
+    ScopedFakeTrace trace(true);
+    const std::string longName(300, 'x');
+    TraceUtils::atraceFormatBegin("%s-%d", longName.c_str(), 7);
+    TraceUtils::atraceFormatBegin("short %d", 7);
+    FakeTrace::instance().setGraphicsEnabled(false);
+    TraceUtils::atraceFormatBegin("%s", "not traced");
+    EXPECT_THAT(FakeTrace::instance().events(),
+                ElementsAre(test::begin(std::string(255, 'x')), test::begin("short 7")));
 }
 
 } // namespace
