@@ -55,16 +55,15 @@ protected:
 std::set<std::string> definedDynamicSymbols() {
     std::set<std::string> symbols;
     const std::string command =
-            std::string("nm -D --defined-only -C --format=posix '") + PELTO_LIBRARY_PATH + "'";
+            std::string("nm -D --defined-only -C '") + PELTO_LIBRARY_PATH + "'";
     FILE* nm = popen(command.c_str(), "r");
     if (nm == nullptr) return symbols;
     char line[4096];
     while (fgets(line, sizeof(line), nm)) {
+        // "<address> <type> <name>"; the name may hold spaces.
         std::string text(line);
-        // "<name> <type> <value> [<size>]": the name may contain spaces.
-        const size_t type = text.find_last_of(' ', text.find_last_of(' ', text.size() - 2) - 1);
-        std::string name = text.substr(0, text.rfind(' ', type - 1));
-        symbols.insert(name);
+        text.pop_back();
+        symbols.insert(text.substr(text.find(' ', text.find(' ') + 1) + 1));
     }
     pclose(nm);
     return symbols;
