@@ -3,16 +3,14 @@
 #include "controller/PeltoController.h"
 
 #include <pthread.h>
-#include <sched.h>
-#include <sys/resource.h>
 #include <unistd.h>
 
 #include <future>
 #include <utility>
 
 #include <log/log.h>
-#include <processgroup/sched_policy.h>
 
+#include "controller/FenceThreadCalls.h"
 #include "scheduler/PeltoTimer.h"
 
 namespace android {
@@ -86,21 +84,18 @@ void PeltoController::startFenceThread() {
     const pid_t tid = tidFuture.get();
 #endif
 
-    if (pthread_setname_np(mFenceThread.native_handle(), "PeltoFenceLoop") != 0) {
+    // Each refusal is logged and tolerated: the loop works at any priority.
+    const FenceThreadCalls& calls = fenceThreadCalls();
+    if (calls.setName(mFenceThread.native_handle(), "PeltoFenceLoop") != 0) {
         ALOGI("pthread_setname_np fail");
     }
-
-    sched_param param{};
-    param.sched_priority = kFenceThreadFifoPriority;
-    if (pthread_setschedparam(mFenceThread.native_handle(), SCHED_FIFO, &param) != 0) {
+    if (calls.setFifoPriority(mFenceThread.native_handle(), kFenceThreadFifoPriority) != 0) {
         ALOGE("Couldn't set SCHED_FIFO for pelto_fence_loop");
     }
-
-    if (setpriority(PRIO_PROCESS, tid, kUrgentDisplayNice) == -1) {
+    if (calls.setNice(tid, kUrgentDisplayNice) == -1) {
         ALOGE("set HAL_PRIORITY_URGENT_DISPLAY fail");
     }
-
-    if (set_sched_policy(tid, SP_FOREGROUND) == -1) {
+    if (calls.setSchedPolicy(tid, SP_FOREGROUND) == -1) {
         ALOGE("set SP_FOREGROUND fail");
     }
 }
