@@ -44,47 +44,35 @@ void PeltoController::dump(std::string& out) const {
 }
 
 void PeltoController::dumpLayersLocked(std::ostream& os) const {
-    const auto areaLine = [&os](const PeltoLayer& layer) {
-        os << "\t\tarea: " << layer.area << " focused: " << layer.focused << "\n";
-    };
-    const auto isType = [](const PeltoLayer& layer, PeltoLayerType type) {
-        return layer.type == static_cast<int32_t>(type);
+    // One section per type; each walks the whole list, so records keep their
+    // registration order. `details` writes the type's own lines of a record.
+    const auto section = [&os](const std::list<PeltoLayer>& layers, const char* heading,
+                               PeltoLayerType type, auto details) {
+        os << heading << "\n";
+        for (const PeltoLayer& layer : layers) {
+            if (layer.type != static_cast<int32_t>(type)) continue;
+            os << "\t" << layer.name << "\n";
+            details(layer);
+            os << "\t\tarea: " << layer.area << " focused: " << layer.focused << "\n";
+        }
     };
 
     os << kSeparator;
-    os << "TargetLayer:\n";
-    for (const PeltoLayer& layer : mLayers) {
-        if (!isType(layer, PeltoLayerType::TargetLayer)) continue;
-        os << "\t" << layer.name << "\n";
+    section(mLayers, "TargetLayer:", PeltoLayerType::TargetLayer, [&os](const PeltoLayer& layer) {
         if (layer.targetInfo != nullptr) {
             os << "\t\tid: " << layer.targetInfo->id << "\n";
         }
         if (layer.isActiveTarget) {
             os << "\t\tcurrent active\n";
         }
-        areaLine(layer);
-    }
-    os << "TargetIgnoreLayer:\n";
-    for (const PeltoLayer& layer : mLayers) {
-        if (!isType(layer, PeltoLayerType::TargetIgnoreLayer)) continue;
-        os << "\t" << layer.name << "\n";
+    });
+    section(mLayers, "TargetIgnoreLayer:", PeltoLayerType::TargetIgnoreLayer, [&os](const PeltoLayer& layer) {
         if (layer.targetIgnoreInfo != nullptr) {
             os << "\t\ttargetId: " << layer.targetIgnoreInfo->id << "\n";
         }
-        areaLine(layer);
-    }
-    os << "ExceptionLayer:\n";
-    for (const PeltoLayer& layer : mLayers) {
-        if (!isType(layer, PeltoLayerType::ExceptionLayer)) continue;
-        os << "\t" << layer.name << "\n";
-        areaLine(layer);
-    }
-    os << "Nobody:\n";
-    for (const PeltoLayer& layer : mLayers) {
-        if (!isType(layer, PeltoLayerType::Nobody)) continue;
-        os << "\t" << layer.name << "\n";
-        areaLine(layer);
-    }
+    });
+    section(mLayers, "ExceptionLayer:", PeltoLayerType::ExceptionLayer, [](const PeltoLayer&) {});
+    section(mLayers, "Nobody:", PeltoLayerType::Nobody, [](const PeltoLayer&) {});
 }
 
 void PeltoController::reloadConfigThenDump(std::string& out) {
