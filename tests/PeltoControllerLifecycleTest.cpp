@@ -119,22 +119,6 @@ TEST(PeltoControllerLifecycleTest, constructionCallsOnlyTheVsyncPeriodOnceAndTra
     EXPECT_THAT(out, ::testing::HasSubstr("Pelto State: Off\nPelto State Reason: -1\n"));
 }
 
-TEST(PeltoControllerLifecycleTest, listModeReadsTheAdaptiveTimeoutSwitchFromTheRuleFile) {
-    ScopedRuleFile rules(kRules);
-    FakeCompositor host;
-    auto list = host.create(/*useList=*/true);
-    std::string out;
-    list->dump(out);
-    EXPECT_THAT(out, ::testing::StartsWith("mLoadConfigSucceeded: 1\nGeneral Rule:\n"
-                                           "\tstayOnWhenHasOtherLayer 1\n\tuseAdaptiveTimeout 0\n"));
-
-    // API mode has no configuration: its dump is the status block alone.
-    auto api = host.create(/*useList=*/false);
-    std::string apiOut;
-    api->dump(apiOut);
-    EXPECT_THAT(apiOut, ::testing::StartsWith("==========\nPelto State: Off\n"));
-}
-
 TEST(PeltoControllerLifecycleTest, theOtherModesTraversalMayBeEmpty) {
     FakeCompositor host;
     PeltoController list(true, host.getLayerPtrFromHandle(), host.getBufferCountFromHandle(),
