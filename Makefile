@@ -12,8 +12,11 @@ test: deps
 	$(MAKE) test-asan
 	$(MAKE) test-tsan
 
+# Plays the default scenario through the built library on virtual time.
+DEMO_SCENARIO ?= tools/scenarios/video_with_subtitles.json
+
 demo: deps build
-	ctest --preset default
+	build/default/tools/pelto-sim $(DEMO_SCENARIO)
 
 deps:
 	@scripts/install-deps.sh
