@@ -86,11 +86,22 @@ bool isLoadFailure(const LogLine& line) {
     return false;
 }
 
-// The controller's dump without its status block: the configuration, and the
-// layer sections when layers were registered.
-std::string configurationPart(const std::string& dump) {
-    const size_t status = dump.find("==========\nPelto State:");
-    return status == std::string::npos ? dump : dump.substr(0, status);
+// The controller's dump without its status block: the configuration, then
+// the layer sections when `withLayers`.
+std::string configurationPart(const std::string& dump, bool withLayers) {
+    const size_t end = dump.find(withLayers ? "==========\nPelto State:"
+                                            : "==========\nTargetLayer:");
+    return end == std::string::npos ? dump : dump.substr(0, end);
+}
+
+// A log message, continuation lines indented under the first.
+std::string indented(const std::string& message) {
+    std::string out;
+    for (char c : message) {
+        out += c;
+        if (c == '\n') out += "    ";
+    }
+    return out;
 }
 
 int run(const Options& options) {
@@ -136,18 +147,19 @@ int run(const Options& options) {
         } else if (problem) {
             ++warnings;
         }
-        std::printf("  %c %s\n", priorityLetter(line.priority), line.message.c_str());
+        std::printf("  %c %s\n", priorityLetter(line.priority), indented(line.message).c_str());
     }
     if (errors == 0 && warnings == 0) {
         std::printf("  no warnings or errors\n");
     }
 
-    std::printf("\nconfiguration as loaded:\n%s\n", configurationPart(dump).c_str());
+    std::printf("\nconfiguration as loaded:\n%s\n",
+                configurationPart(dump, !options.layers.empty()).c_str());
 
     const bool succeeded = dump.rfind("mLoadConfigSucceeded: 1\n", 0) == 0;
     if (loadFailed || !succeeded || (options.strict && warnings > 0)) {
         std::printf("REJECTED: %s (%d errors, %d warnings)\n",
-                    loadFailed     ? "the file could not be loaded"
+                    loadFailed     ? "nothing could be loaded from the file"
                     : !succeeded   ? "the file loaded with errors; mLoadConfigSucceeded is 0"
                                    : "warnings are not allowed with --strict",
                     errors, warnings);

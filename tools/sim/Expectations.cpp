@@ -43,8 +43,8 @@ ExpectationResult check(const Expectation& e, const RunRecord& record,
         }
         case Kind::HwcAt: {
             const bool on = hwcOnAt(record, e.at);
-            r.what = at + "HWC Pelto mode " + (e.hwcOn ? "on" : "off");
-            r.passed = on == e.hwcOn;
+            r.what = at + "HWC Pelto mode " + (e.flag ? "on" : "off");
+            r.passed = on == e.flag;
             r.got = std::string("HWC Pelto mode ") + (on ? "on" : "off");
             break;
         }
@@ -61,6 +61,13 @@ ExpectationResult check(const Expectation& e, const RunRecord& record,
                     std::to_string(e.max);
             r.passed = fps >= e.min && fps <= e.max;
             r.got = "Q2Q fps " + std::to_string(fps);
+            break;
+        }
+        case Kind::Q2QFullAt: {
+            const bool full = q2qFullAt(record, e.at);
+            r.what = at + "isQ2QFull " + (e.flag ? "true" : "false");
+            r.passed = full == e.flag;
+            r.got = std::string("isQ2QFull ") + (full ? "true" : "false");
             break;
         }
         case Kind::HwcTogglesAtMost:

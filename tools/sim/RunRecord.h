@@ -50,6 +50,7 @@ struct RunRecord {
     std::vector<SimTime> vsyncCallbacks;        // mTriggerVsyncCallback calls
     std::vector<TimedText> activeTargets;       // "active target layer: %s"
     std::vector<TimedValue> q2qFps;             // the "Pelto2-Q2QFps" counter
+    std::vector<TimedFlag> q2qFull;             // changes of isQ2QFull() after composite
     std::vector<TimedValue> vsyncPeriods;       // the display's period from then on
     std::vector<TimedText> reloads;             // the reload's result line
     std::vector<LogLine> backgroundLog;         // lines from the library's own threads

@@ -41,6 +41,11 @@ int64_t q2qFpsAt(const RunRecord& record, SimTime t) {
     return fps != nullptr ? fps->value : 0;
 }
 
+bool q2qFullAt(const RunRecord& record, SimTime t) {
+    const TimedFlag* full = lastAt(record.q2qFull, t);
+    return full != nullptr && full->on;
+}
+
 RunSummary summarize(const Scenario& scenario, const RunRecord& record) {
     RunSummary summary;
     SimTime since = 0;

@@ -33,5 +33,6 @@ StateChange stateAt(const RunRecord& record, SimTime t);
 bool hwcOnAt(const RunRecord& record, SimTime t);
 std::optional<std::string> activeTargetAt(const RunRecord& record, SimTime t);
 int64_t q2qFpsAt(const RunRecord& record, SimTime t);
+bool q2qFullAt(const RunRecord& record, SimTime t);
 
 } // namespace android::tools::sim

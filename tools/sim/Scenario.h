@@ -94,6 +94,7 @@ struct Expectation {
         HwcAt,            // at `at`: the HWC mode is on/off
         ActiveTargetAt,   // at `at`: the library's active target layer
         Q2QFpsAt,         // at `at`: the last traced Q2Q fps lies in [min, max]
+        Q2QFullAt,        // at `at`: isQ2QFull() answered as given
         HwcTogglesAtMost,
         HwcTogglesAtLeast,
         VsyncCallbacksAtLeast,
@@ -108,7 +109,7 @@ struct Expectation {
     Window window;
     int32_t state = 0;
     std::optional<int32_t> reason;
-    bool hwcOn = false;
+    bool flag = false;  // hwc: on; q2q_full: the answer
     std::string layer;
     int64_t min = 0;
     int64_t max = 0;

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <filesystem>
 #include <fstream>
 #include <set>
 
@@ -57,7 +58,9 @@ RuleSource ScenarioParser::readRules(const Json::Value& value, const std::string
     RuleSource rules;
     if (value.isString()) {
         const std::string file = value.asString();
-        rules.path = !file.empty() && file[0] == '/' ? file : mDir + "/" + file;
+        rules.path = !file.empty() && file[0] == '/'
+                ? file
+                : (std::filesystem::path(mDir) / file).lexically_normal().string();
         if (!std::ifstream(rules.path).is_open()) {
             mErrors.fail(path, "cannot open rule file " + rules.path);
         }
@@ -328,7 +331,12 @@ void ScenarioParser::readExpectation(const Json::Value& value, const std::string
         e.kind = Kind::HwcAt;
         const std::string hwc = readString(*v, fields.path("hwc"), mErrors);
         if (hwc != "on" && hwc != "off") mErrors.fail(fields.path("hwc"), "expected on or off");
-        e.hwcOn = hwc == "on";
+        e.flag = hwc == "on";
+    }
+    if (const auto* v = fields.optional("q2q_full")) {
+        ++kinds;
+        e.kind = Kind::Q2QFullAt;
+        e.flag = readBool(*v, fields.path("q2q_full"), mErrors);
     }
     if (const auto* v = fields.optional("active_target")) {
         ++kinds;
@@ -346,7 +354,7 @@ void ScenarioParser::readExpectation(const Json::Value& value, const std::string
         }
     }
     if (kinds != 1) {
-        mErrors.fail(path, "give exactly one of state, hwc, active_target, q2q_fps, "
+        mErrors.fail(path, "give exactly one of state, hwc, active_target, q2q_fps, q2q_full, "
                            "hwc_toggles_at_most/at_least, vsync_callbacks_at_least/at_most, "
                            "q2q_full_share_at_least/at_most");
     } else if (e.kind == Kind::StateThroughout) {
@@ -354,7 +362,8 @@ void ScenarioParser::readExpectation(const Json::Value& value, const std::string
         if (e.window.to <= e.window.from) mErrors.fail(fields.path("to_ms"), "must be later "
                                                                              "than from_ms");
     } else if (e.kind == Kind::StateAt || e.kind == Kind::HwcAt ||
-               e.kind == Kind::ActiveTargetAt || e.kind == Kind::Q2QFpsAt) {
+               e.kind == Kind::ActiveTargetAt || e.kind == Kind::Q2QFpsAt ||
+               e.kind == Kind::Q2QFullAt) {
         if (!pointInTime) mErrors.fail(fields.path("at_ms"), "missing");
         if (from != nullptr || to != nullptr) mErrors.fail(path, "from_ms and to_ms go only "
                                                                  "with state");

@@ -223,8 +223,12 @@ void Simulation::composite(SimTime at) {
     mLib.composite(mController, inAnyWindow(mScenario.forceOff, at), /*compositeFlag=*/false,
                    mScenario.display.screenArea());
     ++mRecord->compositions;
-    if (mLib.isQ2QFull(mController)) {
+    const bool full = mLib.isQ2QFull(mController);
+    if (full) {
         ++mRecord->q2qFullCompositions;
+    }
+    if (full != (!mRecord->q2qFull.empty() && mRecord->q2qFull.back().on)) {
+        mRecord->q2qFull.push_back({at, full});
     }
     trace.end();
     mLastComposition = at;
