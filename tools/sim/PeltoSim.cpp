@@ -12,6 +12,7 @@
 #include "tools/sim/RunSummary.h"
 #include "tools/sim/ScenarioReader.h"
 #include "tools/sim/Simulation.h"
+#include "tools/sim/SystraceWriter.h"
 #include "tools/sim/TextReport.h"
 
 namespace android::tools::sim {
@@ -113,6 +114,14 @@ int run(const Options& options) {
     const int failed = printExpectations(stdout, results);
     fflush(stdout);
 
+    if (!options.traceFile.empty()) {
+        if (!writeSystraceFile(options.traceFile, record.trace, record.mainTid, &error)) {
+            fprintf(stderr, "pelto-sim: %s\n", error.c_str());
+            return kExitError;
+        }
+        printf("trace written to %s (%zu events; open it in Perfetto UI)\n",
+               options.traceFile.c_str(), record.trace.size());
+    }
     for (const ExpectationResult& r : results) {
         if (r.passed) continue;
         fprintf(stderr, "pelto-sim: %s: %s failed: %s; got %s\n", scenario.path.c_str(),

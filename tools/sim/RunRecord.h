@@ -1,5 +1,7 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -57,7 +59,8 @@ struct RunRecord {
     int64_t compositions = 0;
     int64_t q2qFullCompositions = 0;            // isQ2QFull() true after composite
     std::string finalDump;
-    std::vector<TraceEvent> trace;
+    std::vector<TraceEvent> trace;              // the library's and the simulator's
+    pid_t mainTid = 0;                          // the thread that played the compositor
 };
 
 // Names the library prints for its states: "Off", "On", "Temp Off", "Unknown".

@@ -384,6 +384,7 @@ void Simulation::onCounter(const std::string& name, int64_t value) {
 bool Simulation::run(RunRecord* record, std::string* error) {
     mRecord = record;
     mMainTid = gettid();
+    mRecord->mainTid = mMainTid;
     setVirtualTime(kVirtualBootOffset);
     mVsyncPeriod = vsyncPeriodOf(mScenario.display.refreshHz);
     mRecord->vsyncPeriods.push_back({0, mVsyncPeriod.load()});
