@@ -9,6 +9,7 @@
 
 #include "tools/host/PeltoLibrary.h"
 #include "tools/sim/Expectations.h"
+#include "tools/sim/HtmlReport.h"
 #include "tools/sim/RunSummary.h"
 #include "tools/sim/ScenarioReader.h"
 #include "tools/sim/Simulation.h"
@@ -121,6 +122,13 @@ int run(const Options& options) {
         }
         printf("trace written to %s (%zu events; open it in Perfetto UI)\n",
                options.traceFile.c_str(), record.trace.size());
+    }
+    if (!options.htmlFile.empty()) {
+        if (!writeHtmlReport(options.htmlFile, scenario, record, summary, results, &error)) {
+            fprintf(stderr, "pelto-sim: %s\n", error.c_str());
+            return kExitError;
+        }
+        printf("HTML page written to %s\n", options.htmlFile.c_str());
     }
     for (const ExpectationResult& r : results) {
         if (r.passed) continue;

@@ -1,10 +1,12 @@
-// The trace file pelto-sim writes must be what systrace parsers expect: the
-// ftrace text header, then one tracing_mark_write line per event with a task,
-// ids, a CPU, flags and a timestamp in seconds, B/E sections that balance per
-// thread and C counters. Checks the writer on its own and, when
-// PELTO_TRACE_FILE names one, a file the simulator wrote.
+// What pelto-sim writes besides its text. The trace file must be what
+// systrace parsers expect: the ftrace text header, then one tracing_mark_write
+// line per event with a task, ids, a CPU, flags and a timestamp in seconds,
+// B/E sections that balance per thread and C counters. The HTML page must
+// stand alone. Checks the trace writer on its own and, when PELTO_TRACE_FILE
+// and PELTO_HTML_FILE name them, the files the simulator wrote.
 #include <cstdlib>
 #include <fstream>
+#include <iterator>
 #include <map>
 #include <regex>
 #include <set>
@@ -79,7 +81,7 @@ TraceEvent event(TraceEvent::Kind kind, int64_t time, pid_t tid, const char* thr
     return {kind, time, tid, thread, name, value};
 }
 
-TEST(SystraceFormatTest, writesEveryKindOfEventAsAParsableLine) {
+TEST(SimOutputTest, writesEveryKindOfEventAsAParsableLine) {
     using Kind = TraceEvent::Kind;
     const std::vector<TraceEvent> events = {
             event(Kind::Counter, 100'000'000'000, 42, "pelto-sim", "PeltoState", 0),
@@ -109,7 +111,7 @@ TEST(SystraceFormatTest, writesEveryKindOfEventAsAParsableLine) {
     EXPECT_NE(os.str().find("TimerDispatch-1001  ( 1000)"), std::string::npos);
 }
 
-TEST(SystraceFormatTest, theSimulatorsTraceIsWellFormedAndCarriesTheLibrarysCounters) {
+TEST(SimOutputTest, theSimulatorsTraceIsWellFormedAndCarriesTheLibrarysCounters) {
     const char* path = std::getenv("PELTO_TRACE_FILE");
     if (path == nullptr) GTEST_SKIP() << "PELTO_TRACE_FILE names no trace";
     std::ifstream in(path);
@@ -123,6 +125,24 @@ TEST(SystraceFormatTest, theSimulatorsTraceIsWellFormedAndCarriesTheLibrarysCoun
         EXPECT_EQ(trace.counters.count(counter), 1u) << counter;
     }
     EXPECT_EQ(trace.sections.count("composite"), 1u);
+}
+
+TEST(SimOutputTest, theHtmlPageStandsAloneAndDrawsTheTimeline) {
+    const char* path = std::getenv("PELTO_HTML_FILE");
+    if (path == nullptr) GTEST_SKIP() << "PELTO_HTML_FILE names no page";
+    std::ifstream in(path);
+    ASSERT_TRUE(in.is_open()) << path;
+    const std::string page((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+
+    EXPECT_EQ(page.rfind("<!DOCTYPE html>", 0), 0u);
+    EXPECT_NE(page.find("<svg"), std::string::npos);
+    EXPECT_NE(page.find("</html>"), std::string::npos);
+    for (const char* external : {"<script", "src=", "href=", "url(", "@import"}) {
+        EXPECT_EQ(page.find(external), std::string::npos) << external;
+    }
+    for (const char* lane : {">state<", ">HWC Pelto mode<", ">Q2Q fps<", ">vsync requests<"}) {
+        EXPECT_NE(page.find(lane), std::string::npos) << lane;
+    }
 }
 
 } // namespace
