@@ -206,6 +206,11 @@ void drawLayers(Svg& svg, const Scenario& scenario) {
                      layer.name + ": on screen from " + formatSeconds(w.from) + " to " +
                              formatSeconds(w.to));
         }
+        for (const Window& w : layer.frames ? layer.frames->pauses : std::vector<Window>()) {
+            svg.span(w.from, w.to, top + 4, kLaneHeight - 8, "#cfd8dc",
+                     layer.name + ": no frames from " + formatSeconds(w.from) + " to " +
+                             formatSeconds(w.to));
+        }
         for (const Window& w : layer.focused) {
             svg.span(w.from, w.to, top + kLaneHeight - 6, 4, "#37474f",
                      layer.name + ": focused from " + formatSeconds(w.from));
@@ -225,22 +230,12 @@ void drawEvents(Svg& svg, const Scenario& scenario, const RunRecord& record) {
         svg.span(w.from, w.to, top + 4, kLaneHeight - 8, "#c62828",
                  "forceOff from " + formatSeconds(w.from) + " to " + formatSeconds(w.to));
     }
-    // The compositor's calls after the start; what the layer lanes and the
-    // forceOff spans show already is left out.
-    std::vector<TimedText> marks;
+    // The compositor's calls after the start; the layer lanes show the rest.
     for (const TimelineEntry& e : record.timeline) {
-        const bool shownElsewhere = e.text.rfind("shown", 0) == 0 ||
-                e.text.rfind("hidden", 0) == 0 || e.text.rfind("resized", 0) == 0 ||
-                e.text.rfind("focus", 0) == 0 || e.text.rfind("forceOff", 0) == 0;
-        if (e.kind == TimelineEntry::Kind::Compositor && e.at > 0 && !shownElsewhere) {
-            marks.push_back({e.at, e.text});
-        }
-    }
-    for (const TimedText& m : marks) {
-        const double mx = svg.x(m.at);
-        svg.raw() << "<path fill=\"#283593\" d=\"M" << number(mx) << " " << number(top + 4) << "l5 8"
-                  << "l-5 8l-5 -8z\"><title>" << formatSeconds(m.at) << ": " << escape(m.text)
-                  << "</title></path>\n";
+        if (e.kind != TimelineEntry::Kind::Compositor || e.at == 0) continue;
+        svg.raw() << "<path fill=\"#283593\" d=\"M" << number(svg.x(e.at)) << " "
+                  << number(top + 4) << "l5 8l-5 8l-5 -8z\"><title>" << formatSeconds(e.at)
+                  << ": " << escape(e.text) << "</title></path>\n";
     }
 }
 
@@ -265,18 +260,6 @@ td, th { padding: 3px 10px; text-align: left; border-bottom: 1px solid #eeeeee; 
                vertical-align: middle; }
 pre { font-size: 12px; background: #fafafa; padding: 8px; }
 )";
-
-std::string timelineLabel(TimelineEntry::Kind kind) {
-    switch (kind) {
-        case TimelineEntry::Kind::Compositor: return "compositor";
-        case TimelineEntry::Kind::State: return "state";
-        case TimelineEntry::Kind::Hwc: return "HWC Pelto";
-        case TimelineEntry::Kind::ActiveTarget: return "target";
-        case TimelineEntry::Kind::Q2QFps: return "Q2Q fps";
-        case TimelineEntry::Kind::Library: return "library";
-    }
-    return "";
-}
 
 } // namespace
 
@@ -342,7 +325,7 @@ bool writeHtmlReport(const std::string& path, const Scenario& scenario, const Ru
     html << "</table>\n<details><summary>Timeline</summary><pre>";
     for (const TimelineEntry& e : record.timeline) {
         snprintf(text, sizeof(text), "%9.3f  %-10s  ", static_cast<double>(e.at) / 1e9,
-                 timelineLabel(e.kind).c_str());
+                 timelineLabel(e.kind));
         html << text << escape(e.text) << "\n";
     }
     html << "</pre></details>\n</body></html>\n";

@@ -9,11 +9,11 @@ constexpr double kNanosPerMilli = 1e6;
 // Far beyond any scenario, and still well inside int64 nanoseconds.
 constexpr double kMaxMillis = 1e9;
 
+} // namespace
+
 std::string indexPath(const std::string& path, Json::ArrayIndex i) {
     return path + "[" + std::to_string(i) + "]";
 }
-
-} // namespace
 
 void JsonErrors::fail(const std::string& key, const std::string& reason) {
     if (failed()) return;

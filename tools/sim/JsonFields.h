@@ -46,6 +46,9 @@ private:
     std::set<std::string> mKnown;
 };
 
+// "path[i]"
+std::string indexPath(const std::string& path, Json::ArrayIndex i);
+
 // Typed readers. On a type or range error they report it and return a
 // harmless default, so reading can go on to its end.
 double readNumber(const Json::Value& value, const std::string& path, JsonErrors& errors);

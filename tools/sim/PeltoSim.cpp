@@ -109,7 +109,7 @@ int run(const Options& options) {
     const RunSummary summary = summarize(scenario, record);
     const std::vector<ExpectationResult> results = checkExpectations(scenario, record, summary);
     printHeader(stdout, scenario);
-    if (!options.quiet) printTimeline(stdout, record);
+    if (!options.quiet) printTimeline(stdout, record, options.run.verbose);
     printSummary(stdout, scenario, summary);
     if (options.dump) printf("\nlibrary dump at the end\n%s", record.finalDump.c_str());
     const int failed = printExpectations(stdout, results);

@@ -2,6 +2,26 @@
 
 namespace android::tools::sim {
 
+const char* timelineLabel(TimelineEntry::Kind kind) {
+    switch (kind) {
+        case TimelineEntry::Kind::Compositor:
+            return "compositor";
+        case TimelineEntry::Kind::Screen:
+            return "screen";
+        case TimelineEntry::Kind::State:
+            return "state";
+        case TimelineEntry::Kind::Hwc:
+            return "HWC Pelto";
+        case TimelineEntry::Kind::ActiveTarget:
+            return "target";
+        case TimelineEntry::Kind::Q2QFps:
+            return "Q2Q fps";
+        case TimelineEntry::Kind::Library:
+            return "library";
+    }
+    return "";
+}
+
 const char* stateName(int32_t state) {
     switch (state) {
         case 0:
@@ -13,6 +33,13 @@ const char* stateName(int32_t state) {
         default:
             return "Unknown";
     }
+}
+
+int32_t stateFromName(const std::string& name) {
+    for (int32_t state = 0; state <= 2; ++state) {
+        if (name == stateName(state)) return state;
+    }
+    return -1;
 }
 
 const char* reasonText(int32_t reason) {

@@ -37,7 +37,15 @@ struct TimedText {
 
 // One line of the printed timeline.
 struct TimelineEntry {
-    enum class Kind { Compositor, State, Hwc, ActiveTarget, Q2QFps, Library };
+    enum class Kind {
+        Compositor,    // a call of the compositor into the library
+        Screen,        // what the screen shows: layers shown, hidden, resized, focused; forceOff
+        State,         // the library's state changes, as it logged them
+        Hwc,           // the library's HWC callbacks
+        ActiveTarget,  // the library's choice of active target
+        Q2QFps,        // the library's Q2Q rate counter
+        Library,       // other library lines: warnings, errors, reload results
+    };
     SimTime at = 0;
     Kind kind = Kind::Compositor;
     std::string text;
@@ -63,8 +71,13 @@ struct RunRecord {
     pid_t mainTid = 0;                          // the thread that played the compositor
 };
 
+// The timeline's column for each kind: "compositor", "screen", "state", ...
+const char* timelineLabel(TimelineEntry::Kind kind);
+
 // Names the library prints for its states: "Off", "On", "Temp Off", "Unknown".
 const char* stateName(int32_t state);
+// The state of a printed name, or -1.
+int32_t stateFromName(const std::string& name);
 // What a reason code says, for people.
 const char* reasonText(int32_t reason);
 

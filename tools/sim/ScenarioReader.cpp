@@ -9,6 +9,7 @@
 #include <json/json.h>
 
 #include "tools/sim/JsonFields.h"
+#include "tools/sim/RunRecord.h"
 
 namespace android::tools::sim {
 namespace {
@@ -23,10 +24,6 @@ std::string baseName(const std::string& path) {
     std::string name = slash == std::string::npos ? path : path.substr(slash + 1);
     const size_t dot = name.rfind('.');
     return dot == std::string::npos || dot == 0 ? name : name.substr(0, dot);
-}
-
-std::string indexPath(const std::string& path, Json::ArrayIndex i) {
-    return path + "[" + std::to_string(i) + "]";
 }
 
 class ScenarioParser {
@@ -464,13 +461,6 @@ bool ScenarioParser::parse(const Json::Value& root, std::string* error) {
 }
 
 } // namespace
-
-int32_t stateFromName(const std::string& name) {
-    if (name == "Off") return 0;
-    if (name == "On") return 1;
-    if (name == "Temp Off") return 2;
-    return -1;
-}
 
 bool readScenario(const std::string& path, Scenario* scenario, std::string* error) {
     std::ifstream stream(path);

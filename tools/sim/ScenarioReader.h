@@ -11,7 +11,4 @@ namespace android::tools::sim {
 // the first problem found.
 bool readScenario(const std::string& path, Scenario* scenario, std::string* error);
 
-// The state names a scenario uses: "Off", "On", "Temp Off". -1 if unknown.
-int32_t stateFromName(const std::string& name);
-
 } // namespace android::tools::sim

@@ -59,14 +59,8 @@ bool parseStateLine(const std::string& message, StateChange* change) {
     const size_t arrow = rest.find(" -> ");
     const size_t comma = rest.rfind(", ");
     if (arrow == std::string::npos || comma == std::string::npos || comma < arrow) return false;
-    const auto stateOf = [](const std::string& name) -> int32_t {
-        for (int32_t s = 0; s <= 2; ++s) {
-            if (name == stateName(s)) return s;
-        }
-        return -1;
-    };
-    change->from = stateOf(rest.substr(0, arrow));
-    change->to = stateOf(rest.substr(arrow + 4, comma - arrow - 4));
+    change->from = stateFromName(rest.substr(0, arrow));
+    change->to = stateFromName(rest.substr(arrow + 4, comma - arrow - 4));
     change->reason = static_cast<int32_t>(strtol(rest.c_str() + comma + 2, nullptr, 10));
     return true;
 }
@@ -182,6 +176,14 @@ std::vector<Simulation::Step> Simulation::schedule() const {
             steps.push_back({w.from, Step::Kind::Note, i, "focus gained: " + spec.name});
             if (w.to < end) {
                 steps.push_back({w.to, Step::Kind::Note, i, "focus lost: " + spec.name});
+            }
+        }
+        if (spec.frames) {
+            for (const Window& w : spec.frames->pauses) {
+                steps.push_back({w.from, Step::Kind::Note, i, "frames paused: " + spec.name});
+                if (w.to < end) {
+                    steps.push_back({w.to, Step::Kind::Note, i, "frames resumed: " + spec.name});
+                }
             }
         }
         addFrames(i, &steps);
@@ -323,7 +325,7 @@ void Simulation::runStep(const Step& step) {
             break;
         }
         case Step::Kind::Note:
-            note(TimelineEntry::Kind::Compositor, step.note);
+            note(TimelineEntry::Kind::Screen, step.note);
             break;
         case Step::Kind::Event:
             applyEvent(mScenario.events[step.index]);

@@ -5,24 +5,6 @@
 namespace android::tools::sim {
 namespace {
 
-const char* label(TimelineEntry::Kind kind) {
-    switch (kind) {
-        case TimelineEntry::Kind::Compositor:
-            return "compositor";
-        case TimelineEntry::Kind::State:
-            return "state";
-        case TimelineEntry::Kind::Hwc:
-            return "HWC Pelto";
-        case TimelineEntry::Kind::ActiveTarget:
-            return "target";
-        case TimelineEntry::Kind::Q2QFps:
-            return "Q2Q fps";
-        case TimelineEntry::Kind::Library:
-            return "library";
-    }
-    return "";
-}
-
 double percent(SimTime part, SimTime whole) {
     return whole == 0 ? 0.0 : 100.0 * static_cast<double>(part) / static_cast<double>(whole);
 }
@@ -39,11 +21,18 @@ void printHeader(FILE* out, const Scenario& scenario) {
             formatSeconds(scenario.duration).c_str());
 }
 
-void printTimeline(FILE* out, const RunRecord& record) {
+void printTimeline(FILE* out, const RunRecord& record, bool libraryThreads) {
     fprintf(out, "\ntimeline (seconds from the start)\n");
     for (const TimelineEntry& entry : record.timeline) {
         fprintf(out, "  %9.3f  %-10s  %s\n", static_cast<double>(entry.at) / 1e9,
-                label(entry.kind), entry.text.c_str());
+                timelineLabel(entry.kind), entry.text.c_str());
+    }
+    if (!libraryThreads || record.backgroundLog.empty()) return;
+    // Their order against the timeline depends on the scheduler.
+    fprintf(out, "\nlogged by the library's own threads\n");
+    for (const LogLine& line : record.backgroundLog) {
+        fprintf(out, "  %c %s: %s\n", priorityLetter(line.priority), line.tag.c_str(),
+                line.message.c_str());
     }
 }
 

@@ -13,7 +13,8 @@ namespace android::tools::sim {
 // The run as text: what was simulated, the timeline, the summary, and the
 // result of each expectation. Returns the number of failed expectations.
 void printHeader(FILE* out, const Scenario& scenario);
-void printTimeline(FILE* out, const RunRecord& record);
+// With `libraryThreads`, also the lines the library's own threads logged.
+void printTimeline(FILE* out, const RunRecord& record, bool libraryThreads);
 void printSummary(FILE* out, const Scenario& scenario, const RunSummary& summary);
 int printExpectations(FILE* out, const std::vector<ExpectationResult>& results);
 
