@@ -16,6 +16,7 @@
 #include "tools/host/PeltoLibrary.h"
 #include "tools/sim/RunRecord.h"
 #include "tools/sim/Scenario.h"
+#include "tools/sim/Schedule.h"
 
 namespace android::tools::sim {
 
@@ -46,25 +47,6 @@ private:
         bool registered = false;
     };
 
-    // Something that happens at a point of scenario time.
-    struct Step {
-        enum class Kind {
-            Register,
-            Destroy,
-            RefreshChange,
-            Note,
-            Event,
-            Vsync,
-            Buffer,
-        };
-        SimTime at = 0;
-        Kind kind = Kind::Note;
-        size_t index = 0;  // layer, refresh change or event
-        std::string note;
-    };
-
-    std::vector<Step> schedule() const;
-    void addFrames(size_t layerIndex, std::vector<Step>* steps) const;
     void runStep(const Step& step);
     void composite(SimTime now);
     void queueBuffer(Layer& layer);
@@ -99,8 +81,5 @@ private:
     std::vector<SimTime> mVsyncCallbacks GUARDED_BY(mCallbackMutex);
     int mInvalidateCalls GUARDED_BY(mCallbackMutex) = 0;
 };
-
-// The vsync period of a refresh rate, in whole nanoseconds (60 Hz: 16666666).
-int64_t vsyncPeriodOf(double refreshHz);
 
 } // namespace android::tools::sim
