@@ -48,7 +48,7 @@ std::string number(double value) {
 
 class Svg {
 public:
-    Svg(SimTime duration) : mDuration(duration) {}
+    explicit Svg(SimTime duration) : mDuration(duration) {}
 
     double x(SimTime t) const {
         return kLabelWidth + kPlotWidth * static_cast<double>(t) / static_cast<double>(mDuration);
@@ -153,15 +153,17 @@ void drawQ2Q(Svg& svg, const Scenario& scenario, const RunRecord& record) {
     for (const TimedValue& p : record.vsyncPeriods) {
         maxHz = std::max<int64_t>(maxHz, std::llround(1e9 / static_cast<double>(p.value)));
     }
-    int64_t top = maxHz;
-    for (const TimedValue& fps : record.q2qFps) top = std::max(top, fps.value);
-    top = std::max<int64_t>(10, (top + 9) / 10 * 10);
+    int64_t scaleMax = maxHz;
+    for (const TimedValue& fps : record.q2qFps) scaleMax = std::max(scaleMax, fps.value);
+    scaleMax = std::max<int64_t>(10, (scaleMax + 9) / 10 * 10);
     const double y0 = svg.lane("Q2Q fps", "Pelto2-Q2QFps as traced; dashed: the refresh rate",
                                kChartHeight);
-    const auto y = [&](double fps) { return y0 + kChartHeight - kChartHeight * fps / top; };
+    const auto y = [&](double fps) {
+        return y0 + kChartHeight - kChartHeight * fps / static_cast<double>(scaleMax);
+    };
     auto& out = svg.raw();
     out << "<text class=\"scale\" x=\"" << kLabelWidth + 3 << "\" y=\"" << number(y0 + 10) << "\">"
-        << top << "</text>\n";
+        << scaleMax << "</text>\n";
 
     // The display's rate, dashed.
     out << "<polyline class=\"refresh\" points=\"";

@@ -319,9 +319,9 @@ void ScenarioParser::readExpectation(const Json::Value& value, const std::string
         e.state = stateFromName(readString(*v, fields.path("state"), mErrors));
         if (e.state < 0) mErrors.fail(fields.path("state"), "expected \"Off\", \"On\" or "
                                                             "\"Temp Off\"");
-        if (const auto* r = fields.optional("reason")) {
-            e.reason = static_cast<int32_t>(readNumber(*r, fields.path("reason"), mErrors));
-        }
+    }
+    if (const auto* r = fields.optional("reason")) {
+        e.reason = static_cast<int32_t>(readNumber(*r, fields.path("reason"), mErrors));
     }
     if (const auto* v = fields.optional("hwc")) {
         ++kinds;
