@@ -12,8 +12,18 @@ test: deps
 	$(MAKE) test-asan
 	$(MAKE) test-tsan
 
+# Plays the default scenario through the built library on virtual time and
+# writes its trace and its HTML page.
+DEMO_SCENARIO ?= tools/scenarios/video_with_subtitles.json
+DEMO_DIR := build/demo
+
 demo: deps build
-	ctest --preset default
+	@mkdir -p $(DEMO_DIR)
+	build/default/tools/pelto-sim $(DEMO_SCENARIO) \
+	  --trace $(DEMO_DIR)/pelto.trace --html $(DEMO_DIR)/pelto.html
+	@echo
+	@echo "demo: trace     $(CURDIR)/$(DEMO_DIR)/pelto.trace (open it in Perfetto UI or trace_processor)"
+	@echo "demo: HTML page $(CURDIR)/$(DEMO_DIR)/pelto.html (open it in a browser)"
 
 deps:
 	@scripts/install-deps.sh

@@ -1,0 +1,84 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "tools/host/LogSink.h"
+#include "tools/sim/Scenario.h"
+#include "tools/sim/TraceRecorder.h"
+
+namespace android::tools::sim {
+
+// A state change as the library logged it.
+struct StateChange {
+    SimTime at = 0;
+    int32_t from = 0;
+    int32_t to = 0;
+    int32_t reason = -1;
+};
+
+struct TimedFlag {
+    SimTime at = 0;
+    bool on = false;
+};
+
+struct TimedValue {
+    SimTime at = 0;
+    int64_t value = 0;
+};
+
+struct TimedText {
+    SimTime at = 0;
+    std::string text;
+};
+
+// One line of the printed timeline.
+struct TimelineEntry {
+    enum class Kind {
+        Compositor,    // a call of the compositor into the library
+        Screen,        // what the screen shows: layers shown, hidden, resized, focused; forceOff
+        State,         // the library's state changes, as it logged them
+        Hwc,           // the library's HWC callbacks
+        ActiveTarget,  // the library's choice of active target
+        Q2QFps,        // the library's Q2Q rate counter
+        Library,       // other library lines: warnings, errors, reload results
+    };
+    SimTime at = 0;
+    Kind kind = Kind::Compositor;
+    std::string text;
+};
+
+// Everything a run produced, in time order: what the compositor did, what
+// the library answered, logged and traced.
+struct RunRecord {
+    std::vector<TimelineEntry> timeline;
+    std::vector<StateChange> states;
+    std::vector<TimedFlag> hwc;                 // HWC callbacks: true for on
+    std::vector<SimTime> vsyncCallbacks;        // mTriggerVsyncCallback calls
+    std::vector<TimedText> activeTargets;       // "active target layer: %s"
+    std::vector<TimedValue> q2qFps;             // the "Pelto2-Q2QFps" counter
+    std::vector<TimedFlag> q2qFull;             // changes of isQ2QFull() after composite
+    std::vector<TimedValue> vsyncPeriods;       // the display's period from then on
+    std::vector<TimedText> reloads;             // the reload's result line
+    std::vector<LogLine> backgroundLog;         // lines from the library's own threads
+    int64_t compositions = 0;
+    int64_t q2qFullCompositions = 0;            // isQ2QFull() true after composite
+    std::string finalDump;
+    std::vector<TraceEvent> trace;              // the library's and the simulator's
+    pid_t mainTid = 0;                          // the thread that played the compositor
+};
+
+// The timeline's column for each kind: "compositor", "screen", "state", ...
+const char* timelineLabel(TimelineEntry::Kind kind);
+
+// Names the library prints for its states: "Off", "On", "Temp Off", "Unknown".
+const char* stateName(int32_t state);
+// The state of a printed name, or -1.
+int32_t stateFromName(const std::string& name);
+// What a reason code says, for people.
+const char* reasonText(int32_t reason);
+
+} // namespace android::tools::sim

@@ -1,0 +1,76 @@
+#include "tools/sim/RunSummary.h"
+
+#include <algorithm>
+
+namespace android::tools::sim {
+namespace {
+
+// The last element of `items` (in time order) at or before t, or null.
+template <typename T>
+const T* lastAt(const std::vector<T>& items, SimTime t) {
+    const auto it = std::upper_bound(items.begin(), items.end(), t,
+                                     [](SimTime time, const T& item) { return time < item.at; });
+    return it == items.begin() ? nullptr : &*(it - 1);
+}
+
+} // namespace
+
+double RunSummary::q2qFullShare() const {
+    return compositions == 0 ? 0.0
+                             : static_cast<double>(q2qFullCompositions) / compositions;
+}
+
+StateChange stateAt(const RunRecord& record, SimTime t) {
+    const StateChange* change = lastAt(record.states, t);
+    return change != nullptr ? *change : StateChange{0, 0, 0, -1};
+}
+
+bool hwcOnAt(const RunRecord& record, SimTime t) {
+    const TimedFlag* hwc = lastAt(record.hwc, t);
+    return hwc != nullptr && hwc->on;
+}
+
+std::optional<std::string> activeTargetAt(const RunRecord& record, SimTime t) {
+    const TimedText* target = lastAt(record.activeTargets, t);
+    if (target == nullptr) return std::nullopt;
+    return target->text;
+}
+
+int64_t q2qFpsAt(const RunRecord& record, SimTime t) {
+    const TimedValue* fps = lastAt(record.q2qFps, t);
+    return fps != nullptr ? fps->value : 0;
+}
+
+bool q2qFullAt(const RunRecord& record, SimTime t) {
+    const TimedFlag* full = lastAt(record.q2qFull, t);
+    return full != nullptr && full->on;
+}
+
+RunSummary summarize(const Scenario& scenario, const RunRecord& record) {
+    RunSummary summary;
+    SimTime since = 0;
+    int32_t state = 0;
+    for (const StateChange& change : record.states) {
+        if (state >= 0 && state <= 2) summary.timeInState[state] += change.at - since;
+        since = change.at;
+        state = change.to;
+    }
+    if (state >= 0 && state <= 2) summary.timeInState[state] += scenario.duration - since;
+
+    for (const TimedFlag& hwc : record.hwc) {
+        (hwc.on ? summary.hwcOn : summary.hwcOff)++;
+    }
+    summary.vsyncCallbacks = record.vsyncCallbacks.size();
+    summary.compositions = record.compositions;
+    summary.q2qFullCompositions = record.q2qFullCompositions;
+    for (const TimedValue& fps : record.q2qFps) {
+        if (fps.value <= 0) continue;
+        summary.q2qMin = summary.q2qMeasured == 0 ? fps.value : std::min(summary.q2qMin, fps.value);
+        summary.q2qMax = std::max(summary.q2qMax, fps.value);
+        ++summary.q2qMeasured;
+    }
+    summary.q2qLast = record.q2qFps.empty() ? 0 : record.q2qFps.back().value;
+    return summary;
+}
+
+} // namespace android::tools::sim

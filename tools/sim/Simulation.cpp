@@ -1,0 +1,361 @@
+#include "tools/sim/Simulation.h"
+
+#include <stdlib.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <cinttypes>
+#include <cstdio>
+#include <cstring>
+
+#include <android-base/properties.h>
+#include <android/log.h>
+#include <ui/Fence.h>
+
+#include "tools/sim/Schedule.h"
+#include "tools/sim/SimClock.h"
+#include "tools/sim/TraceRecorder.h"
+
+namespace android::tools::sim {
+namespace {
+
+constexpr const char* kControllerTag = "PeltoController";
+constexpr const char* kStatePrefix = "setPeltoState, ";
+constexpr const char* kActiveTargetPrefix = "active target layer: ";
+constexpr const char* kQ2QCounter = "Pelto2-Q2QFps";
+constexpr const char* kDebugProperty = "vendor.debug.sf.show_pelto2_trace";
+
+// "setPeltoState, Off -> Temp Off, 511"
+bool parseStateLine(const std::string& message, StateChange* change) {
+    if (message.rfind(kStatePrefix, 0) != 0) return false;
+    const std::string rest = message.substr(strlen(kStatePrefix));
+    const size_t arrow = rest.find(" -> ");
+    const size_t comma = rest.rfind(", ");
+    if (arrow == std::string::npos || comma == std::string::npos || comma < arrow) return false;
+    change->from = stateFromName(rest.substr(0, arrow));
+    change->to = stateFromName(rest.substr(arrow + 4, comma - arrow - 4));
+    change->reason = static_cast<int32_t>(strtol(rest.c_str() + comma + 2, nullptr, 10));
+    return true;
+}
+
+} // namespace
+
+Simulation::Simulation(const Scenario& scenario, PeltoLibrary& library, const RunOptions& options)
+      : mScenario(scenario), mLib(library), mOptions(options) {
+    mLayers.reserve(scenario.layers.size());
+    for (const LayerSpec& spec : scenario.layers) {
+        mLayers.push_back({&spec, sp<IBinder>(new BBinder()), false});
+    }
+}
+
+SimTime Simulation::now() const {
+    return virtualTime() - kVirtualBootOffset;
+}
+
+bool Simulation::isVisible(const Layer& layer) const {
+    return layer.registered && inAnyWindow(layer.spec->visible, now());
+}
+
+Simulation::Layer* Simulation::layerNamed(const std::string& name) {
+    for (Layer& layer : mLayers) {
+        if (layer.spec->name == name) return &layer;
+    }
+    return nullptr;
+}
+
+void Simulation::note(TimelineEntry::Kind kind, std::string text) {
+    mRecord->timeline.push_back({now(), kind, std::move(text)});
+}
+
+std::string Simulation::ruleLabel(const RuleSource& rules) const {
+    return rules.isInline() ? "the scenario's inline rules" : rules.path;
+}
+
+// Points the library's loader at the rule file. Inline rules are written to
+// an anonymous in-memory file, reached through /proc/self/fd.
+bool Simulation::useRules(const RuleSource& rules, std::string* error) {
+    std::string path = rules.path;
+    if (rules.isInline()) {
+        base::unique_fd fd(memfd_create("pelto-rules", MFD_CLOEXEC));
+        if (fd.get() < 0 ||
+            write(fd.get(), rules.text.data(), rules.text.size()) !=
+                    static_cast<ssize_t>(rules.text.size())) {
+            *error = "cannot hold the inline rules in memory: " + std::string(strerror(errno));
+            return false;
+        }
+        path = "/proc/self/fd/" + std::to_string(fd.get());
+        mRuleFiles.push_back(std::move(fd));
+    }
+    setenv("PELTO_CONFIG_PATH", path.c_str(), 1);
+    return true;
+}
+
+void Simulation::composite(SimTime at) {
+    TraceRecorder& trace = TraceRecorder::instance();
+    trace.counter("VSYNC-sf", mRecord->compositions % 2);
+    trace.begin("composite");
+    mLib.commit(mController);
+    mLib.composite(mController, inAnyWindow(mScenario.forceOff, at), /*compositeFlag=*/false,
+                   mScenario.display.screenArea());
+    ++mRecord->compositions;
+    const bool full = mLib.isQ2QFull(mController);
+    if (full) {
+        ++mRecord->q2qFullCompositions;
+    }
+    if (full != (!mRecord->q2qFull.empty() && mRecord->q2qFull.back().on)) {
+        mRecord->q2qFull.push_back({at, full});
+    }
+    trace.end();
+    mLastComposition = at;
+}
+
+void Simulation::queueBuffer(Layer& layer) {
+    TraceRecorder& trace = TraceRecorder::instance();
+    trace.begin("queueBuffer " + layer.spec->name);
+    // The transaction carries the time of the composition before it.
+    mLib.setTransactionState(mController, {{layer.handle, true, false, Fence::NO_FENCE}},
+                             kVirtualBootOffset + mLastComposition);
+    if (layer.spec->pendingBufferHint) {
+        mLib.setHasPendingBuffer(mController, &layer);
+    }
+    trace.end();
+}
+
+void Simulation::applyEvent(const Event& event) {
+    Layer* layer = event.layer.empty() ? nullptr : layerNamed(event.layer);
+    const char* flag = event.flag ? "true" : "false";
+    switch (event.kind) {
+        case Event::Kind::SetHasOtherUI:
+            note(TimelineEntry::Kind::Compositor, std::string("setHasOtherUI(") + flag + ")");
+            mLib.setHasOtherUI(mController, event.flag);
+            break;
+        case Event::Kind::SetHasPendingBuffer:
+            note(TimelineEntry::Kind::Compositor, "setHasPendingBuffer(" + event.layer + ")");
+            mLib.setHasPendingBuffer(mController, layer);
+            break;
+        case Event::Kind::SetSFInProgress:
+            note(TimelineEntry::Kind::Compositor, std::string("setSFInProgress(") + flag + ")");
+            mLib.setSFInProgress(mController, event.flag);
+            break;
+        case Event::Kind::SetPreviousPresentFence:
+            note(TimelineEntry::Kind::Compositor, "setPreviousPresentFence(signalled fence)");
+            mLib.setPreviousPresentFence(mController, sp<Fence>(new Fence()));
+            break;
+        case Event::Kind::SetTargetLayer:
+            note(TimelineEntry::Kind::Compositor,
+                 "setTargetLayer(" + (layer ? event.layer : std::string("null")) + ")");
+            mLib.setTargetLayer(mController, layer);
+            break;
+        case Event::Kind::SetPeltoEnable:
+            note(TimelineEntry::Kind::Compositor, std::string("setPeltoEnable(") + flag + ")");
+            mLib.setPeltoEnable(mController, event.flag);
+            break;
+        case Event::Kind::ReloadRules: {
+            std::string error;
+            if (!useRules(event.rules, &error)) {
+                note(TimelineEntry::Kind::Compositor, "rule reload skipped: " + error);
+                break;
+            }
+            note(TimelineEntry::Kind::Compositor, "reloadConfigThenDump(" +
+                                                          ruleLabel(event.rules) + ")");
+            std::string out;
+            mLib.reloadConfigThenDump(mController, out);
+            const std::string result = out.substr(0, out.find('\n'));
+            mRecord->reloads.push_back({now(), result});
+            note(TimelineEntry::Kind::Library, result);
+            break;
+        }
+    }
+}
+
+void Simulation::runStep(const Step& step) {
+    switch (step.kind) {
+        case Step::Kind::Register: {
+            Layer& layer = mLayers[step.index];
+            layer.registered = true;
+            note(TimelineEntry::Kind::Compositor,
+                 "registerLayer(" + layer.spec->name + ")" +
+                         (isVisible(layer) ? ", on screen" : ", not on screen yet"));
+            mLib.registerLayer(mController, &layer, layer.spec->name);
+            break;
+        }
+        case Step::Kind::Destroy: {
+            Layer& layer = mLayers[step.index];
+            layer.registered = false;
+            note(TimelineEntry::Kind::Compositor, "destroyLayer(" + layer.spec->name + ")");
+            mLib.destroyLayer(mController, &layer);
+            break;
+        }
+        case Step::Kind::RefreshChange: {
+            const RefreshChange& change = mScenario.display.refreshChanges[step.index];
+            mVsyncPeriod = vsyncPeriodOf(change.refreshHz);
+            mRecord->vsyncPeriods.push_back({now(), mVsyncPeriod.load()});
+            char text[96];
+            snprintf(text, sizeof(text), "display now %g Hz (period %" PRId64
+                     " ns); onActiveModeUpdated()", change.refreshHz, mVsyncPeriod.load());
+            note(TimelineEntry::Kind::Compositor, text);
+            mLib.onActiveModeUpdated(mController);
+            break;
+        }
+        case Step::Kind::Note:
+            note(TimelineEntry::Kind::Screen, step.note);
+            break;
+        case Step::Kind::Event:
+            applyEvent(mScenario.events[step.index]);
+            break;
+        case Step::Kind::Vsync:
+            composite(step.at);
+            break;
+        case Step::Kind::Buffer:
+            queueBuffer(mLayers[step.index]);
+            break;
+    }
+}
+
+void Simulation::onLogLine(const LogLine& line) {
+    if (gettid() != mMainTid) {
+        // The library's own threads; joined before the record is read.
+        mRecord->backgroundLog.push_back(line);
+        return;
+    }
+    StateChange change;
+    if (line.tag == kControllerTag && parseStateLine(line.message, &change)) {
+        change.at = now();
+        mRecord->states.push_back(change);
+        char text[128];
+        snprintf(text, sizeof(text), "%s -> %s  (%d: %s)", stateName(change.from),
+                 stateName(change.to), change.reason, reasonText(change.reason));
+        note(TimelineEntry::Kind::State, text);
+        return;
+    }
+    if (line.tag == kControllerTag && line.message.rfind(kActiveTargetPrefix, 0) == 0) {
+        const std::string name = line.message.substr(strlen(kActiveTargetPrefix));
+        mRecord->activeTargets.push_back({now(), name});
+        note(TimelineEntry::Kind::ActiveTarget, name);
+        return;
+    }
+    const std::string text =
+            std::string(1, priorityLetter(line.priority)) + " " + line.tag + ": " + line.message;
+    if (mOptions.verbose) {
+        note(TimelineEntry::Kind::Library, text);
+    } else if (line.priority >= ANDROID_LOG_WARN && mLibraryWarnings[text]++ == 0) {
+        // Each distinct warning once; the summary counts the repeats.
+        note(TimelineEntry::Kind::Library, text);
+    }
+}
+
+void Simulation::onCounter(const std::string& name, int64_t value) {
+    if (name != kQ2QCounter || gettid() != mMainTid) return;
+    mRecord->q2qFps.push_back({now(), value});
+    // The timeline shows a start, a restart (0) and moves of more than 1 fps;
+    // the record and the trace keep every sample.
+    const bool restart = (value == 0) != (mLastQ2QFpsShown == 0);
+    if (restart || std::abs(value - mLastQ2QFpsShown) > 1) {
+        mLastQ2QFpsShown = value;
+        note(TimelineEntry::Kind::Q2QFps, std::to_string(value));
+    }
+}
+
+bool Simulation::run(RunRecord* record, std::string* error) {
+    mRecord = record;
+    mMainTid = gettid();
+    mRecord->mainTid = mMainTid;
+    setVirtualTime(kVirtualBootOffset);
+    mVsyncPeriod = vsyncPeriodOf(mScenario.display.refreshHz);
+    mRecord->vsyncPeriods.push_back({0, mVsyncPeriod.load()});
+
+    if (mScenario.listMode && !useRules(mScenario.rules, error)) {
+        return false;
+    }
+    if (mOptions.debugLines) {
+        // Read once by the library, at its first gated line.
+        base::SetProperty(kDebugProperty, "true");
+    }
+    TraceRecorder::instance().setCounterListener(
+            [this](const std::string& name, int64_t value) { onCounter(name, value); });
+    LogSink sink([this](const LogLine& line) { onLogLine(line); });
+
+    if (mScenario.listMode) {
+        note(TimelineEntry::Kind::Compositor,
+             "createPeltoController(list mode, rules: " + ruleLabel(mScenario.rules) + ")");
+    } else {
+        note(TimelineEntry::Kind::Compositor, "createPeltoController(API mode)");
+    }
+    mController = mLib.createPeltoController(
+            mScenario.listMode,
+            [this](const sp<IBinder>& handle) -> void* {
+                for (Layer& layer : mLayers) {
+                    if (layer.handle == handle) return &layer;
+                }
+                return nullptr;
+            },
+            [this](const sp<IBinder>& handle) {
+                for (const Layer& layer : mLayers) {
+                    if (layer.handle == handle) return layer.spec->bufferCount;
+                }
+                return 0;
+            },
+            [this](const PeltoController::LayerVisitor& visit) {
+                for (const Layer& layer : mLayers) {
+                    if (isVisible(layer)) visit(&layer);
+                }
+            },
+            [this](const PeltoController::BufferLayerVisitor& visit) {
+                for (const Layer& layer : mLayers) {
+                    if (!isVisible(layer) || !layer.spec->hasBuffer) continue;
+                    visit(&layer, layer.spec->areaAt(now()),
+                          inAnyWindow(layer.spec->focused, now()));
+                }
+            },
+            [this] { return static_cast<long>(mVsyncPeriod.load()); },
+            [this](bool) {
+                TraceRecorder::instance().begin("vsync callback requested");
+                TraceRecorder::instance().end();
+                std::lock_guard lock(mCallbackMutex);
+                mVsyncCallbacks.push_back(now());
+            },
+            [this] {
+                std::lock_guard lock(mCallbackMutex);
+                ++mInvalidateCalls;
+            },
+            [this] {
+                mRecord->hwc.push_back({now(), true});
+                TraceRecorder::instance().counter("HwcPeltoMode", 1);
+                note(TimelineEntry::Kind::Hwc, "on");
+            },
+            [this] {
+                mRecord->hwc.push_back({now(), false});
+                TraceRecorder::instance().counter("HwcPeltoMode", 0);
+                note(TimelineEntry::Kind::Hwc, "off");
+            });
+
+    for (const Step& step : buildSchedule(mScenario)) {
+        setVirtualTime(kVirtualBootOffset + step.at);
+        runStep(step);
+    }
+    setVirtualTime(kVirtualBootOffset + mScenario.duration);
+    mLib.dump(mController, mRecord->finalDump);
+    mLib.destroyPeltoController(mController);
+    mController = nullptr;
+    TraceRecorder::instance().setCounterListener(nullptr);
+
+    {
+        std::lock_guard lock(mCallbackMutex);
+        mRecord->vsyncCallbacks = mVsyncCallbacks;
+        if (mInvalidateCalls > 0) {
+            note(TimelineEntry::Kind::Library, "triggerEventQueueInvalidate was called " +
+                                                       std::to_string(mInvalidateCalls) +
+                                                       " times");
+        }
+    }
+    int repeats = 0;
+    for (const auto& [text, count] : mLibraryWarnings) repeats += count - 1;
+    if (repeats > 0) {
+        note(TimelineEntry::Kind::Library, std::to_string(repeats) +
+                                                   " repeats of the warnings above not shown");
+    }
+    mRecord->trace = TraceRecorder::instance().events();
+    return true;
+}
+
+} // namespace android::tools::sim

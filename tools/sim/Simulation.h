@@ -1,0 +1,85 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <atomic>
+#include <map>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include <android-base/thread_annotations.h>
+#include <android-base/unique_fd.h>
+#include <binder/IBinder.h>
+
+#include "tools/host/LogSink.h"
+#include "tools/host/PeltoLibrary.h"
+#include "tools/sim/RunRecord.h"
+#include "tools/sim/Scenario.h"
+#include "tools/sim/Schedule.h"
+
+namespace android::tools::sim {
+
+struct RunOptions {
+    bool verbose = false;     // every library log line in the timeline
+    bool debugLines = false;  // switch on the library's "pelto2_sf_lib: " lines
+};
+
+// Plays the compositor for one scenario on virtual time: registers and
+// destroys layers, composites once per vsync, sends a transaction for every
+// queued buffer and the scenario's hints and events, and answers the
+// library's callbacks from the scenario. Records what the library did.
+class Simulation {
+public:
+    Simulation(const Scenario& scenario, PeltoLibrary& library, const RunOptions& options);
+
+    Simulation(const Simulation&) = delete;
+    Simulation& operator=(const Simulation&) = delete;
+
+    // Runs the scenario from start to end. False, with *error, when it cannot start.
+    bool run(RunRecord* record, std::string* error);
+
+private:
+    // One layer as the compositor holds it; its address is the layerPtr.
+    struct Layer {
+        const LayerSpec* spec = nullptr;
+        sp<IBinder> handle;
+        bool registered = false;
+    };
+
+    void runStep(const Step& step);
+    void composite(SimTime now);
+    void queueBuffer(Layer& layer);
+    void applyEvent(const Event& event);
+    bool useRules(const RuleSource& rules, std::string* error);
+    void onLogLine(const LogLine& line);
+    void onCounter(const std::string& name, int64_t value);
+    void note(TimelineEntry::Kind kind, std::string text);
+
+    SimTime now() const;
+    bool isVisible(const Layer& layer) const;
+    Layer* layerNamed(const std::string& name);
+    std::string ruleLabel(const RuleSource& rules) const;
+
+    const Scenario& mScenario;
+    PeltoLibrary& mLib;
+    const RunOptions mOptions;
+    PeltoController* mController = nullptr;
+    std::vector<Layer> mLayers;  // never resized during a run
+    RunRecord* mRecord = nullptr;
+    pid_t mMainTid = 0;
+    SimTime mLastComposition = 0;
+    int64_t mLastQ2QFpsShown = 0;  // the value traced at construction
+    std::map<std::string, int> mLibraryWarnings;  // repeats of each line shown once
+    std::vector<base::unique_fd> mRuleFiles;
+
+    // Asked from the library's threads as well as from the simulation loop.
+    std::atomic<int64_t> mVsyncPeriod{0};
+
+    // The fence loop may call the vsync callback from its own thread.
+    std::mutex mCallbackMutex;
+    std::vector<SimTime> mVsyncCallbacks GUARDED_BY(mCallbackMutex);
+    int mInvalidateCalls GUARDED_BY(mCallbackMutex) = 0;
+};
+
+} // namespace android::tools::sim

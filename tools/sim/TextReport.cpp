@@ -1,0 +1,83 @@
+#include "tools/sim/TextReport.h"
+
+#include <cinttypes>
+
+namespace android::tools::sim {
+namespace {
+
+double percent(SimTime part, SimTime whole) {
+    return whole == 0 ? 0.0 : 100.0 * static_cast<double>(part) / static_cast<double>(whole);
+}
+
+} // namespace
+
+void printHeader(FILE* out, const Scenario& scenario) {
+    fprintf(out, "scenario: %s (%s)\n", scenario.name.c_str(), scenario.path.c_str());
+    if (!scenario.description.empty()) {
+        fprintf(out, "  %s\n", scenario.description.c_str());
+    }
+    fprintf(out, "  %s mode, display %ux%u at %g Hz, %s\n", scenario.listMode ? "list" : "API",
+            scenario.display.width, scenario.display.height, scenario.display.refreshHz,
+            formatSeconds(scenario.duration).c_str());
+}
+
+void printTimeline(FILE* out, const RunRecord& record, bool libraryThreads) {
+    fprintf(out, "\ntimeline (seconds from the start)\n");
+    for (const TimelineEntry& entry : record.timeline) {
+        fprintf(out, "  %9.3f  %-10s  %s\n", static_cast<double>(entry.at) / 1e9,
+                timelineLabel(entry.kind), entry.text.c_str());
+    }
+    if (!libraryThreads || record.backgroundLog.empty()) return;
+    // Their order against the timeline depends on the scheduler.
+    fprintf(out, "\nlogged by the library's own threads\n");
+    for (const LogLine& line : record.backgroundLog) {
+        fprintf(out, "  %c %s: %s\n", priorityLetter(line.priority), line.tag.c_str(),
+                line.message.c_str());
+    }
+}
+
+void printSummary(FILE* out, const Scenario& scenario, const RunSummary& summary) {
+    const SimTime d = scenario.duration;
+    fprintf(out, "\nsummary over %s, %" PRId64 " compositions\n", formatSeconds(d).c_str(),
+            summary.compositions);
+    fprintf(out, "  time in state     Off %s (%.1f%%), On %s (%.1f%%), Temp Off %s (%.1f%%)\n",
+            formatSeconds(summary.timeInState[0]).c_str(), percent(summary.timeInState[0], d),
+            formatSeconds(summary.timeInState[1]).c_str(), percent(summary.timeInState[1], d),
+            formatSeconds(summary.timeInState[2]).c_str(), percent(summary.timeInState[2], d));
+    fprintf(out, "  HWC toggles       %d (%d on, %d off)\n", summary.hwcToggles(), summary.hwcOn,
+            summary.hwcOff);
+    fprintf(out, "  vsync callbacks   %zu requested\n", summary.vsyncCallbacks);
+    if (summary.q2qMeasured > 0) {
+        fprintf(out, "  Q2Q fps           %" PRId64 " at the end; %" PRId64 " to %" PRId64
+                " over %zu measured samples\n",
+                summary.q2qLast, summary.q2qMin, summary.q2qMax, summary.q2qMeasured);
+    } else {
+        fprintf(out, "  Q2Q fps           never measured\n");
+    }
+    fprintf(out, "  isQ2QFull         true after %" PRId64 " of %" PRId64
+            " compositions (%.1f%%)\n",
+            summary.q2qFullCompositions, summary.compositions, summary.q2qFullShare() * 100);
+}
+
+int printExpectations(FILE* out, const std::vector<ExpectationResult>& results) {
+    if (results.empty()) {
+        fprintf(out, "\nno expectations\n");
+        return 0;
+    }
+    fprintf(out, "\nexpectations\n");
+    int failed = 0;
+    for (const ExpectationResult& r : results) {
+        const Expectation& e = *r.expectation;
+        fprintf(out, "  %-4s  %s  %s\n", r.passed ? "ok" : "FAIL", e.key.c_str(), r.what.c_str());
+        if (!r.passed) {
+            ++failed;
+            fprintf(out, "          got %s\n", r.got.c_str());
+            if (!e.why.empty()) fprintf(out, "          why it matters: %s\n", e.why.c_str());
+        }
+    }
+    fprintf(out, "%zu expectations: %zu passed, %d failed\n", results.size(),
+            results.size() - failed, failed);
+    return failed;
+}
+
+} // namespace android::tools::sim

@@ -1,0 +1,88 @@
+#include "tools/sim/TraceRecorder.h"
+
+#include <pthread.h>
+#include <unistd.h>
+
+#include <cutils/trace.h>
+
+#include "tools/sim/SimClock.h"
+
+namespace android::tools::sim {
+namespace {
+
+std::string currentThreadName() {
+    char name[16] = {};
+    pthread_getname_np(pthread_self(), name, sizeof(name));
+    return name;
+}
+
+} // namespace
+
+TraceRecorder& TraceRecorder::instance() {
+    static TraceRecorder recorder;
+    return recorder;
+}
+
+void TraceRecorder::record(TraceEvent::Kind kind, const std::string& name, int64_t value) {
+    TraceEvent event;
+    event.kind = kind;
+    event.tid = gettid();
+    event.thread = currentThreadName();
+    event.name = name;
+    event.value = value;
+    CounterListener listener;
+    {
+        std::lock_guard lock(mMutex);
+        // Read under the lock, so the list stays in time order across threads.
+        event.time = virtualTime();
+        mEvents.push_back(std::move(event));
+        if (kind == TraceEvent::Kind::Counter) listener = mListener;
+    }
+    if (listener) listener(name, value);
+}
+
+void TraceRecorder::begin(const std::string& name) {
+    record(TraceEvent::Kind::Begin, name, 0);
+}
+
+void TraceRecorder::end() {
+    record(TraceEvent::Kind::End, "", 0);
+}
+
+void TraceRecorder::counter(const std::string& name, int64_t value) {
+    record(TraceEvent::Kind::Counter, name, value);
+}
+
+void TraceRecorder::setCounterListener(CounterListener listener) {
+    std::lock_guard lock(mMutex);
+    mListener = std::move(listener);
+}
+
+std::vector<TraceEvent> TraceRecorder::events() const {
+    std::lock_guard lock(mMutex);
+    return mEvents;
+}
+
+} // namespace android::tools::sim
+
+// The platform's trace entry points, defined by the simulator and exported
+// from it, so that the library's trace calls land in the recorder.
+extern "C" {
+
+uint64_t atrace_get_enabled_tags() {
+    return ATRACE_TAG_GRAPHICS;
+}
+
+void atrace_begin_body(const char* name) {
+    android::tools::sim::TraceRecorder::instance().begin(name);
+}
+
+void atrace_end_body() {
+    android::tools::sim::TraceRecorder::instance().end();
+}
+
+void atrace_int64_body(const char* name, int64_t value) {
+    android::tools::sim::TraceRecorder::instance().counter(name, value);
+}
+
+} // extern "C"
