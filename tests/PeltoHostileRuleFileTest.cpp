@@ -198,6 +198,15 @@ TEST_F(PeltoHostileRuleFileTest, tenMegabytesOfTargetsLoad) {
     ASSERT_TRUE(config.isTargetIgnoreLayer("ignored-0", &ignored));
     EXPECT_EQ(ignored->id, 0);
     EXPECT_FALSE(config.isTargetLayer("layer-" + std::to_string(targets), nullptr));
+
+    // Each target is listed with its own ignored name. A dump that scanned
+    // every ignored name for every target ran for minutes here.
+    std::string dump;
+    config.dump(dump);
+    const std::string lastId = std::to_string(targets - 1);
+    EXPECT_THAT(dump, HasSubstr("\n0: layer-0\n\tignore name: ignored-0\n1: layer-1\n"));
+    EXPECT_THAT(dump, HasSubstr("\n" + lastId + ": layer-" + lastId + "\n\tignore name: ignored-" +
+                                lastId + "\n"));
 }
 
 } // namespace
