@@ -1,8 +1,10 @@
 # The two commands a user needs: `make test` and `make demo`. Each installs
 # what is missing, builds and runs.
 JOBS ?= $(shell nproc)
+# Seconds each fuzzer runs for in `make fuzz`.
+FUZZ_SECONDS ?= 60
 
-.PHONY: test demo deps build build-clang test-gcc check-thread-safety check-android-bp test-tsan test-asan clean
+.PHONY: test demo deps build build-clang test-gcc check-thread-safety check-android-bp test-tsan test-asan fuzz clean
 
 test: deps
 	$(MAKE) check-android-bp
@@ -56,6 +58,13 @@ test-asan:
 	cmake --preset asan >/dev/null
 	cmake --build --preset asan -j $(JOBS)
 	ctest --preset asan
+
+# libFuzzer targets under ASan+UBSan, each for FUZZ_SECONDS over a scratch
+# copy of its seed corpus; fails on any crash, leak, timeout or broken invariant.
+fuzz: deps
+	cmake --preset fuzz >/dev/null
+	cmake --build --preset fuzz -j $(JOBS) --target pelto_rule_file_fuzzer pelto_controller_fuzzer
+	scripts/run-fuzzers.sh $(FUZZ_SECONDS)
 
 clean:
 	rm -rf build

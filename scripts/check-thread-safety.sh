@@ -8,7 +8,7 @@ cd "$(dirname "$0")/.."
 
 mapfile -t sources < <(git ls-files --cached --others --exclude-standard \
   'controller/*.cpp' 'config/*.cpp' 'scheduler/*.cpp' 'trace/*.cpp' \
-  'tests/*.cpp' 'tools/*.cpp' 'bench/*.cpp' 2>/dev/null | sort -u)
+  'tests/*.cpp' 'fuzz/*.cpp' 'tools/*.cpp' 'bench/*.cpp' 2>/dev/null | sort -u)
 if [ ${#sources[@]} -eq 0 ]; then
   echo "check-thread-safety: no sources found" >&2
   exit 1
