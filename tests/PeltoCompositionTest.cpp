@@ -188,6 +188,16 @@ TEST_F(PeltoCompositionTest, unregisteredVisibleLayerIsWarnedAboutAndLeftOut) {
     EXPECT_TRUE(log.contains(ANDROID_LOG_WARN, "PeltoController", expected));
 }
 
+TEST_F(PeltoCompositionTest, aLayerVisitedTwiceIsJudgedByEachVisitsOwnArea) {
+    start(kMayStayOnRules);
+    // The first visit (90 %) fails the general rule even though the second
+    // (5 %), which the registry keeps, would pass it.
+    EXPECT_EQ(show({{kVideo, 5000}, {kStatusBar, 9000}, {kStatusBar, 500}}), "Temp Off 518");
+    std::string out;
+    mController->dump(out);
+    EXPECT_THAT(out, HasSubstr("\tStatusBar#0\n\t\tarea: 500 focused: 0\n"));
+}
+
 TEST(PeltoCompositionApiTest, apiModeDecidesFromTheNamedTargetsVisibility) {
     FakeCompositor host;
     auto controller = host.create(/*useList=*/false);
