@@ -153,9 +153,11 @@ void PeltoController::setTransactionState(const std::vector<PeltoTransactionStat
     traceLog("pelto2_sf_lib: setTransactionState, enter");
 
     for (const PeltoTransactionState& state : states) {
-        // Hold the handle and the fence while the element is looked at.
-        const sp<IBinder> handle = std::get<0>(state);
-        const sp<Fence> fence = std::get<3>(state);
+        // The host's vector holds a strong reference to the element's handle
+        // and fence for the whole call, so the element is looked at through
+        // those: a reference of our own would cost atomic operations on every
+        // element and change nothing.
+        const sp<IBinder>& handle = std::get<0>(state);
 
         if (handle == nullptr) {
             if (std::get<1>(state)) {
