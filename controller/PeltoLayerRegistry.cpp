@@ -69,8 +69,10 @@ void PeltoController::destroyLayer(const void* layerPtr) {
     if (indexed == mLayerIndex.end()) {
         return;
     }
+    // No record of this pointer comes before the first one, which the index holds.
+    auto it = indexed->second;
     mLayerIndex.erase(indexed);
-    for (auto it = mLayers.begin(); it != mLayers.end();) {
+    while (it != mLayers.end()) {
         if (it->layerPtr != layerPtr) {
             ++it;
             continue;
