@@ -6,6 +6,7 @@
 #include <string>
 
 #include <benchmark/benchmark.h>
+#include <cutils/trace.h>
 #include <utils/Timers.h>
 
 #include "bench/BenchHost.h"
@@ -102,6 +103,15 @@ void BM_CompositeListLockHeld(benchmark::State& state) {
 void BM_ClockRead(benchmark::State& state) {
     for (auto _ : state) {
         benchmark::DoNotOptimize(systemTime(SYSTEM_TIME_MONOTONIC));
+    }
+}
+
+// One counter event through this program's trace sink, to set apart from the
+// traced benchmarks what the sink itself costs.
+void BM_TraceCounterEvent(benchmark::State& state) {
+    ScopedGraphicsTracing tracing(true);
+    for (auto _ : state) {
+        ATRACE_INT64("Pelto2-Q2QFps", 60);
     }
 }
 
@@ -218,6 +228,7 @@ BENCHMARK(BM_CompositeListLockHeld)
         ->Args({256, 64})
         ->Apply(addMinMaxStatistics);
 BENCHMARK(BM_ClockRead)->Apply(addMinMaxStatistics);
+BENCHMARK(BM_TraceCounterEvent)->Apply(addMinMaxStatistics);
 BENCHMARK(BM_CompositeApi)->ArgName("visible")->Arg(8)->Arg(64)->Arg(256)->Apply(
         addMinMaxStatistics);
 BENCHMARK(BM_CompositeApiFloor)->ArgName("visible")->Arg(8)->Arg(64)->Arg(256)->Apply(
