@@ -120,7 +120,7 @@ void SummaryReporter::Finalize() {
         }
         for (const auto& [name, value] : t->counters) {
             out << "| " << t->function << " | " << name << " (median) | "
-                << format("%.1f", value) << " | | | | |\n";
+                << format(value < 10 ? "%.3f" : "%.1f", value) << " | | | | |\n";
         }
     }
 
