@@ -82,6 +82,11 @@ void PeltoController::setActiveTargetLayer(const PeltoLayer& layer) {
         }
     }
     resetFps();
+    // Published after the reset, so a transaction that finds the new target
+    // active samples into the emptied ring.
+    const auto indexed = mLayerIndex.find(layer.layerPtr);
+    const bool active = indexed != mLayerIndex.end() && indexed->second->isActiveTarget;
+    mActiveTargetLayerPtr = active ? layer.layerPtr : nullptr;
 }
 
 void PeltoController::visitBufferLayerLocked(const void* layerPtr, float area, bool focused) {

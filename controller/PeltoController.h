@@ -163,6 +163,13 @@ private:
     // so that per-frame lookups do not walk the list.
     std::unordered_map<const void*, std::list<PeltoLayer>::iterator> mLayerIndex
             GUARDED_BY(mLayerMutex);
+    // isActiveTargetLayer's answer in list mode: the pointer whose first record
+    // is the active target, or null. Only the records of the last pointer given
+    // to setActiveTargetLayer carry the flag, so at most one pointer answers
+    // true. Stored under mLayerMutex wherever that answer changes (a new active
+    // target, after its reset; its destroy; a reload), so a transaction reads
+    // it without the lock and sees what a lookup would have seen at that moment.
+    std::atomic<const void*> mActiveTargetLayerPtr{nullptr};
 
     // Mode state. Each is read and written whole, without a controller lock.
     std::atomic<bool> mPeltoEnable{false};
