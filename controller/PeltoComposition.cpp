@@ -76,16 +76,20 @@ PeltoExceptionRuleInput PeltoController::prepareExceptionInput(const PeltoLayer&
 }
 
 void PeltoController::setActiveTargetLayer(const PeltoLayer& layer) {
+    // Whether the pointer's first record, the one lookups find, is now flagged.
+    const PeltoLayer* first = nullptr;
     for (PeltoLayer& record : mLayers) {
         if (record.type == static_cast<int32_t>(PeltoLayerType::TargetLayer)) {
             record.isActiveTarget = record.layerPtr == layer.layerPtr;
+        }
+        if (first == nullptr && record.layerPtr == layer.layerPtr) {
+            first = &record;
         }
     }
     resetFps();
     // Published after the reset, so a transaction that finds the new target
     // active samples into the emptied ring.
-    const auto indexed = mLayerIndex.find(layer.layerPtr);
-    const bool active = indexed != mLayerIndex.end() && indexed->second->isActiveTarget;
+    const bool active = first != nullptr && first->isActiveTarget;
     mActiveTargetLayerPtr = active ? layer.layerPtr : nullptr;
 }
 
