@@ -3,7 +3,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <functional>
 #include <string>
 
 #include "bench/BenchHost.h"
@@ -12,8 +11,8 @@ namespace android::bench {
 namespace {
 
 constexpr int kDefaultCalls = 1000;
-constexpr size_t kRegistered = 256;
-constexpr size_t kVisible = 64;
+constexpr size_t kDefaultRegistered = 256;
+constexpr size_t kDefaultVisible = 64;
 constexpr size_t kApiVisible = 64;
 
 // One function per operation, never inlined, for --toggle-collect.
@@ -46,7 +45,7 @@ __attribute__((noinline)) void measuredTransactionFloor(const Transaction& trans
 
 int usage() {
     fprintf(stderr,
-            "usage: pelto_bench --callgrind=<operation> [--calls=N]\n"
+            "usage: pelto_bench --callgrind=<operation> [--calls=N] [--scene=REGISTERED,VISIBLE]\n"
             "operations: compositeList compositeListFloor compositeApi compositeApiFloor "
             "transaction transactionFloor\n");
     return 2;
@@ -57,20 +56,25 @@ int usage() {
 int runCallgrindDriver(int argc, char** argv) {
     std::string operation;
     int calls = kDefaultCalls;
+    size_t registered = kDefaultRegistered;
+    size_t visible = kDefaultVisible;
     for (int i = 1; i < argc; ++i) {
         if (strncmp(argv[i], "--callgrind=", 12) == 0) {
             operation = argv[i] + 12;
         } else if (strncmp(argv[i], "--calls=", 8) == 0) {
             calls = atoi(argv[i] + 8);
+        } else if (strncmp(argv[i], "--scene=", 8) == 0 &&
+                   sscanf(argv[i] + 8, "%zu,%zu", &registered, &visible) == 2 && visible >= 8 &&
+                   registered >= visible) {
+            continue;
         } else {
             return usage();
         }
     }
 
-    std::function<void()> call;
     if (operation == "compositeList" || operation == "compositeListFloor" ||
         operation == "transaction" || operation == "transactionFloor") {
-        ListModeRig rig(kRegistered, kVisible);
+        ListModeRig rig(registered, visible);
         const Transaction transaction(rig, 1, TargetAt::First);
         const auto traverse = rig.host.traverseVisibleBufferLayers();
         // Fills the pacing ring, so that the counted calls are steady ones.
