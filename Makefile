@@ -4,7 +4,8 @@ JOBS ?= $(shell nproc)
 # Seconds each fuzzer runs for in `make fuzz`.
 FUZZ_SECONDS ?= 60
 
-.PHONY: test demo deps build build-clang test-gcc check-thread-safety check-android-bp test-tsan test-asan fuzz clean
+.PHONY: test demo deps build build-clang test-gcc check-thread-safety check-android-bp test-tsan test-asan \
+	bench bench-build bench-run bench-callgrind fuzz clean
 
 test: deps
 	$(MAKE) check-android-bp
@@ -58,6 +59,29 @@ test-asan:
 	cmake --preset asan >/dev/null
 	cmake --build --preset asan -j $(JOBS)
 	ctest --preset asan
+
+# Benchmarks of the per-frame paths beside their floors (bench/README.md):
+# the suite with repetitions, interleaved at random, then the instruction
+# counts under callgrind. Never part of `make test`.
+BENCH_REPETITIONS ?= 10
+BENCH_MIN_TIME ?= 0.2
+BENCH = build/default/bench/pelto_bench
+
+bench:
+	$(MAKE) bench-run
+	$(MAKE) bench-callgrind
+
+bench-build:
+	@scripts/install-deps.sh valgrind
+	cmake --preset default >/dev/null
+	cmake --build --preset default -j $(JOBS) --target pelto_bench
+
+bench-run: bench-build
+	$(BENCH) --benchmark_repetitions=$(BENCH_REPETITIONS) --benchmark_min_time=$(BENCH_MIN_TIME) \
+		--benchmark_enable_random_interleaving=true --benchmark_report_aggregates_only=true
+
+bench-callgrind: bench-build
+	scripts/bench-callgrind.sh $(BENCH)
 
 # libFuzzer targets under ASan+UBSan, each for FUZZ_SECONDS over a scratch
 # copy of its seed corpus; fails on any crash, leak, timeout or broken invariant.

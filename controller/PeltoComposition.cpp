@@ -24,6 +24,15 @@ constexpr int32_t kReasonGeneralRule = 518;
 constexpr int32_t kReasonExceptionRule = 547;
 constexpr int32_t kReasonListOn = 551;
 
+// The rule input of a layer with this area and focus.
+PeltoExceptionRuleInput exceptionInput(float area, bool focused, unsigned int screenArea) {
+    PeltoExceptionRuleInput input;
+    input.layerScreenSizeRatio =
+            screenArea == 0 ? 0.0f : area / static_cast<float>(screenArea) * 100.0f;
+    input.focus = focused;
+    return input;
+}
+
 } // namespace
 
 void PeltoController::composite(bool forceOff, bool compositeFlag, unsigned int screenArea) {
@@ -63,20 +72,25 @@ void PeltoController::compositeApi() {
 
 PeltoExceptionRuleInput PeltoController::prepareExceptionInput(const PeltoLayer& layer,
                                                                unsigned int screenArea) const {
-    PeltoExceptionRuleInput input;
-    input.layerScreenSizeRatio =
-            screenArea == 0 ? 0.0f : layer.area / static_cast<float>(screenArea) * 100.0f;
-    input.focus = layer.focused;
-    return input;
+    return exceptionInput(layer.area, layer.focused, screenArea);
 }
 
 void PeltoController::setActiveTargetLayer(const PeltoLayer& layer) {
+    // Whether the pointer's first record, the one lookups find, is now flagged.
+    const PeltoLayer* first = nullptr;
     for (PeltoLayer& record : mLayers) {
         if (record.type == static_cast<int32_t>(PeltoLayerType::TargetLayer)) {
             record.isActiveTarget = record.layerPtr == layer.layerPtr;
         }
+        if (first == nullptr && record.layerPtr == layer.layerPtr) {
+            first = &record;
+        }
     }
     resetFps();
+    // Published after the reset, so a transaction that finds the new target
+    // active samples into the emptied ring.
+    const bool active = first != nullptr && first->isActiveTarget;
+    mActiveTargetLayerPtr = active ? layer.layerPtr : nullptr;
 }
 
 void PeltoController::visitBufferLayerLocked(const void* layerPtr, float area, bool focused) {
@@ -89,26 +103,27 @@ void PeltoController::visitBufferLayerLocked(const void* layerPtr, float area, b
     record.area = area;
     record.focused = focused;
 
+    const VisitedLayer visit{&record, area, focused};
     CompositionScratch& s = mScratch;
     switch (static_cast<uint32_t>(record.type)) {
         case static_cast<uint32_t>(PeltoLayerType::Nobody):
-            s.otherLayers.push_back(record);
+            s.otherLayers.push_back(visit);
             break;
         case static_cast<uint32_t>(PeltoLayerType::TargetLayer):
-            s.targetCandidates.push_back(record);
+            s.targetCandidates.push_back(visit);
             if (record.isActiveTarget) {
                 s.activeTarget = s.targetCandidates.size() - 1;
             }
             break;
         case static_cast<uint32_t>(PeltoLayerType::TargetIgnoreLayer):
-            s.ignoreLayers.push_back(record);
+            s.ignoreLayers.push_back(visit);
             break;
         case static_cast<uint32_t>(PeltoLayerType::ExceptionLayer):
-            s.exceptionLayers.push_back(record);
+            s.exceptionLayers.push_back(visit);
             break;
         default:
             ALOGW("layer has invalid type %s", record.name.c_str());
-            s.otherLayers.push_back(record);
+            s.otherLayers.push_back(visit);
             break;
     }
 }
@@ -117,7 +132,9 @@ void PeltoController::compositeList(unsigned int screenArea) {
     if (mConfig == nullptr) {
         return;
     }
-    // Rule records stay valid for the whole decision: a reload waits for it.
+    // Rule records, and the registry's records that the working lists point
+    // to, stay valid for the whole decision: a reload, a registration and a
+    // destroy wait for it.
     std::lock_guard config(mConfigMutex);
 
     CompositionScratch& s = mScratch;
@@ -152,19 +169,19 @@ void PeltoController::compositeList(unsigned int screenArea) {
         // visible candidate takes over and the pace is measured afresh.
         if (s.activeTarget == kNoActiveTarget) {
             s.activeTarget = 0;
-            setActiveTargetLayer(s.targetCandidates[0]);
-            ALOGI("active target layer: %s", s.targetCandidates[0].name.c_str());
+            setActiveTargetLayer(*s.targetCandidates[0].record);
+            ALOGI("active target layer: %s", s.targetCandidates[0].record->name.c_str());
         }
     }
 
-    const PeltoLayer& activeTarget = s.targetCandidates[s.activeTarget];
-    for (const PeltoLayer& layer : s.ignoreLayers) {
-        if (layer.targetIgnoreInfo == nullptr) {
+    const PeltoLayer& activeTarget = *s.targetCandidates[s.activeTarget].record;
+    for (const VisitedLayer& layer : s.ignoreLayers) {
+        if (layer.record->targetIgnoreInfo == nullptr) {
             s.otherLayers.push_back(layer);
         } else if (activeTarget.targetInfo == nullptr) {
             ALOGE("activeTarget->targetInfo == nullptr");
             break;
-        } else if (layer.targetIgnoreInfo->id != activeTarget.targetInfo->id) {
+        } else if (layer.record->targetIgnoreInfo->id != activeTarget.targetInfo->id) {
             // Ignored only beside another target: it counts against the mode here.
             s.otherLayers.push_back(layer);
         }
@@ -181,9 +198,9 @@ void PeltoController::compositeList(unsigned int screenArea) {
                 return;
             }
         } else {
-            for (const PeltoLayer& layer : s.otherLayers) {
+            for (const VisitedLayer& layer : s.otherLayers) {
                 const bool match = mConfig->checkExceptionGeneralRuleMatch(
-                        prepareExceptionInput(layer, screenArea));
+                        exceptionInput(layer.area, layer.focused, screenArea));
                 if (match == alwaysOn) {
                     setPeltoState(kTempOff, kReasonGeneralRule);
                     return;
@@ -192,14 +209,14 @@ void PeltoController::compositeList(unsigned int screenArea) {
         }
     }
 
-    for (const PeltoLayer& layer : s.exceptionLayers) {
-        if (layer.exceptionRule == nullptr) {
+    for (const VisitedLayer& layer : s.exceptionLayers) {
+        if (layer.record->exceptionRule == nullptr) {
             ALOGE("exceptionLayer.exceptionRule == nullptr");
             continue;
         }
         const bool match =
-                mConfig->checkRuleMatch(prepareExceptionInput(layer, screenArea),
-                                        *layer.exceptionRule);
+                mConfig->checkRuleMatch(exceptionInput(layer.area, layer.focused, screenArea),
+                                        *layer.record->exceptionRule);
         if (match == alwaysOn) {
             setPeltoState(kTempOff, kReasonExceptionRule);
             return;

@@ -21,7 +21,6 @@
 #include "config/PeltoConfig.h"
 #include "controller/PeltoExport.h"
 #include "controller/PeltoLayer.h"
-#include "controller/ScratchList.h"
 #include "trace/PeltoTracedOrdinal.h"
 
 namespace android {
@@ -164,6 +163,13 @@ private:
     // so that per-frame lookups do not walk the list.
     std::unordered_map<const void*, std::list<PeltoLayer>::iterator> mLayerIndex
             GUARDED_BY(mLayerMutex);
+    // isActiveTargetLayer's answer in list mode: the pointer whose first record
+    // is the active target, or null. Only the records of the last pointer given
+    // to setActiveTargetLayer carry the flag, so at most one pointer answers
+    // true. Stored under mLayerMutex wherever that answer changes (a new active
+    // target, after its reset; its destroy; a reload), so a transaction reads
+    // it without the lock and sees what a lookup would have seen at that moment.
+    std::atomic<const void*> mActiveTargetLayerPtr{nullptr};
 
     // Mode state. Each is read and written whole, without a controller lock.
     std::atomic<bool> mPeltoEnable{false};
@@ -204,13 +210,24 @@ private:
     std::mutex mSFInProgressMutex;
     bool mSFInProgress GUARDED_BY(mSFInProgressMutex) = false;
 
-    // Working lists of one list-mode composition, reused so that a steady
-    // composition allocates nothing.
+    // One visit of the list-mode traversal: the layer's record, and the area
+    // and focus that the visit reported (a layer visited twice keeps each
+    // visit's own). The record stays in place while the composition holds
+    // mConfigMutex, since every operation that adds, removes or rebuilds
+    // records takes it; so the decision reads it after mLayerMutex is
+    // released, without a copy of the record made under the lock.
+    struct VisitedLayer {
+        const PeltoLayer* record;
+        float area;
+        bool focused;
+    };
+    // Working lists of one list-mode composition, by type, in traversal
+    // order. Cleared, not freed, so that a steady composition allocates nothing.
     struct CompositionScratch {
-        ScratchList<PeltoLayer> targetCandidates;
-        ScratchList<PeltoLayer> otherLayers;
-        ScratchList<PeltoLayer> ignoreLayers;
-        ScratchList<PeltoLayer> exceptionLayers;
+        std::vector<VisitedLayer> targetCandidates;
+        std::vector<VisitedLayer> otherLayers;
+        std::vector<VisitedLayer> ignoreLayers;
+        std::vector<VisitedLayer> exceptionLayers;
         // Position of the active target in targetCandidates, or kNoActiveTarget.
         size_t activeTarget = 0;
     };

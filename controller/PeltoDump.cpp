@@ -99,6 +99,7 @@ void PeltoController::reloadConfigThenDump(std::string& out) {
         }
         mLayers.clear();
         mLayerIndex.clear();
+        mActiveTargetLayerPtr = nullptr;
         mTargetCandidateCount = 0;
     }
     for (size_t i = 0; i < layerPtrs.size(); ++i) {

@@ -69,8 +69,13 @@ void PeltoController::destroyLayer(const void* layerPtr) {
     if (indexed == mLayerIndex.end()) {
         return;
     }
+    // No record of this pointer comes before the first one, which the index holds.
+    auto it = indexed->second;
     mLayerIndex.erase(indexed);
-    for (auto it = mLayers.begin(); it != mLayers.end();) {
+    if (mActiveTargetLayerPtr.load() == layerPtr) {
+        mActiveTargetLayerPtr = nullptr;
+    }
+    while (it != mLayers.end()) {
         if (it->layerPtr != layerPtr) {
             ++it;
             continue;
@@ -90,9 +95,7 @@ bool PeltoController::isActiveTargetLayer(const void* layerPtr) const {
     if (!mUseList) {
         return layerPtr == mTargetLayer.load();
     }
-    std::lock_guard lock(mLayerMutex);
-    const auto indexed = mLayerIndex.find(layerPtr);
-    return indexed != mLayerIndex.end() && indexed->second->isActiveTarget;
+    return layerPtr != nullptr && layerPtr == mActiveTargetLayerPtr.load();
 }
 
 } // namespace android

@@ -85,8 +85,7 @@ void PeltoController::addActiveTargetLayerQueueTS() {
 
     if (mLastQueueTime < 0) {
         mLastQueueTime = now;
-        mQ2QFps.store(0);
-        mQ2QFps.trace();
+        mQ2QFps = 0;  // stores and traces in one step of the value's own lock
         return;
     }
 
@@ -118,8 +117,7 @@ void PeltoController::addActiveTargetLayerQueueTS() {
     } else {
         mAvgQ2QPeriod = 0;
     }
-    mQ2QFps.store(fps);
-    mQ2QFps.trace();
+    mQ2QFps = fps;
 }
 
 int64_t PeltoController::getQ2QAvgPeriod() {
@@ -155,9 +153,11 @@ void PeltoController::setTransactionState(const std::vector<PeltoTransactionStat
     traceLog("pelto2_sf_lib: setTransactionState, enter");
 
     for (const PeltoTransactionState& state : states) {
-        // Hold the handle and the fence while the element is looked at.
-        const sp<IBinder> handle = std::get<0>(state);
-        const sp<Fence> fence = std::get<3>(state);
+        // The host's vector holds a strong reference to the element's handle
+        // and fence for the whole call, so the element is looked at through
+        // those: a reference of our own would cost atomic operations on every
+        // element and change nothing.
+        const sp<IBinder>& handle = std::get<0>(state);
 
         if (handle == nullptr) {
             if (std::get<1>(state)) {
@@ -183,16 +183,22 @@ void PeltoController::setTransactionState(const std::vector<PeltoTransactionStat
 
         const nsecs_t now = systemTime(SYSTEM_TIME_MONOTONIC);
         const int64_t period = mGetCurrentVsyncPeriod();
-        const int64_t avgPeriod = getQ2QAvgPeriod();
+        // The average only feeds the gated line below, so it is read (under
+        // mQ2QMutex, with the sample just taken) only when that line is written.
+        const bool debug = peltoDebugEnabled();
+        const int64_t avgPeriod = debug ? getQ2QAvgPeriod() : 0;
         const int32_t bufferCount = mGetBufferCountFromHandle(handle);
 
         const int64_t duration = saturatingSub(now, timestamp);
         const auto periodThreshold = static_cast<int64_t>(static_cast<float>(period) * 0.9f);
-        const auto q2QThreshold = static_cast<int64_t>(static_cast<float>(avgPeriod) * 0.85f);
-        traceLog("pelto2_sf_lib: setTransactionState, duration=%ld, periodThreshold=%ld, "
-                 "q2QThreshold=%ld, bufferCount=%d",
-                 static_cast<long>(duration), static_cast<long>(periodThreshold),
-                 static_cast<long>(q2QThreshold), bufferCount);
+        if (debug) {
+            const auto q2QThreshold =
+                    static_cast<int64_t>(static_cast<float>(avgPeriod) * 0.85f);
+            traceLog("pelto2_sf_lib: setTransactionState, duration=%ld, periodThreshold=%ld, "
+                     "q2QThreshold=%ld, bufferCount=%d",
+                     static_cast<long>(duration), static_cast<long>(periodThreshold),
+                     static_cast<long>(q2QThreshold), bufferCount);
+        }
 
         if (bufferCount > 1) {
             traceLog("pelto2_sf_lib: setTransactionState, leave with bufferCount > 1");

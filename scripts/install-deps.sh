@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Installs with apt-get whatever the build, the tests and the checks need and
-# this machine does not have yet. Safe to run again: installed packages are skipped.
+# this machine does not have yet, plus the packages named as arguments (make
+# bench adds valgrind). Safe to run again: installed packages are skipped.
 set -euo pipefail
 
 packages=(
@@ -10,6 +11,7 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   soong
 )
+packages+=("$@")
 
 missing=()
 for p in "${packages[@]}"; do

@@ -179,6 +179,43 @@ TEST_F(PeltoCompositionTest, activeTargetSticksWhileVisibleAndMovesWithOneReset)
                                "\tgame#1\n\t\tid: 1\n\t\tcurrent active\n\t\tarea: 100 focused: 0\n"));
 }
 
+TEST_F(PeltoCompositionTest, activeTargetAnswerFollowsTheLayersFirstRecord) {
+    start(kMayStayOnRules);
+    EXPECT_FALSE(mController->isActiveTargetLayer(kVideo));  // nothing composited yet
+    EXPECT_FALSE(mController->isActiveTargetLayer(nullptr));
+    show({{kVideo, 5000}});
+    EXPECT_TRUE(mController->isActiveTargetLayer(kVideo));
+    EXPECT_FALSE(mController->isActiveTargetLayer(nullptr));
+
+    // A second record of the active layer leaves its first record, and the answer, as they were.
+    mController->registerLayer(kVideo, "video#7");
+    EXPECT_TRUE(mController->isActiveTargetLayer(kVideo));
+    // Destroying another layer changes nothing; destroying the layer ends it.
+    mController->destroyLayer(kGame);
+    EXPECT_TRUE(mController->isActiveTargetLayer(kVideo));
+    mController->destroyLayer(kVideo);
+    EXPECT_FALSE(mController->isActiveTargetLayer(kVideo));
+    // Registered again, it starts without the flag until a composition picks it.
+    mController->registerLayer(kVideo, "video#8");
+    EXPECT_FALSE(mController->isActiveTargetLayer(kVideo));
+    show({{kVideo, 5000}});
+    EXPECT_TRUE(mController->isActiveTargetLayer(kVideo));
+
+    // A reload classifies every layer afresh, with no active target.
+    std::string out;
+    mController->reloadConfigThenDump(out);
+    EXPECT_FALSE(mController->isActiveTargetLayer(kVideo));
+    show({{kVideo, 5000}});
+    EXPECT_TRUE(mController->isActiveTargetLayer(kVideo));
+
+    // A pointer whose first record is not a target is never the active target,
+    // even with a target record behind it: the traversal sees the first record.
+    mController->registerLayer(kStatusBar, "video#9");
+    show({{kStatusBar, 500}});
+    EXPECT_FALSE(mController->isActiveTargetLayer(kStatusBar));
+    EXPECT_TRUE(mController->isActiveTargetLayer(kVideo));
+}
+
 TEST_F(PeltoCompositionTest, unregisteredVisibleLayerIsWarnedAboutAndLeftOut) {
     LogCapture log;
     start(kMayStayOnRules);
@@ -186,6 +223,16 @@ TEST_F(PeltoCompositionTest, unregisteredVisibleLayerIsWarnedAboutAndLeftOut) {
     char expected[64];
     snprintf(expected, sizeof(expected), "%p not found in mLayers", kStranger);
     EXPECT_TRUE(log.contains(ANDROID_LOG_WARN, "PeltoController", expected));
+}
+
+TEST_F(PeltoCompositionTest, aLayerVisitedTwiceIsJudgedByEachVisitsOwnArea) {
+    start(kMayStayOnRules);
+    // The first visit (90 %) fails the general rule even though the second
+    // (5 %), which the registry keeps, would pass it.
+    EXPECT_EQ(show({{kVideo, 5000}, {kStatusBar, 9000}, {kStatusBar, 500}}), "Temp Off 518");
+    std::string out;
+    mController->dump(out);
+    EXPECT_THAT(out, HasSubstr("\tStatusBar#0\n\t\tarea: 500 focused: 0\n"));
 }
 
 TEST(PeltoCompositionApiTest, apiModeDecidesFromTheNamedTargetsVisibility) {

@@ -99,7 +99,12 @@ TEST(PeltoFenceLoopTest, aFailedWaitIsLoggedAndStillRequestsOneCallback) {
     const int closedFd = fcntl(0, F_DUPFD_CLOEXEC, 1000);
     ASSERT_GE(closedFd, 0);
     close(closedFd);
-    controller->queueFence(new Fence(closedFd));
+    // Held here until the fence thread has been joined: the last reference
+    // then goes on this thread. LightRefBase orders the delete with a fence,
+    // which ThreadSanitizer does not model, so a last release on the fence
+    // thread racing this one is reported as a data race.
+    const sp<Fence> fence = new Fence(closedFd);
+    controller->queueFence(fence);
     ASSERT_TRUE(host.waitForVsyncCallbacks(1));
     controller.reset();
 
