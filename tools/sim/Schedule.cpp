@@ -42,13 +42,13 @@ std::string percentOfScreen(float area, uint32_t screenArea) {
 // Buffers of one layer: steady frames over its visible spans, moved by the
 // jitter, kept in order and inside their span.
 void addFrames(const Scenario& scenario, size_t layerIndex, std::vector<Step>* steps) {
-    const LayerSpec& spec = scenario.layers[layerIndex];
-    if (!spec.frames || !spec.hasBuffer) return;
-    const FrameSpec& frames = *spec.frames;
+    const LayerSpec& layer = scenario.layers[layerIndex];
+    if (!layer.frames || !layer.hasBuffer) return;
+    const FrameSpec& frames = *layer.frames;
     const double interval = 1e9 / frames.fps;
-    Jitter jitter(scenario.seed ^ hashName(spec.name));
+    Jitter jitter(scenario.seed ^ hashName(layer.name));
     SimTime previous = -1;
-    for (const Window& window : spec.visible) {
+    for (const Window& window : layer.visible) {
         for (int64_t k = 0;; ++k) {
             const SimTime nominal = window.from + frames.phase + std::llround(k * interval);
             if (nominal >= window.to || nominal >= scenario.duration) break;
@@ -69,36 +69,36 @@ std::vector<Step> buildSchedule(const Scenario& scenario) {
     const SimTime end = scenario.duration;
     const uint32_t screenArea = scenario.display.screenArea();
     for (size_t i = 0; i < scenario.layers.size(); ++i) {
-        const LayerSpec& spec = scenario.layers[i];
-        steps.push_back({spec.registeredAt, Step::Kind::Register, i, {}});
-        if (spec.destroyedAt && *spec.destroyedAt < end) {
-            steps.push_back({*spec.destroyedAt, Step::Kind::Destroy, i, {}});
+        const LayerSpec& layer = scenario.layers[i];
+        steps.push_back({layer.registeredAt, Step::Kind::Register, i, {}});
+        if (layer.destroyedAt && *layer.destroyedAt < end) {
+            steps.push_back({*layer.destroyedAt, Step::Kind::Destroy, i, {}});
         }
-        for (const Window& w : spec.visible) {
-            if (w.from != spec.registeredAt) {
-                steps.push_back({w.from, Step::Kind::Note, i, "shown: " + spec.name});
+        for (const Window& w : layer.visible) {
+            if (w.from != layer.registeredAt) {
+                steps.push_back({w.from, Step::Kind::Note, i, "shown: " + layer.name});
             }
-            if (w.to < end && w.to != spec.destroyedAt) {
-                steps.push_back({w.to, Step::Kind::Note, i, "hidden: " + spec.name});
+            if (w.to < end && w.to != layer.destroyedAt) {
+                steps.push_back({w.to, Step::Kind::Note, i, "hidden: " + layer.name});
             }
         }
-        for (size_t a = 1; a < spec.areas.size(); ++a) {
-            steps.push_back({spec.areas[a].at, Step::Kind::Note, i,
-                             "resized: " + spec.name + " to " +
-                                     percentOfScreen(spec.areas[a].area, screenArea) +
+        for (size_t a = 1; a < layer.areas.size(); ++a) {
+            steps.push_back({layer.areas[a].at, Step::Kind::Note, i,
+                             "resized: " + layer.name + " to " +
+                                     percentOfScreen(layer.areas[a].area, screenArea) +
                                      " of the screen"});
         }
-        for (const Window& w : spec.focused) {
-            steps.push_back({w.from, Step::Kind::Note, i, "focus gained: " + spec.name});
+        for (const Window& w : layer.focused) {
+            steps.push_back({w.from, Step::Kind::Note, i, "focus gained: " + layer.name});
             if (w.to < end) {
-                steps.push_back({w.to, Step::Kind::Note, i, "focus lost: " + spec.name});
+                steps.push_back({w.to, Step::Kind::Note, i, "focus lost: " + layer.name});
             }
         }
-        if (spec.frames) {
-            for (const Window& w : spec.frames->pauses) {
-                steps.push_back({w.from, Step::Kind::Note, i, "frames paused: " + spec.name});
+        if (layer.frames) {
+            for (const Window& w : layer.frames->pauses) {
+                steps.push_back({w.from, Step::Kind::Note, i, "frames paused: " + layer.name});
                 if (w.to < end) {
-                    steps.push_back({w.to, Step::Kind::Note, i, "frames resumed: " + spec.name});
+                    steps.push_back({w.to, Step::Kind::Note, i, "frames resumed: " + layer.name});
                 }
             }
         }

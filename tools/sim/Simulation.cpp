@@ -43,8 +43,8 @@ bool parseStateLine(const std::string& message, StateChange* change) {
 Simulation::Simulation(const Scenario& scenario, PeltoLibrary& library, const RunOptions& options)
       : mScenario(scenario), mLib(library), mOptions(options) {
     mLayers.reserve(scenario.layers.size());
-    for (const LayerSpec& spec : scenario.layers) {
-        mLayers.push_back({&spec, sp<IBinder>(new BBinder()), false});
+    for (const LayerSpec& described : scenario.layers) {
+        mLayers.push_back({&described, sp<IBinder>(new BBinder()), false});
     }
 }
 
@@ -53,12 +53,12 @@ SimTime Simulation::now() const {
 }
 
 bool Simulation::isVisible(const Layer& layer) const {
-    return layer.registered && inAnyWindow(layer.spec->visible, now());
+    return layer.registered && inAnyWindow(layer.scenario->visible, now());
 }
 
 Simulation::Layer* Simulation::layerNamed(const std::string& name) {
     for (Layer& layer : mLayers) {
-        if (layer.spec->name == name) return &layer;
+        if (layer.scenario->name == name) return &layer;
     }
     return nullptr;
 }
@@ -111,11 +111,11 @@ void Simulation::composite(SimTime at) {
 
 void Simulation::queueBuffer(Layer& layer) {
     TraceRecorder& trace = TraceRecorder::instance();
-    trace.begin("queueBuffer " + layer.spec->name);
+    trace.begin("queueBuffer " + layer.scenario->name);
     // The transaction carries the time of the composition before it.
     mLib.setTransactionState(mController, {{layer.handle, true, false, Fence::NO_FENCE}},
                              kVirtualBootOffset + mLastComposition);
-    if (layer.spec->pendingBufferHint) {
+    if (layer.scenario->pendingBufferHint) {
         mLib.setHasPendingBuffer(mController, &layer);
     }
     trace.end();
@@ -174,15 +174,15 @@ void Simulation::runStep(const Step& step) {
             Layer& layer = mLayers[step.index];
             layer.registered = true;
             note(TimelineEntry::Kind::Compositor,
-                 "registerLayer(" + layer.spec->name + ")" +
+                 "registerLayer(" + layer.scenario->name + ")" +
                          (isVisible(layer) ? ", on screen" : ", not on screen yet"));
-            mLib.registerLayer(mController, &layer, layer.spec->name);
+            mLib.registerLayer(mController, &layer, layer.scenario->name);
             break;
         }
         case Step::Kind::Destroy: {
             Layer& layer = mLayers[step.index];
             layer.registered = false;
-            note(TimelineEntry::Kind::Compositor, "destroyLayer(" + layer.spec->name + ")");
+            note(TimelineEntry::Kind::Compositor, "destroyLayer(" + layer.scenario->name + ")");
             mLib.destroyLayer(mController, &layer);
             break;
         }
@@ -291,7 +291,7 @@ bool Simulation::run(RunRecord* record, std::string* error) {
             },
             [this](const sp<IBinder>& handle) {
                 for (const Layer& layer : mLayers) {
-                    if (layer.handle == handle) return layer.spec->bufferCount;
+                    if (layer.handle == handle) return layer.scenario->bufferCount;
                 }
                 return 0;
             },
@@ -302,9 +302,9 @@ bool Simulation::run(RunRecord* record, std::string* error) {
             },
             [this](const PeltoController::BufferLayerVisitor& visit) {
                 for (const Layer& layer : mLayers) {
-                    if (!isVisible(layer) || !layer.spec->hasBuffer) continue;
-                    visit(&layer, layer.spec->areaAt(now()),
-                          inAnyWindow(layer.spec->focused, now()));
+                    if (!isVisible(layer) || !layer.scenario->hasBuffer) continue;
+                    visit(&layer, layer.scenario->areaAt(now()),
+                          inAnyWindow(layer.scenario->focused, now()));
                 }
             },
             [this] { return static_cast<long>(mVsyncPeriod.load()); },

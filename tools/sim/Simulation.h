@@ -42,7 +42,7 @@ public:
 private:
     // One layer as the compositor holds it; its address is the layerPtr.
     struct Layer {
-        const LayerSpec* spec = nullptr;
+        const LayerSpec* scenario = nullptr;  // what the scenario says of the layer
         sp<IBinder> handle;
         bool registered = false;
     };
