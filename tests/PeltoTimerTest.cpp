@@ -26,7 +26,7 @@ constexpr nsecs_t kMillisecond = 1'000'000;
 constexpr auto kTimeout = std::chrono::seconds(10);
 
 // The kernel calls that a test can make fail.
-enum Call { kSettime, kEpollCtl, kEpollWait, kPipe2, kCallKinds };
+enum Call { kSettime, kEpollCtl, kEpollWait, kPipe2, kTimerfdCreate, kEpollCreate, kCallKinds };
 
 // What the fake kernel and the actions share with the test.
 struct State {
@@ -130,6 +130,8 @@ protected:
             return faulty<kEpollWait, &TimerSyscalls::epoll_wait>()(epollFd, events, max, timeout);
         };
         calls.pipe2 = faulty<kPipe2, &TimerSyscalls::pipe2>();
+        calls.timerfd_create = faulty<kTimerfdCreate, &TimerSyscalls::timerfd_create>();
+        calls.epoll_create1 = faulty<kEpollCreate, &TimerSyscalls::epoll_create1>();
         mTimer = std::make_unique<PeltoTimer>("Test", calls);
     }
 
@@ -252,6 +254,9 @@ TEST_F(PeltoTimerTest, failedSetupOrWaitIsLoggedAndTheLoopRebuilt) {
     } cases[] = {
             {kEpollCtl, {EBADF}, 1, " #0", {"Error adding timer fd to epoll dispatch loop"}},
             {kEpollCtl, {0, EBADF}, 1, " #0", {"Error adding control fd to dispatch loop"}},
+            // Without a timerfd or an epoll set, epoll refuses to add the timer.
+            {kTimerfdCreate, {EMFILE}, 1, " #0", {"Error adding timer fd to epoll dispatch loop"}},
+            {kEpollCreate, {EMFILE}, 1, " #0", {"Error adding timer fd to epoll dispatch loop"}},
             // Without a pipe the control fd is -1, which epoll refuses.
             {kPipe2, {EBADF}, 1, " #0",
              {"could not create TimerDispatch mPipes", "Error adding control fd to dispatch loop"}},
