@@ -36,22 +36,16 @@ public:
 
     PeltoTracedOrdinal& operator=(T v) EXCLUDES(mMutex) {
         std::lock_guard lock(mMutex);
-        storeLocked(v);
+        value.store(v, std::memory_order_relaxed);
+        if (isNegative(v)) {
+            everNegative = true;
+        }
         traceLocked();
         return *this;
     }
 
-    // Stores a value without publishing it, for owners that publish once with
-    // trace() after a computation; everNegative is kept as assignment keeps it.
-    void store(T v) EXCLUDES(mMutex) {
-        std::lock_guard lock(mMutex);
-        storeLocked(v);
-    }
-
     T get() const { return value.load(std::memory_order_relaxed); }
     operator T() const { return get(); }
-
-    const std::string& counterName() const { return name; }
 
     // Publishes the current value again.
     void trace() EXCLUDES(mMutex) {
@@ -65,13 +59,6 @@ private:
             return v < 0;
         } else {
             return false;
-        }
-    }
-
-    void storeLocked(T v) REQUIRES(mMutex) {
-        value.store(v, std::memory_order_relaxed);
-        if (isNegative(v)) {
-            everNegative = true;
         }
     }
 
