@@ -3,12 +3,14 @@
 #include "config/PeltoConfig.h"
 
 #include <cstdlib>
-#include <exception>
 #include <limits>
+#include <iterator>
 #include <optional>
 
 #include <json/json.h>
 #include <log/log.h>
+
+#include "config/PeltoRuleFileReader.h"
 
 namespace android {
 namespace {
@@ -62,20 +64,16 @@ bool findRecord(const Map& map, const std::string& name,
     return true;
 }
 
-bool parseRuleFile(std::ifstream& stream, Json::Value& root) {
-    Json::CharReaderBuilder builder;
+bool parseRuleFile(const std::string& text, Json::Value& root) {
     std::string errors;
     bool parsed = false;
-#if defined(__cpp_exceptions)
-    // jsoncpp throws when nesting exceeds its stack limit; nothing may leave the library.
-    try {
-        parsed = Json::parseFromStream(builder, stream, &root, &errors);
-    } catch (const std::exception& e) {
-        errors = e.what();
+    if (nestsTooDeep(text)) {
+        // The parser's own words for the depth it refuses by throwing.
+        errors = "Exceeded stackLimit in readValue().";
+    } else {
+        const std::unique_ptr<Json::CharReader> reader(Json::CharReaderBuilder().newCharReader());
+        parsed = reader->parse(text.data(), text.data() + text.size(), &root, &errors);
     }
-#else
-    parsed = Json::parseFromStream(builder, stream, &root, &errors);
-#endif
     if (!parsed) {
         ALOGE("parse fail, %s", errors.c_str());
     }
@@ -176,6 +174,14 @@ PeltoConfig::PeltoConfig() {
 
 PeltoConfig::~PeltoConfig() = default;
 
+std::unique_ptr<PeltoConfig> PeltoConfig::makeReloadOf(const PeltoConfig& previous) {
+    std::unique_ptr<PeltoConfig> config(new PeltoConfig(Unloaded{}));
+    config->mStayOnWhenHasOtherLayer = previous.mStayOnWhenHasOtherLayer;
+    config->mUseAdaptiveTimeout = previous.mUseAdaptiveTimeout;
+    config->mLoadConfigSucceeded = previous.mLoadConfigSucceeded;
+    return config;
+}
+
 std::string PeltoConfig::configPath() {
 #ifndef __ANDROID__
     // Lets host programs and tests point the loader at their own file.
@@ -194,22 +200,24 @@ int PeltoConfig::loadConfig(bool reload) {
         mExceptionRules.clear();
         mExceptionGeneralRule.entries.clear();
     }
-    const std::string path = configPath();
-    std::ifstream stream(path);
-    if (!stream.is_open()) {
-        ALOGW("failed to open %s", path.c_str());
+    std::string text;
+    if (!readRuleFile(configPath(), text)) {
         return kLoadFailed;
     }
-    const int ret = loadConfig(stream);
+    const int ret = loadConfigText(text);
     if (ret != kLoadOk) {
         ALOGE("loadConfig failed, ret %d", ret);
     }
     return ret;
 }
 
-int PeltoConfig::loadConfig(std::ifstream& stream) {
+int PeltoConfig::loadConfig(std::istream& stream) {
+    return loadConfigText(std::string(std::istreambuf_iterator<char>(stream), {}));
+}
+
+int PeltoConfig::loadConfigText(const std::string& text) {
     Json::Value root;
-    if (!parseRuleFile(stream, root)) {
+    if (!parseRuleFile(text, root)) {
         mLoadConfigSucceeded = false;
         return kLoadFailed;
     }

@@ -1,7 +1,8 @@
 #pragma once
 
 #include <cstdint>
-#include <fstream>
+#include <istream>
+#include <memory>
 #include <string>
 #include <unordered_map>
 
@@ -35,6 +36,11 @@ public:
     PeltoConfig();
     ~PeltoConfig();
 
+    // An empty configuration that carries `previous`'s switches and load
+    // status, as a reload in place would: loadConfig(true) on it builds the
+    // reloaded rules aside while `previous` stays in use.
+    static std::unique_ptr<PeltoConfig> makeReloadOf(const PeltoConfig& previous);
+
     PeltoConfig(const PeltoConfig&) = delete;
     PeltoConfig& operator=(const PeltoConfig&) = delete;
 
@@ -45,7 +51,7 @@ public:
     // Reads the rule file; a reload first empties the rule containers. 0 or -5.
     int loadConfig(bool reload);
     // Parses an opened rule file. 0 or -5.
-    int loadConfig(std::ifstream& stream);
+    int loadConfig(std::istream& stream);
 
     // Exact-name lookups. On a hit, *info (when info is not null) receives the
     // stored record; on a miss it is left untouched.
@@ -66,6 +72,12 @@ public:
     void dump(std::string& out) const;
 
 private:
+    struct Unloaded {};
+    explicit PeltoConfig(Unloaded) {}
+
+    // Parses the rule file's text. 0 or -5.
+    int loadConfigText(const std::string& text);
+
     // Loader steps, in file order. Each logs what it rejects and clears
     // mLoadConfigSucceeded for it.
     void loadTargetLayers(const Json::Value& targets);

@@ -42,18 +42,19 @@ void PeltoController::composite(bool forceOff, bool compositeFlag, unsigned int 
         return;
     }
     mCompositeFlag = compositeFlag;
-    if (mUseList) {
-        compositeList(screenArea);
-    } else {
-        compositeApi();
+    // The decision is made under the registry's lock; the state change, with
+    // its HWC callback, comes after that lock is released.
+    const std::optional<Decision> decision =
+            mUseList ? decideList(screenArea) : std::optional(decideApi());
+    if (decision) {
+        setPeltoState(decision->state, decision->reason);
     }
 }
 
-void PeltoController::compositeApi() {
+PeltoController::Decision PeltoController::decideApi() {
     const void* target = mTargetLayer.load();
     if (target == nullptr) {
-        setPeltoState(kOff, kReasonApiNoTarget);
-        return;
+        return {kOff, kReasonApiNoTarget};
     }
     bool found = false;
     mTraverseVisibleLayers([target, &found](const void* layerPtr) {
@@ -62,12 +63,9 @@ void PeltoController::compositeApi() {
         }
     });
     if (!found) {
-        setPeltoState(kOff, kReasonApiTargetNotVisible);
-    } else if (mPeltoEnable.load()) {
-        setPeltoState(kOn, kReasonApiOn);
-    } else {
-        setPeltoState(kTempOff, kReasonApiDisabled);
+        return {kOff, kReasonApiTargetNotVisible};
     }
+    return mPeltoEnable.load() ? Decision{kOn, kReasonApiOn} : Decision{kTempOff, kReasonApiDisabled};
 }
 
 PeltoExceptionRuleInput PeltoController::prepareExceptionInput(const PeltoLayer& layer,
@@ -99,7 +97,7 @@ void PeltoController::visitBufferLayerLocked(const void* layerPtr, float area, b
         ALOGW("%p not found in mLayers", layerPtr);
         return;
     }
-    PeltoLayer& record = *indexed->second;
+    PeltoLayer& record = *indexed->second.first;
     record.area = area;
     record.focused = focused;
 
@@ -128,15 +126,7 @@ void PeltoController::visitBufferLayerLocked(const void* layerPtr, float area, b
     }
 }
 
-void PeltoController::compositeList(unsigned int screenArea) {
-    if (mConfig == nullptr) {
-        return;
-    }
-    // Rule records, and the registry's records that the working lists point
-    // to, stay valid for the whole decision: a reload, a registration and a
-    // destroy wait for it.
-    std::lock_guard config(mConfigMutex);
-
+std::optional<PeltoController::Decision> PeltoController::decideList(unsigned int screenArea) {
     CompositionScratch& s = mScratch;
     s.targetCandidates.clear();
     s.otherLayers.clear();
@@ -144,36 +134,42 @@ void PeltoController::compositeList(unsigned int screenArea) {
     s.exceptionLayers.clear();
     s.activeTarget = kNoActiveTarget;
 
-    {
-        std::lock_guard lock(mLayerMutex);
-        if (mTargetCandidateCount < 1) {
-            setPeltoState(kOff, kReasonNoTargetRegistered);
-            return;
-        }
-
-        // Captures only `this`, so the visitor fits std::function's inline
-        // storage and passing it allocates nothing.
-        mTraverseVisibleBufferLayers(
-                [this](const void* layerPtr, float area, bool focused) NO_THREAD_SAFETY_ANALYSIS {
-                    // The host calls the visitor synchronously, inside the
-                    // traversal, while this thread holds both locks.
-                    visitBufferLayerLocked(layerPtr, area, focused);
-                });
-
-        if (s.targetCandidates.empty()) {
-            setPeltoState(kOff, kReasonNoTargetVisible);
-            return;
-        }
-
-        // The active target sticks while it is visible; otherwise the first
-        // visible candidate takes over and the pace is measured afresh.
-        if (s.activeTarget == kNoActiveTarget) {
-            s.activeTarget = 0;
-            setActiveTargetLayer(*s.targetCandidates[0].record);
-            ALOGI("active target layer: %s", s.targetCandidates[0].record->name.c_str());
-        }
+    // Rule records, and the registry's records that the working lists point
+    // to, stay valid for the whole decision: a reload, a registration and a
+    // destroy wait for it.
+    std::lock_guard lock(mLayerMutex);
+    if (mConfig == nullptr) {
+        return std::nullopt;
+    }
+    if (mTargetCandidateCount < 1) {
+        return Decision{kOff, kReasonNoTargetRegistered};
     }
 
+    // Captures only `this`, so the visitor fits std::function's inline
+    // storage and passing it allocates nothing.
+    mTraverseVisibleBufferLayers(
+            [this](const void* layerPtr, float area, bool focused) NO_THREAD_SAFETY_ANALYSIS {
+                // The host calls the visitor synchronously, inside the
+                // traversal, while this thread holds both locks.
+                visitBufferLayerLocked(layerPtr, area, focused);
+            });
+
+    if (s.targetCandidates.empty()) {
+        return Decision{kOff, kReasonNoTargetVisible};
+    }
+
+    // The active target sticks while it is visible; otherwise the first
+    // visible candidate takes over and the pace is measured afresh.
+    if (s.activeTarget == kNoActiveTarget) {
+        s.activeTarget = 0;
+        setActiveTargetLayer(*s.targetCandidates[0].record);
+        ALOGI("active target layer: %s", s.targetCandidates[0].record->name.c_str());
+    }
+    return applyRulesLocked(screenArea);
+}
+
+PeltoController::Decision PeltoController::applyRulesLocked(unsigned int screenArea) {
+    CompositionScratch& s = mScratch;
     const PeltoLayer& activeTarget = *s.targetCandidates[s.activeTarget].record;
     for (const VisitedLayer& layer : s.ignoreLayers) {
         if (layer.record->targetIgnoreInfo == nullptr) {
@@ -194,16 +190,14 @@ void PeltoController::compositeList(unsigned int screenArea) {
     if (!s.otherLayers.empty()) {
         if (!mConfig->hasExceptionGeneralRule()) {
             if (!alwaysOn) {
-                setPeltoState(kTempOff, kReasonOtherLayerNoGeneralRule);
-                return;
+                return {kTempOff, kReasonOtherLayerNoGeneralRule};
             }
         } else {
             for (const VisitedLayer& layer : s.otherLayers) {
                 const bool match = mConfig->checkExceptionGeneralRuleMatch(
                         exceptionInput(layer.area, layer.focused, screenArea));
                 if (match == alwaysOn) {
-                    setPeltoState(kTempOff, kReasonGeneralRule);
-                    return;
+                    return {kTempOff, kReasonGeneralRule};
                 }
             }
         }
@@ -218,12 +212,11 @@ void PeltoController::compositeList(unsigned int screenArea) {
                 mConfig->checkRuleMatch(exceptionInput(layer.area, layer.focused, screenArea),
                                         *layer.record->exceptionRule);
         if (match == alwaysOn) {
-            setPeltoState(kTempOff, kReasonExceptionRule);
-            return;
+            return {kTempOff, kReasonExceptionRule};
         }
     }
 
-    setPeltoState(kOn, kReasonListOn);
+    return {kOn, kReasonListOn};
 }
 
 } // namespace android

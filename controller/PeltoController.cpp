@@ -60,7 +60,7 @@ PeltoController::PeltoController(bool useList, GetLayerPtrFromHandle getLayerPtr
     LOG_ALWAYS_FATAL_IF(mSetHwcPeltoOff == nullptr, "mSetHwcPeltoOff is nullptr");
 
     if (mUseList) {
-        mConfig = std::make_unique<PeltoConfig>();
+        mConfig = std::make_shared<const PeltoConfig>();
         mUseAdaptiveTimeout = mConfig->useAdaptiveTimeout();
     }
 

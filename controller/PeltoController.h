@@ -7,6 +7,7 @@
 #include <list>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 #include <tuple>
@@ -47,21 +48,32 @@ using PeltoTransactionState = std::tuple<sp<IBinder>, bool, bool, sp<Fence>>;
 // queue-to-queue pace and asks the compositor for vsync callbacks.
 //
 // Lock order. A thread that holds one of these never takes one listed above it:
-//   mCompositionMutex  serialises compositions; held across the whole of
-//                      composite(), including the host's traversal and the
-//                      HWC on/off callbacks, so that state changes and HWC
-//                      toggles happen in one order.
-//   mConfigMutex       held by everything that uses rule records or the registry
-//                      as a whole (composition, registration, destroy, dump,
-//                      reload), so a reload replaces the rules and re-registers
-//                      every layer as one step that nobody observes half done.
-//   mLayerMutex        the registry; held across the host's buffer-layer traversal.
+//   mCompositionMutex  taken by composite() alone, for the whole call: it
+//                      serialises compositions, so state changes and the HWC
+//                      toggles that follow them happen in one order.
+//   mReloadMutex       taken by reloadConfigThenDump() alone: one reload at a
+//                      time. Never on a per-frame path, so the file read and
+//                      parse under it hold up nothing but another reload.
+//   mLayerMutex        the registry and the rules its records point into
+//                      (mConfig); held across the host's buffer-layer traversal
+//                      and the list-mode decision. A reload swaps in rules
+//                      parsed beforehand and reclassifies every record under
+//                      it, so nobody sees the registry half reloaded.
 //   leaf locks         mQ2QMutex, mPresentFenceMutex, mSFInProgressMutex,
 //                      mAlarmListMutex, mFenceMutex: never two at once.
-// Host callbacks are called with no lock held, except: the traversals and the
-// HWC callbacks (under mCompositionMutex, and mLayerMutex for the buffer-layer
-// traversal and reasons 413/455) and mGetCurrentVsyncPeriod (under mQ2QMutex
-// when the pacing ring is reset). No callback may call back into the controller.
+//
+// Which lock each host callback runs under:
+//   mTraverseVisibleBufferLayers  mCompositionMutex and mLayerMutex.
+//   mTraverseVisibleLayers        mCompositionMutex.
+//   mSetHwcPeltoOn/Off            mCompositionMutex only, which no entry point
+//                                 but composite() takes: a host may take its
+//                                 own locks in them and call any other entry
+//                                 point while holding those locks.
+//   mGetCurrentVsyncPeriod        mQ2QMutex when the pacing ring is reset, and
+//                                 mLayerMutex too when a new active target
+//                                 resets it during a list-mode composition.
+//   the others                    no controller lock.
+// No callback may call back into the controller on the same thread.
 class PeltoController {
 public:
     using GetLayerPtrFromHandle = std::function<void*(const sp<IBinder>&)>;
@@ -89,8 +101,8 @@ public:
 
     // Layer registry (list mode).
     PELTO_EXPORT void registerLayer(const void* layerPtr, const std::string& name)
-            EXCLUDES(mConfigMutex, mLayerMutex);
-    PELTO_EXPORT void destroyLayer(const void* layerPtr) EXCLUDES(mConfigMutex, mLayerMutex);
+            EXCLUDES(mLayerMutex);
+    PELTO_EXPORT void destroyLayer(const void* layerPtr) EXCLUDES(mLayerMutex);
 
     // Mode state.
     PELTO_EXPORT bool isOn() const;
@@ -104,7 +116,7 @@ public:
 
     // Composition-time decision.
     PELTO_EXPORT void composite(bool forceOff, bool compositeFlag, unsigned int screenArea)
-            EXCLUDES(mCompositionMutex, mConfigMutex, mLayerMutex);
+            EXCLUDES(mCompositionMutex, mLayerMutex);
     PELTO_EXPORT bool isActiveTargetLayer(const void* layerPtr) const EXCLUDES(mLayerMutex);
     PELTO_EXPORT PeltoExceptionRuleInput prepareExceptionInput(const PeltoLayer& layer,
                                                                unsigned int screenArea) const;
@@ -130,18 +142,27 @@ public:
     void queueFence(const sp<Fence>& fence) EXCLUDES(mFenceMutex);
 
     // Diagnostics.
-    PELTO_EXPORT void dump(std::string& out) const
-            EXCLUDES(mConfigMutex, mLayerMutex, mQ2QMutex);
+    PELTO_EXPORT void dump(std::string& out) const EXCLUDES(mLayerMutex, mQ2QMutex);
     PELTO_EXPORT void reloadConfigThenDump(std::string& out)
-            EXCLUDES(mConfigMutex, mLayerMutex);
+            EXCLUDES(mReloadMutex, mLayerMutex);
 
 private:
-    void compositeList(unsigned int screenArea) REQUIRES(mCompositionMutex)
-            EXCLUDES(mConfigMutex, mLayerMutex);
-    void compositeApi() REQUIRES(mCompositionMutex);
+    // A state and the reason stored with it.
+    struct Decision {
+        int32_t state;
+        int32_t reason;
+    };
+    // The decision of one composition in each mode; nullopt leaves the state as it is.
+    std::optional<Decision> decideList(unsigned int screenArea) REQUIRES(mCompositionMutex)
+            EXCLUDES(mLayerMutex);
+    Decision decideApi() REQUIRES(mCompositionMutex);
+    Decision applyRulesLocked(unsigned int screenArea) REQUIRES(mCompositionMutex, mLayerMutex);
     void setActiveTargetLayer(const PeltoLayer& layer) REQUIRES(mLayerMutex);
-    void registerLayerLocked(const void* layerPtr, const std::string& name)
-            REQUIRES(mConfigMutex) EXCLUDES(mLayerMutex);
+    // Layer names carry a '#' suffix that the rule file leaves out: the rule
+    // file is searched with the name up to its last '#'.
+    static std::string lookupKey(const std::string& name);
+    // Sets an unclassified record's type and rule pointers from `config`.
+    static void classify(const PeltoConfig& config, const std::string& key, PeltoLayer& record);
     void addActiveTargetLayerQueueTS() EXCLUDES(mQ2QMutex);
     void resetFpsLocked() REQUIRES(mQ2QMutex);
     void cancelPendingAlarms() EXCLUDES(mAlarmListMutex);
@@ -150,19 +171,29 @@ private:
             REQUIRES(mCompositionMutex, mLayerMutex);
     void dumpLayersLocked(std::ostream& os) const REQUIRES(mLayerMutex);
 
-    std::unique_ptr<PeltoConfig> mConfig;
     const bool mUseList;
 
-    // Rule records are used under this lock; see the lock order above.
-    mutable std::mutex mConfigMutex ACQUIRED_BEFORE(mLayerMutex);
+    // Serialises reloads; see the lock order above.
+    std::mutex mReloadMutex ACQUIRED_BEFORE(mLayerMutex);
 
     mutable std::mutex mLayerMutex;
+    // The rules in use (list mode). Immutable once published: a reload builds
+    // new rules aside and swaps the pointer, and a dump formats the rules it
+    // took a reference to without holding the lock.
+    std::shared_ptr<const PeltoConfig> mConfig GUARDED_BY(mLayerMutex);
     std::list<PeltoLayer> mLayers GUARDED_BY(mLayerMutex);
     int32_t mTargetCandidateCount GUARDED_BY(mLayerMutex) = 0;
-    // First record of each registered layer pointer, kept in step with mLayers,
-    // so that per-frame lookups do not walk the list.
-    std::unordered_map<const void*, std::list<PeltoLayer>::iterator> mLayerIndex
-            GUARDED_BY(mLayerMutex);
+    // Counts registrations and destroys, so a reload can tell whether the
+    // records it classified aside are still the registry's.
+    uint64_t mRegistryGeneration GUARDED_BY(mLayerMutex) = 0;
+    // First record of each registered layer pointer and how many records it
+    // has, kept in step with mLayers, so that per-frame lookups and destroys
+    // do not walk the list.
+    struct LayerIndexEntry {
+        std::list<PeltoLayer>::iterator first;
+        size_t records;
+    };
+    std::unordered_map<const void*, LayerIndexEntry> mLayerIndex GUARDED_BY(mLayerMutex);
     // isActiveTargetLayer's answer in list mode: the pointer whose first record
     // is the active target, or null. Only the records of the last pointer given
     // to setActiveTargetLayer carry the flag, so at most one pointer answers
@@ -213,9 +244,7 @@ private:
     // One visit of the list-mode traversal: the layer's record, and the area
     // and focus that the visit reported (a layer visited twice keeps each
     // visit's own). The record stays in place while the composition holds
-    // mConfigMutex, since every operation that adds, removes or rebuilds
-    // records takes it; so the decision reads it after mLayerMutex is
-    // released, without a copy of the record made under the lock.
+    // mLayerMutex, which covers the traversal and the decision.
     struct VisitedLayer {
         const PeltoLayer* record;
         float area;
@@ -232,7 +261,7 @@ private:
         size_t activeTarget = 0;
     };
     static constexpr size_t kNoActiveTarget = static_cast<size_t>(-1);
-    std::mutex mCompositionMutex ACQUIRED_BEFORE(mConfigMutex);
+    std::mutex mCompositionMutex ACQUIRED_BEFORE(mReloadMutex);
     CompositionScratch mScratch GUARDED_BY(mCompositionMutex);
 
     const GetLayerPtrFromHandle mGetLayerPtrFromHandle;

@@ -13,17 +13,20 @@ constexpr const char* kSeparator = "==========\n";
 } // namespace
 
 void PeltoController::dump(std::string& out) const {
-    // Held throughout, so the text shows one configuration, never a mix of
-    // the rules before and after a reload.
-    std::lock_guard config(mConfigMutex);
-    if (mConfig != nullptr) {
-        mConfig->dump(out);
-    }
-
+    // The rules and the layer sections are taken under one hold of the lock,
+    // so they show one configuration; the rules are formatted after it is
+    // released, from the reference taken, however large they are.
+    std::shared_ptr<const PeltoConfig> config;
     std::ostringstream os;
-    if (mUseList) {
+    {
         std::lock_guard lock(mLayerMutex);
-        dumpLayersLocked(os);
+        config = mConfig;
+        if (mUseList) {
+            dumpLayersLocked(os);
+        }
+    }
+    if (config != nullptr) {
+        config->dump(out);
     }
 
     os << kSeparator;
@@ -76,35 +79,72 @@ void PeltoController::dumpLayersLocked(std::ostream& os) const {
 }
 
 void PeltoController::reloadConfigThenDump(std::string& out) {
-    if (!mUseList || mConfig == nullptr) {
+    if (!mUseList) {
         return;
     }
-    // No composition, registration, destroy or dump runs until the rules are
-    // replaced and every layer is classified again.
-    std::lock_guard config(mConfigMutex);
-
-    out += mConfig->loadConfig(true) == PeltoConfig::kLoadOk ? "Reload Succeeded\n"
-                                                             : "Reload Failed\n";
-    mConfig->dump(out);
-
-    std::vector<const void*> layerPtrs;
-    std::vector<std::string> names;
+    // Each reload starts from the switches and load status the last one left.
+    std::lock_guard reload(mReloadMutex);
+    std::shared_ptr<const PeltoConfig> rules;
     {
         std::lock_guard lock(mLayerMutex);
-        layerPtrs.reserve(mLayers.size());
-        names.reserve(mLayers.size());
-        for (const PeltoLayer& layer : mLayers) {
-            layerPtrs.push_back(layer.layerPtr);
-            names.push_back(layer.name);
+        rules = mConfig;
+    }
+    if (rules == nullptr) {
+        return;
+    }
+
+    // The file is read, parsed and dumped with no lock that a composition,
+    // a registration or a dump needs.
+    std::unique_ptr<PeltoConfig> reloaded = PeltoConfig::makeReloadOf(*rules);
+    std::string text = reloaded->loadConfig(true) == PeltoConfig::kLoadOk ? "Reload Succeeded\n"
+                                                                          : "Reload Failed\n";
+    reloaded->dump(text);
+
+    // Every record is classified under the new rules aside too, from copies
+    // of the registry's names, so the lock is held for the copy and the swap.
+    std::vector<PeltoLayer> records;
+    uint64_t generation;
+    {
+        std::lock_guard lock(mLayerMutex);
+        generation = mRegistryGeneration;
+        records.reserve(mLayers.size());
+        for (const PeltoLayer& record : mLayers) {
+            records.push_back(PeltoLayer{record.layerPtr, record.name});
         }
-        mLayers.clear();
-        mLayerIndex.clear();
-        mActiveTargetLayerPtr = nullptr;
+    }
+    for (PeltoLayer& record : records) {
+        classify(*reloaded, lookupKey(record.name), record);
+    }
+    rules = std::move(reloaded);
+
+    {
+        // The new rules and every record's new classification appear at once.
+        // Records keep their places, so the index and the list order stand.
+        std::lock_guard lock(mLayerMutex);
+        mConfig.swap(rules);
+        const bool unchanged = generation == mRegistryGeneration;
         mTargetCandidateCount = 0;
+        mActiveTargetLayerPtr = nullptr;
+        auto classified = records.begin();
+        for (PeltoLayer& record : mLayers) {
+            // Area, focus and the active flag start afresh with the new rules.
+            std::string name = std::move(record.name);
+            if (unchanged) {
+                record = std::move(*classified++);
+            } else {
+                // Layers came or went meanwhile: classified here instead.
+                record = PeltoLayer{record.layerPtr, {}};
+                classify(*mConfig, lookupKey(name), record);
+            }
+            record.name = std::move(name);
+            if (record.type == static_cast<int32_t>(PeltoLayerType::TargetLayer)) {
+                ++mTargetCandidateCount;
+            }
+        }
     }
-    for (size_t i = 0; i < layerPtrs.size(); ++i) {
-        registerLayerLocked(layerPtrs[i], names[i]);
-    }
+    out += text;
+    // `rules` now holds the replaced configuration; it is freed here, outside
+    // the lock, or by the last dump still formatting it.
 }
 
 } // namespace android

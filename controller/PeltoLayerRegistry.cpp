@@ -5,16 +5,11 @@
 #include "controller/PeltoController.h"
 
 namespace android {
-namespace {
 
-// Layer names carry a '#' suffix that the rule file leaves out: the rule file
-// is searched with the name up to its last '#'.
-std::string lookupKey(const std::string& name) {
+std::string PeltoController::lookupKey(const std::string& name) {
     const size_t hash = name.rfind('#');
     return hash == std::string::npos ? name : name.substr(0, hash);
 }
-
-} // namespace
 
 void PeltoController::registerLayer(const void* layerPtr, const std::string& name) {
     if (!mUseList) {
@@ -24,36 +19,37 @@ void PeltoController::registerLayer(const void* layerPtr, const std::string& nam
         ALOGE("%s(), layerPtr == null", "registerLayer");
         return;
     }
-    std::lock_guard config(mConfigMutex);
-    registerLayerLocked(layerPtr, name);
-}
+    // The record and its lookup key are made before the lock is taken; the
+    // record's list node is then moved into the registry without a copy.
+    std::list<PeltoLayer> node;
+    node.push_back(PeltoLayer{layerPtr, name});
+    PeltoLayer& record = node.front();
+    const std::string key = lookupKey(name);
 
-void PeltoController::registerLayerLocked(const void* layerPtr, const std::string& name) {
+    std::lock_guard lock(mLayerMutex);
     if (mConfig == nullptr) {
         return;
     }
-
-    PeltoLayer record;
-    record.layerPtr = layerPtr;
-    record.name = name;
-
-    // Classified outside mLayerMutex: the lookups hash the name.
-    const std::string key = lookupKey(name);
-    if (mConfig->isTargetLayer(key, &record.targetInfo)) {
-        record.type = static_cast<int32_t>(PeltoLayerType::TargetLayer);
-    } else if (mConfig->isTargetIgnoreLayer(key, &record.targetIgnoreInfo)) {
-        record.type = static_cast<int32_t>(PeltoLayerType::TargetIgnoreLayer);
-    } else if (mConfig->isExceptionLayer(key, &record.exceptionRule)) {
-        record.type = static_cast<int32_t>(PeltoLayerType::ExceptionLayer);
-    }
-    const bool isTarget = record.type == static_cast<int32_t>(PeltoLayerType::TargetLayer);
-
-    std::lock_guard lock(mLayerMutex);
-    const auto it = mLayers.insert(mLayers.end(), std::move(record));
-    // A pointer registered again keeps its first record as the one found.
-    mLayerIndex.emplace(layerPtr, it);
-    if (isTarget) {
+    classify(*mConfig, key, record);
+    ++mRegistryGeneration;
+    if (record.type == static_cast<int32_t>(PeltoLayerType::TargetLayer)) {
         ++mTargetCandidateCount;
+    }
+    mLayers.splice(mLayers.end(), node);
+    // A pointer registered again keeps its first record as the one found.
+    const auto [indexed, added] =
+            mLayerIndex.try_emplace(layerPtr, LayerIndexEntry{std::prev(mLayers.end()), 0});
+    ++indexed->second.records;
+}
+
+void PeltoController::classify(const PeltoConfig& config, const std::string& key,
+                               PeltoLayer& record) {
+    if (config.isTargetLayer(key, &record.targetInfo)) {
+        record.type = static_cast<int32_t>(PeltoLayerType::TargetLayer);
+    } else if (config.isTargetIgnoreLayer(key, &record.targetIgnoreInfo)) {
+        record.type = static_cast<int32_t>(PeltoLayerType::TargetIgnoreLayer);
+    } else if (config.isExceptionLayer(key, &record.exceptionRule)) {
+        record.type = static_cast<int32_t>(PeltoLayerType::ExceptionLayer);
     }
 }
 
@@ -61,21 +57,23 @@ void PeltoController::destroyLayer(const void* layerPtr) {
     if (!mUseList) {
         return;
     }
-    // A destroy that arrives during a reload waits for it and is then applied,
-    // so the reload cannot bring the layer back.
-    std::lock_guard config(mConfigMutex);
+    // A reload reclassifies records in place under this lock, so a destroy
+    // is applied either before or after it and is never undone by it.
     std::lock_guard lock(mLayerMutex);
     const auto indexed = mLayerIndex.find(layerPtr);
     if (indexed == mLayerIndex.end()) {
         return;
     }
-    // No record of this pointer comes before the first one, which the index holds.
-    auto it = indexed->second;
+    // No record of this pointer comes before the first one, which the index
+    // holds, and the walk ends with the last of its records.
+    auto it = indexed->second.first;
+    size_t remaining = indexed->second.records;
     mLayerIndex.erase(indexed);
+    ++mRegistryGeneration;
     if (mActiveTargetLayerPtr.load() == layerPtr) {
         mActiveTargetLayerPtr = nullptr;
     }
-    while (it != mLayers.end()) {
+    while (remaining > 0 && it != mLayers.end()) {
         if (it->layerPtr != layerPtr) {
             ++it;
             continue;
@@ -88,6 +86,7 @@ void PeltoController::destroyLayer(const void* layerPtr) {
             }
         }
         it = mLayers.erase(it);
+        --remaining;
     }
 }
 

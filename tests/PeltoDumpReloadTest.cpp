@@ -1,8 +1,17 @@
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <future>
+#include <mutex>
+#include <thread>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "config/PeltoRuleFileReader.h"
 #include "controller/PeltoController.h"
 #include "support/FakeCompositor.h"
+#include "support/LogCapture.h"
 #include "support/RuleFile.h"
 
 namespace android {
@@ -10,6 +19,7 @@ namespace {
 
 using test::dumpedState;
 using test::FakeCompositor;
+using test::LogCapture;
 using test::ScopedRuleFile;
 using ::testing::EndsWith;
 using ::testing::HasSubstr;
@@ -130,6 +140,95 @@ TEST_F(PeltoDumpReloadTest, failedReloadLeavesNoRulesAndIsReported) {
     // Every layer is now Nobody, and no target is registered any more.
     mController->composite(false, false, 10000);
     EXPECT_EQ(dumpedState(*mController), "Off 413");
+}
+
+TEST_F(PeltoDumpReloadTest, reloadRefusesPathsThatCouldStallOrExhaustIt) {
+    SKIP_WITHOUT_RULE_FILE_PATH();
+    mHost.setVisibleBufferLayers({{kVideo, 5000}});
+    mController->composite(false, false, 10000);
+    const std::string path = mRules.path();
+    const std::string tooLarge = "is larger than " + std::to_string(kMaxRuleFileBytes) + " bytes";
+    struct Case {
+        const char* what;
+        std::function<void()> make;
+        std::string error;
+    } cases[] = {
+            // Opening a FIFO for reading would wait for a writer for good.
+            {"a FIFO", [&] { ASSERT_EQ(mkfifo(path.c_str(), 0600), 0); }, "is not a regular file"},
+            {"a directory", [&] { ASSERT_EQ(mkdir(path.c_str(), 0700), 0); },
+             "is not a regular file"},
+            // Read until memory runs out, if it were read at all.
+            {"an endless device", [&] { ASSERT_EQ(symlink("/dev/zero", path.c_str()), 0); },
+             "is not a regular file"},
+            {"a file one byte over the cap",
+             [&] {
+                 mRules.write("{}");
+                 ASSERT_EQ(truncate(path.c_str(), kMaxRuleFileBytes + 1), 0);
+             },
+             tooLarge},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        mRules.remove();
+        rmdir(path.c_str());
+        c.make();
+        LogCapture log;
+        std::string out;
+        mController->reloadConfigThenDump(out);
+        EXPECT_THAT(out, StartsWith("Reload Failed\n"));
+        EXPECT_TRUE(log.contains(ANDROID_LOG_ERROR, "PeltoConfig", path + " " + c.error))
+                << ::testing::PrintToString(log.lines());
+        // The layers are still there, now unclassified.
+        mController->composite(false, false, 10000);
+        EXPECT_EQ(dumpedState(*mController), "Off 413");
+    }
+    rmdir(path.c_str());
+
+    // A file exactly at the cap is read (and then judged as JSON).
+    mRules.write("{}");
+    ASSERT_EQ(truncate(path.c_str(), kMaxRuleFileBytes), 0);
+    LogCapture log;
+    std::string out;
+    mController->reloadConfigThenDump(out);
+    EXPECT_FALSE(log.contains(ANDROID_LOG_ERROR, "PeltoConfig", path + " " + tooLarge));
+}
+
+TEST_F(PeltoDumpReloadTest, hostMayHoldItsOwnLockAroundEntryPointsThatItTakesInHwcCallbacks) {
+    // The host's HWC callback takes the host's lock; another host thread holds
+    // that lock while it registers, destroys, dumps and reloads. Those must
+    // not wait for anything the composition holds during the callback.
+    std::mutex hostLock;
+    std::promise<void> inCallback;
+    std::unique_lock held(hostLock);
+    auto controller = std::make_unique<PeltoController>(
+            true, mHost.getLayerPtrFromHandle(), mHost.getBufferCountFromHandle(),
+            mHost.traverseVisibleLayers(), mHost.traverseVisibleBufferLayers(),
+            mHost.getCurrentVsyncPeriod(), mHost.triggerVsyncCallback(),
+            mHost.triggerEventQueueInvalidate(),
+            [&] {
+                inCallback.set_value();
+                std::lock_guard lock(hostLock);
+            },
+            mHost.setHwcPeltoOff());
+    controller->registerLayer(kVideo, "video#0");
+    mHost.setVisibleBufferLayers({{kVideo, 5000}});
+
+    std::thread composition([&] { controller->composite(false, false, 10000); });
+    inCallback.get_future().wait();
+    auto others = std::async(std::launch::async, [&] {
+        controller->registerLayer(kOther, "other#0");
+        controller->destroyLayer(kOther);
+        std::string out;
+        controller->dump(out);
+        controller->reloadConfigThenDump(out);
+        controller->isQ2QFull();
+    });
+    // A deadlock shows up here as a failure instead of a hung test.
+    const bool finished = others.wait_for(std::chrono::seconds(60)) == std::future_status::ready;
+    held.unlock();
+    composition.join();
+    ASSERT_TRUE(finished) << "an entry point waited for the composition's HWC callback";
+    EXPECT_EQ(dumpedState(*controller), "On 551");
 }
 
 } // namespace

@@ -1,0 +1,179 @@
+// Composite latency while other host threads reload the rules or register and
+// destroy layers in bursts. A compositor thread composites every 0.5 ms on a
+// (64 registered, 16 visible) scene; each row of the table is one load running
+// beside it, and the last column compares its p99.9 with the quiet row's.
+//
+//   pelto_reload_latency [--seconds=S]   (S per row, default 5)
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <functional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <json/json.h>
+#include <log/log.h>
+
+#include "bench/BenchHost.h"
+
+namespace android::bench {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr size_t kRegistered = 64;
+constexpr size_t kVisible = 16;
+constexpr auto kCompositeInterval = std::chrono::microseconds(500);
+constexpr auto kReloadInterval = std::chrono::milliseconds(5);
+constexpr int kBurstRegistrations = 1000;
+constexpr auto kBurstInterval = std::chrono::milliseconds(50);
+
+// The scene's rules with padding targets appended until the text has at least
+// `bytes` bytes; the scene's own targets keep their ids, so it stays On.
+std::string paddedRules(const std::string& sceneRules, size_t bytes) {
+    Json::Value root;
+    std::string errors;
+    const std::unique_ptr<Json::CharReader> reader(Json::CharReaderBuilder().newCharReader());
+    reader->parse(sceneRules.data(), sceneRules.data() + sceneRules.size(), &root, &errors);
+    Json::StreamWriterBuilder writer;
+    writer["indentation"] = "";
+    std::string text = Json::writeString(writer, root);
+    for (int i = 0; text.size() < bytes;) {
+        // A batch at a time: writing the whole text again per target is quadratic.
+        for (int n = 0; n < 256; ++n, ++i) {
+            Json::Value target;
+            target["name"] = "padding.app/Activity" + std::to_string(i);
+            target["ignore_names"].append("padding.app/Popup" + std::to_string(i));
+            root["target_layers"].append(target);
+        }
+        text = Json::writeString(writer, root);
+    }
+    return text;
+}
+
+struct Row {
+    std::string name;
+    std::vector<double> latenciesUs;
+    int loadOps = 0;
+};
+
+double percentile(std::vector<double>& sorted, double p) {
+    const size_t index = std::min(sorted.size() - 1, static_cast<size_t>(p * sorted.size()));
+    return sorted[index];
+}
+
+// Composites on this thread every kCompositeInterval for `seconds` while `load`
+// runs on another until told to stop; returns each composite's duration.
+Row measure(ListModeRig& rig, const std::string& name, double seconds,
+            const std::function<int(const std::atomic<bool>&)>& load) {
+    Row row{name, {}, 0};
+    std::atomic<bool> stop{false};
+    std::thread loader;
+    if (load) {
+        loader = std::thread([&] { row.loadOps = load(stop); });
+    }
+    const auto end = Clock::now() + std::chrono::duration<double>(seconds);
+    row.latenciesUs.reserve(static_cast<size_t>(seconds / 0.0005) + 16);
+    for (auto next = Clock::now(); next < end; next += kCompositeInterval) {
+        std::this_thread::sleep_until(next);
+        const auto start = Clock::now();
+        rig.composite();
+        const auto took = Clock::now() - start;
+        row.latenciesUs.push_back(std::chrono::duration<double, std::micro>(took).count());
+    }
+    stop = true;
+    if (loader.joinable()) {
+        loader.join();
+    }
+    LOG_ALWAYS_FATAL_IF(!rig.controller->isOn(), "the scene left On during %s", name.c_str());
+    return row;
+}
+
+int reloadLoop(PeltoController& controller, const std::atomic<bool>& stop) {
+    int reloads = 0;
+    while (!stop) {
+        std::string out;
+        controller.reloadConfigThenDump(out);
+        ++reloads;
+        std::this_thread::sleep_for(kReloadInterval);
+    }
+    return reloads;
+}
+
+int burstLoop(PeltoController& controller, const std::atomic<bool>& stop) {
+    std::vector<char> layers(kBurstRegistrations);
+    int bursts = 0;
+    while (!stop) {
+        for (int i = 0; i < kBurstRegistrations; ++i) {
+            controller.registerLayer(&layers[i], "com.example.app/Popup#" + std::to_string(i));
+        }
+        for (int i = 0; i < kBurstRegistrations; ++i) {
+            controller.destroyLayer(&layers[i]);
+        }
+        ++bursts;
+        std::this_thread::sleep_for(kBurstInterval);
+    }
+    return bursts;
+}
+
+} // namespace
+} // namespace android::bench
+
+int main(int argc, char** argv) {
+    using namespace android::bench;
+    double seconds = 5.0;
+    for (int i = 1; i < argc; ++i) {
+        if (strncmp(argv[i], "--seconds=", 10) == 0) {
+            seconds = atof(argv[i] + 10);
+        } else {
+            fprintf(stderr, "usage: %s [--seconds=S]\n", argv[0]);
+            return 2;
+        }
+    }
+    // The loader logs a line per target; those are counted and dropped.
+    installCountingLogger();
+
+    ListModeRig rig(kRegistered, kVisible);
+    const std::string path = "/tmp/pelto_reload_latency_" + std::to_string(getpid()) + ".json";
+    const auto writeRules = [&](size_t bytes) {
+        std::ofstream(path, std::ios::trunc) << paddedRules(rig.scene.ruleFile, bytes);
+    };
+    // From here on the controller reloads from this file.
+    setenv("PELTO_CONFIG_PATH", path.c_str(), 1);
+
+    android::PeltoController& controller = *rig.controller;
+    const auto reloads = [&](const std::atomic<bool>& stop) { return reloadLoop(controller, stop); };
+    std::vector<Row> rows;
+    rows.push_back(measure(rig, "no load", seconds, nullptr));
+    for (const auto& [label, bytes] : {std::pair{"reload 1 KB rules", size_t{1} << 10},
+                                       std::pair{"reload 100 KB rules", size_t{100} << 10},
+                                       std::pair{"reload 1 MB rules", size_t{1} << 20}}) {
+        writeRules(bytes);
+        rows.push_back(measure(rig, label, seconds, reloads));
+    }
+    rows.push_back(measure(rig, "1,000-registration bursts", seconds,
+                           [&](const std::atomic<bool>& stop) { return burstLoop(controller, stop); }));
+    std::remove(path.c_str());
+
+    printf("composite latency, (%zu, %zu) scene, one composite every %lld us, %.0f s a row\n",
+           kRegistered, kVisible, static_cast<long long>(kCompositeInterval.count()), seconds);
+    printf("| load | composites | load ops | p50 us | p99 us | p99.9 us | max us | p99.9 / quiet |\n");
+    printf("|---|---|---|---|---|---|---|---|\n");
+    double quiet = 0;
+    for (Row& row : rows) {
+        std::sort(row.latenciesUs.begin(), row.latenciesUs.end());
+        const double p999 = percentile(row.latenciesUs, 0.999);
+        if (quiet == 0) quiet = p999;
+        printf("| %s | %zu | %d | %.1f | %.1f | %.1f | %.1f | %.2f |\n", row.name.c_str(),
+               row.latenciesUs.size(), row.loadOps, percentile(row.latenciesUs, 0.5),
+               percentile(row.latenciesUs, 0.99), p999, row.latenciesUs.back(), p999 / quiet);
+    }
+    return 0;
+}
