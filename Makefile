@@ -4,16 +4,12 @@ JOBS ?= $(shell nproc)
 # Seconds each fuzzer runs for in `make fuzz`.
 FUZZ_SECONDS ?= 60
 
-.PHONY: test demo deps build build-clang test-gcc check-thread-safety check-android-bp test-tsan test-asan \
-	bench bench-build bench-run bench-callgrind fuzz clean
+.PHONY: test demo deps build build-clang test-clang test-gcc check-thread-safety check-android-bp test-tsan test-asan \
+	bench bench-build bench-run bench-callgrind bench-latency fuzz clean
 
+# Every stage in order (scripts/run-tests.sh), with a per-stage summary at the end.
 test: deps
-	$(MAKE) check-android-bp
-	$(MAKE) check-thread-safety
-	$(MAKE) test-gcc
-	$(MAKE) build-clang
-	$(MAKE) test-asan
-	$(MAKE) test-tsan
+	@scripts/run-tests.sh
 
 # Plays the default scenario through the built library on virtual time and
 # writes its trace and its HTML page.
@@ -38,11 +34,14 @@ build:
 test-gcc: build
 	ctest --preset default
 
-# Android trees build with clang: the same sources and tests must compile
-# cleanly with it too.
+# Android trees build with clang and without exceptions: the library and its
+# tests are built that way here too, and the whole suite runs on them.
 build-clang:
 	cmake --preset clang >/dev/null
 	cmake --build --preset clang -j $(JOBS)
+
+test-clang: build-clang
+	ctest --preset clang
 
 check-thread-safety:
 	scripts/check-thread-safety.sh
@@ -70,11 +69,12 @@ BENCH = build/default/bench/pelto_bench
 bench:
 	$(MAKE) bench-run
 	$(MAKE) bench-callgrind
+	$(MAKE) bench-latency
 
 bench-build:
 	@scripts/install-deps.sh valgrind
 	cmake --preset default >/dev/null
-	cmake --build --preset default -j $(JOBS) --target pelto_bench
+	cmake --build --preset default -j $(JOBS) --target pelto_bench pelto_reload_latency
 
 bench-run: bench-build
 	$(BENCH) --benchmark_repetitions=$(BENCH_REPETITIONS) --benchmark_min_time=$(BENCH_MIN_TIME) \
@@ -82,6 +82,11 @@ bench-run: bench-build
 
 bench-callgrind: bench-build
 	scripts/bench-callgrind.sh $(BENCH)
+
+# Composite latency while other threads reload the rules or register layers.
+LATENCY_SECONDS ?= 10
+bench-latency: bench-build
+	build/default/bench/pelto_reload_latency --seconds=$(LATENCY_SECONDS)
 
 # libFuzzer targets under ASan+UBSan, each for FUZZ_SECONDS over a scratch
 # copy of its seed corpus; fails on any crash, leak, timeout or broken invariant.

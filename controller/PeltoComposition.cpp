@@ -73,31 +73,13 @@ PeltoExceptionRuleInput PeltoController::prepareExceptionInput(const PeltoLayer&
     return exceptionInput(layer.area, layer.focused, screenArea);
 }
 
-void PeltoController::setActiveTargetLayer(const PeltoLayer& layer) {
-    // Whether the pointer's first record, the one lookups find, is now flagged.
-    const PeltoLayer* first = nullptr;
-    for (PeltoLayer& record : mLayers) {
-        if (record.type == static_cast<int32_t>(PeltoLayerType::TargetLayer)) {
-            record.isActiveTarget = record.layerPtr == layer.layerPtr;
-        }
-        if (first == nullptr && record.layerPtr == layer.layerPtr) {
-            first = &record;
-        }
-    }
-    resetFps();
-    // Published after the reset, so a transaction that finds the new target
-    // active samples into the emptied ring.
-    const bool active = first != nullptr && first->isActiveTarget;
-    mActiveTargetLayerPtr = active ? layer.layerPtr : nullptr;
-}
-
 void PeltoController::visitBufferLayerLocked(const void* layerPtr, float area, bool focused) {
-    const auto indexed = mLayerIndex.find(layerPtr);
-    if (indexed == mLayerIndex.end()) {
+    PeltoLayer* found = mRegistry.find(layerPtr);
+    if (found == nullptr) {
         ALOGW("%p not found in mLayers", layerPtr);
         return;
     }
-    PeltoLayer& record = *indexed->second.first;
+    PeltoLayer& record = *found;
     record.area = area;
     record.focused = focused;
 
@@ -141,7 +123,7 @@ std::optional<PeltoController::Decision> PeltoController::decideList(unsigned in
     if (mConfig == nullptr) {
         return std::nullopt;
     }
-    if (mTargetCandidateCount < 1) {
+    if (mRegistry.targetCount() < 1) {
         return Decision{kOff, kReasonNoTargetRegistered};
     }
 
@@ -162,8 +144,12 @@ std::optional<PeltoController::Decision> PeltoController::decideList(unsigned in
     // visible candidate takes over and the pace is measured afresh.
     if (s.activeTarget == kNoActiveTarget) {
         s.activeTarget = 0;
-        setActiveTargetLayer(*s.targetCandidates[0].record);
-        ALOGI("active target layer: %s", s.targetCandidates[0].record->name.c_str());
+        const PeltoLayer& chosen = *s.targetCandidates[0].record;
+        // Reset before the new target is published, so a transaction that
+        // finds it active samples into the emptied ring.
+        resetFps();
+        mRegistry.setActiveTarget(chosen.layerPtr);
+        ALOGI("active target layer: %s", chosen.name.c_str());
     }
     return applyRulesLocked(screenArea);
 }

@@ -34,7 +34,6 @@ PeltoController::PeltoController(bool useList, GetLayerPtrFromHandle getLayerPtr
         mHasPendingBuffer("PeltoHasPendingBuf", false),
         mState("PeltoState", static_cast<int32_t>(PeltoState::Off)),
         mPeltoTimer(std::make_unique<scheduler::PeltoTimer>("Pelto")),
-        mQ2QFps("Pelto2-Q2QFps", 0),
         mHasOtherUI("PeltoHasOtherUI", false),
         mGetLayerPtrFromHandle(std::move(getLayerPtrFromHandle)),
         mGetBufferCountFromHandle(std::move(getBufferCountFromHandle)),

@@ -22,6 +22,8 @@
 #include "config/PeltoConfig.h"
 #include "controller/PeltoExport.h"
 #include "controller/PeltoLayer.h"
+#include "controller/PeltoLayerRegistry.h"
+#include "controller/PeltoQ2QRing.h"
 #include "trace/PeltoTracedOrdinal.h"
 
 namespace android {
@@ -59,7 +61,7 @@ using PeltoTransactionState = std::tuple<sp<IBinder>, bool, bool, sp<Fence>>;
 //                      and the list-mode decision. A reload swaps in rules
 //                      parsed beforehand and reclassifies every record under
 //                      it, so nobody sees the registry half reloaded.
-//   leaf locks         mQ2QMutex, mPresentFenceMutex, mSFInProgressMutex,
+//   leaf locks         mQ2QRing's mQ2QMutex, mPresentFenceMutex, mSFInProgressMutex,
 //                      mAlarmListMutex, mFenceMutex: never two at once.
 //
 // Which lock each host callback runs under:
@@ -123,16 +125,16 @@ public:
 
     // Queue-to-queue pacing.
     PELTO_EXPORT void setTransactionState(const std::vector<PeltoTransactionState>& states,
-                                          long timestamp) EXCLUDES(mLayerMutex, mQ2QMutex);
-    PELTO_EXPORT void onActiveModeUpdated() EXCLUDES(mQ2QMutex);
-    PELTO_EXPORT bool isQ2QFull() EXCLUDES(mQ2QMutex);
-    PELTO_EXPORT int64_t getQ2QAvgPeriod() EXCLUDES(mQ2QMutex);
-    PELTO_EXPORT void resetFps() EXCLUDES(mQ2QMutex, mPresentFenceMutex, mSFInProgressMutex);
+                                          long timestamp) EXCLUDES(mLayerMutex);
+    PELTO_EXPORT void onActiveModeUpdated();
+    PELTO_EXPORT bool isQ2QFull();
+    PELTO_EXPORT int64_t getQ2QAvgPeriod();
+    PELTO_EXPORT void resetFps() EXCLUDES(mPresentFenceMutex, mSFInProgressMutex);
 
     // Timeout and present-fence hints.
     PELTO_EXPORT void setPreviousPresentFence(const sp<Fence>& fence) EXCLUDES(mPresentFenceMutex);
     PELTO_EXPORT void setSFInProgress(bool inProgress) EXCLUDES(mSFInProgressMutex);
-    PELTO_EXPORT int64_t calculateTimeout() EXCLUDES(mQ2QMutex);
+    PELTO_EXPORT int64_t calculateTimeout();
     PELTO_EXPORT void timeoutCallback();
     // Body of the fence thread; returns at teardown once the queue is empty.
     PELTO_EXPORT void fenceLoop() EXCLUDES(mFenceMutex);
@@ -142,7 +144,7 @@ public:
     void queueFence(const sp<Fence>& fence) EXCLUDES(mFenceMutex);
 
     // Diagnostics.
-    PELTO_EXPORT void dump(std::string& out) const EXCLUDES(mLayerMutex, mQ2QMutex);
+    PELTO_EXPORT void dump(std::string& out) const EXCLUDES(mLayerMutex);
     PELTO_EXPORT void reloadConfigThenDump(std::string& out)
             EXCLUDES(mReloadMutex, mLayerMutex);
 
@@ -157,19 +159,14 @@ private:
             EXCLUDES(mLayerMutex);
     Decision decideApi() REQUIRES(mCompositionMutex);
     Decision applyRulesLocked(unsigned int screenArea) REQUIRES(mCompositionMutex, mLayerMutex);
-    void setActiveTargetLayer(const PeltoLayer& layer) REQUIRES(mLayerMutex);
-    // Layer names carry a '#' suffix that the rule file leaves out: the rule
-    // file is searched with the name up to its last '#'.
-    static std::string lookupKey(const std::string& name);
-    // Sets an unclassified record's type and rule pointers from `config`.
-    static void classify(const PeltoConfig& config, const std::string& key, PeltoLayer& record);
-    void addActiveTargetLayerQueueTS() EXCLUDES(mQ2QMutex);
-    void resetFpsLocked() REQUIRES(mQ2QMutex);
+    // The registry for its lock-free query, isActiveTarget().
+    const PeltoLayerRegistry& registryLockFree() const NO_THREAD_SAFETY_ANALYSIS {
+        return mRegistry;
+    }
     void cancelPendingAlarms() EXCLUDES(mAlarmListMutex);
     void startFenceThread();
     void visitBufferLayerLocked(const void* layerPtr, float area, bool focused)
             REQUIRES(mCompositionMutex, mLayerMutex);
-    void dumpLayersLocked(std::ostream& os) const REQUIRES(mLayerMutex);
 
     const bool mUseList;
 
@@ -181,33 +178,22 @@ private:
     // new rules aside and swaps the pointer, and a dump formats the rules it
     // took a reference to without holding the lock.
     std::shared_ptr<const PeltoConfig> mConfig GUARDED_BY(mLayerMutex);
-    std::list<PeltoLayer> mLayers GUARDED_BY(mLayerMutex);
-    int32_t mTargetCandidateCount GUARDED_BY(mLayerMutex) = 0;
-    // Counts registrations and destroys, so a reload can tell whether the
-    // records it classified aside are still the registry's.
-    uint64_t mRegistryGeneration GUARDED_BY(mLayerMutex) = 0;
-    // First record of each registered layer pointer and how many records it
-    // has, kept in step with mLayers, so that per-frame lookups and destroys
-    // do not walk the list.
-    struct LayerIndexEntry {
-        std::list<PeltoLayer>::iterator first;
-        size_t records;
-    };
-    std::unordered_map<const void*, LayerIndexEntry> mLayerIndex GUARDED_BY(mLayerMutex);
-    // isActiveTargetLayer's answer in list mode: the pointer whose first record
-    // is the active target, or null. Only the records of the last pointer given
-    // to setActiveTargetLayer carry the flag, so at most one pointer answers
-    // true. Stored under mLayerMutex wherever that answer changes (a new active
-    // target, after its reset; its destroy; a reload), so a transaction reads
-    // it without the lock and sees what a lookup would have seen at that moment.
-    std::atomic<const void*> mActiveTargetLayerPtr{nullptr};
+    PeltoLayerRegistry mRegistry GUARDED_BY(mLayerMutex);
 
     // Mode state. Each is read and written whole, without a controller lock.
     std::atomic<bool> mPeltoEnable{false};
     std::atomic<const void*> mTargetLayer{nullptr};
     PeltoTracedOrdinal<bool> mHasPendingBuffer;
     PeltoTracedOrdinal<int32_t> mState;
-    std::atomic<int32_t> mStateReason{-1};
+    // The state and the reason it was set with, published as one value after
+    // mState, so that a reader on another thread never pairs a state with
+    // another state's reason. The state is in the high half.
+    static constexpr int32_t kStateOn = static_cast<int32_t>(PeltoState::On);
+    static constexpr uint64_t packStateAndReason(int32_t state, int32_t reason) {
+        return uint64_t{static_cast<uint32_t>(state)} << 32 | static_cast<uint32_t>(reason);
+    }
+    std::atomic<uint64_t> mStateAndReason{packStateAndReason(0, -1)};
+    // 1 once mSetHwcPeltoOn has returned, 0 once mSetHwcPeltoOff has.
     std::atomic<int32_t> mHwcPeltoOn{0};
 
     std::mutex mAlarmListMutex;
@@ -221,14 +207,7 @@ private:
     std::list<sp<Fence>> mFences GUARDED_BY(mFenceMutex);
     bool mFenceLoopExit GUARDED_BY(mFenceMutex) = false;
 
-    mutable std::mutex mQ2QMutex;
-    int64_t mAvgQ2QPeriod GUARDED_BY(mQ2QMutex) = 0;
-    int64_t mCurrentPeriod GUARDED_BY(mQ2QMutex) = 0;
-    int64_t mLastQueueTime GUARDED_BY(mQ2QMutex) = -1;
-    std::vector<int64_t> mQ2QDurations GUARDED_BY(mQ2QMutex);
-    uint64_t mQ2QIndex GUARDED_BY(mQ2QMutex) = 0;
-    uint64_t mMaxQueueCount GUARDED_BY(mQ2QMutex) = 0;
-    PeltoTracedOrdinal<int64_t> mQ2QFps GUARDED_BY(mQ2QMutex);
+    PeltoQ2QRing mQ2QRing;
 
     // Written only during construction.
     std::atomic<bool> mUseAdaptiveTimeout{true};

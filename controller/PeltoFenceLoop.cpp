@@ -70,13 +70,8 @@ int64_t PeltoController::calculateTimeout() {
 
     // The adaptive test below does not change the result yet: the timeout
     // stays one vsync period until an adaptive length is defined.
-    if (!mHasPendingBuffer.get()) {
-        std::lock_guard lock(mQ2QMutex);
-        if (mUseAdaptiveTimeout.load() &&
-            (static_cast<float>(mCurrentPeriod) * 1.1f > static_cast<float>(mAvgQ2QPeriod) ||
-             mLastQueueTime == -1)) {
-            (void)systemTime(SYSTEM_TIME_MONOTONIC);
-        }
+    if (!mHasPendingBuffer.get() && mUseAdaptiveTimeout.load() && mQ2QRing.keepsUpOrIdle()) {
+        (void)systemTime(SYSTEM_TIME_MONOTONIC);
     }
     return timeout;
 }

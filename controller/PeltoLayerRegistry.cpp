@@ -1,86 +1,79 @@
 #define LOG_TAG "PeltoController"
 
+#include "controller/PeltoLayerRegistry.h"
+
+#include <iterator>
+#include <utility>
+
 #include <log/log.h>
 
-#include "controller/PeltoController.h"
-
 namespace android {
+namespace {
 
-std::string PeltoController::lookupKey(const std::string& name) {
+constexpr int32_t kTarget = static_cast<int32_t>(PeltoLayerType::TargetLayer);
+
+} // namespace
+
+std::string PeltoLayerRegistry::lookupKey(const std::string& name) {
     const size_t hash = name.rfind('#');
     return hash == std::string::npos ? name : name.substr(0, hash);
 }
 
-void PeltoController::registerLayer(const void* layerPtr, const std::string& name) {
-    if (!mUseList) {
-        return;
-    }
-    if (layerPtr == nullptr) {
-        ALOGE("%s(), layerPtr == null", "registerLayer");
-        return;
-    }
-    // The record and its lookup key are made before the lock is taken; the
-    // record's list node is then moved into the registry without a copy.
-    std::list<PeltoLayer> node;
-    node.push_back(PeltoLayer{layerPtr, name});
-    PeltoLayer& record = node.front();
-    const std::string key = lookupKey(name);
-
-    std::lock_guard lock(mLayerMutex);
-    if (mConfig == nullptr) {
-        return;
-    }
-    classify(*mConfig, key, record);
-    ++mRegistryGeneration;
-    if (record.type == static_cast<int32_t>(PeltoLayerType::TargetLayer)) {
-        ++mTargetCandidateCount;
-    }
-    mLayers.splice(mLayers.end(), node);
-    // A pointer registered again keeps its first record as the one found.
-    const auto [indexed, added] =
-            mLayerIndex.try_emplace(layerPtr, LayerIndexEntry{std::prev(mLayers.end()), 0});
-    ++indexed->second.records;
-}
-
-void PeltoController::classify(const PeltoConfig& config, const std::string& key,
-                               PeltoLayer& record) {
-    if (config.isTargetLayer(key, &record.targetInfo)) {
-        record.type = static_cast<int32_t>(PeltoLayerType::TargetLayer);
-    } else if (config.isTargetIgnoreLayer(key, &record.targetIgnoreInfo)) {
+void PeltoLayerRegistry::classify(const PeltoConfig& rules, const std::string& key,
+                                  PeltoLayer& record) {
+    if (rules.isTargetLayer(key, &record.targetInfo)) {
+        record.type = kTarget;
+    } else if (rules.isTargetIgnoreLayer(key, &record.targetIgnoreInfo)) {
         record.type = static_cast<int32_t>(PeltoLayerType::TargetIgnoreLayer);
-    } else if (config.isExceptionLayer(key, &record.exceptionRule)) {
+    } else if (rules.isExceptionLayer(key, &record.exceptionRule)) {
         record.type = static_cast<int32_t>(PeltoLayerType::ExceptionLayer);
     }
 }
 
-void PeltoController::destroyLayer(const void* layerPtr) {
-    if (!mUseList) {
+PeltoLayerRegistry::Pending PeltoLayerRegistry::prepare(const void* layerPtr,
+                                                        const std::string& name) {
+    Pending pending;
+    pending.node.push_back(PeltoLayer{layerPtr, name});
+    pending.key = lookupKey(name);
+    return pending;
+}
+
+void PeltoLayerRegistry::add(Pending&& pending, const PeltoConfig& rules) {
+    PeltoLayer& record = pending.node.front();
+    classify(rules, pending.key, record);
+    if (record.type == kTarget) {
+        ++mTargetCount;
+    }
+    const void* layerPtr = record.layerPtr;
+    mLayers.splice(mLayers.end(), pending.node);
+    const auto [indexed, added] =
+            mIndex.try_emplace(layerPtr, IndexEntry{std::prev(mLayers.end()), 0});
+    ++indexed->second.records;
+    ++mGeneration;
+}
+
+void PeltoLayerRegistry::remove(const void* layerPtr) {
+    const auto indexed = mIndex.find(layerPtr);
+    if (indexed == mIndex.end()) {
         return;
     }
-    // A reload reclassifies records in place under this lock, so a destroy
-    // is applied either before or after it and is never undone by it.
-    std::lock_guard lock(mLayerMutex);
-    const auto indexed = mLayerIndex.find(layerPtr);
-    if (indexed == mLayerIndex.end()) {
-        return;
-    }
-    // No record of this pointer comes before the first one, which the index
-    // holds, and the walk ends with the last of its records.
+    // No record of this pointer comes before its first one, and the walk ends
+    // with the last of its records.
     auto it = indexed->second.first;
     size_t remaining = indexed->second.records;
-    mLayerIndex.erase(indexed);
-    ++mRegistryGeneration;
-    if (mActiveTargetLayerPtr.load() == layerPtr) {
-        mActiveTargetLayerPtr = nullptr;
+    mIndex.erase(indexed);
+    ++mGeneration;
+    if (mActiveTarget.load() == layerPtr) {
+        mActiveTarget = nullptr;
     }
     while (remaining > 0 && it != mLayers.end()) {
         if (it->layerPtr != layerPtr) {
             ++it;
             continue;
         }
-        if (it->type == static_cast<int32_t>(PeltoLayerType::TargetLayer)) {
-            if (mTargetCandidateCount > 0) {
-                --mTargetCandidateCount;
+        if (it->type == kTarget) {
+            if (mTargetCount > 0) {
+                --mTargetCount;
             } else {
                 ALOGE("mTargetCandidateCount < 0");
             }
@@ -90,11 +83,89 @@ void PeltoController::destroyLayer(const void* layerPtr) {
     }
 }
 
-bool PeltoController::isActiveTargetLayer(const void* layerPtr) const {
-    if (!mUseList) {
-        return layerPtr == mTargetLayer.load();
+PeltoLayer* PeltoLayerRegistry::find(const void* layerPtr) {
+    const auto indexed = mIndex.find(layerPtr);
+    return indexed == mIndex.end() ? nullptr : &*indexed->second.first;
+}
+
+void PeltoLayerRegistry::setActiveTarget(const void* layerPtr) {
+    for (PeltoLayer& record : mLayers) {
+        if (record.type == kTarget) {
+            record.isActiveTarget = record.layerPtr == layerPtr;
+        }
     }
-    return layerPtr != nullptr && layerPtr == mActiveTargetLayerPtr.load();
+    const PeltoLayer* first = find(layerPtr);
+    mActiveTarget = first != nullptr && first->isActiveTarget ? layerPtr : nullptr;
+}
+
+bool PeltoLayerRegistry::isActiveTarget(const void* layerPtr) const {
+    return layerPtr != nullptr && layerPtr == mActiveTarget.load();
+}
+
+PeltoLayerRegistry::Reclassification PeltoLayerRegistry::snapshot() const {
+    Reclassification reclassification;
+    reclassification.generation = mGeneration;
+    reclassification.records.reserve(mLayers.size());
+    for (const PeltoLayer& record : mLayers) {
+        reclassification.records.push_back(PeltoLayer{record.layerPtr, record.name});
+    }
+    return reclassification;
+}
+
+void PeltoLayerRegistry::classify(Reclassification& reclassification, const PeltoConfig& rules) {
+    for (PeltoLayer& record : reclassification.records) {
+        classify(rules, lookupKey(record.name), record);
+    }
+}
+
+void PeltoLayerRegistry::apply(Reclassification&& reclassification, const PeltoConfig& rules) {
+    const bool unchanged = reclassification.generation == mGeneration;
+    mTargetCount = 0;
+    mActiveTarget = nullptr;
+    auto classified = reclassification.records.begin();
+    for (PeltoLayer& record : mLayers) {
+        // Records keep their places, so the index and the list order stand.
+        std::string name = std::move(record.name);
+        if (unchanged) {
+            record = std::move(*classified++);
+        } else {
+            record = PeltoLayer{record.layerPtr, {}};
+            classify(rules, lookupKey(name), record);
+        }
+        record.name = std::move(name);
+        if (record.type == kTarget) {
+            ++mTargetCount;
+        }
+    }
+}
+
+void PeltoLayerRegistry::dump(std::ostream& os) const {
+    // One section per type; each walks the whole list, so records keep their
+    // registration order. `details` writes the type's own lines of a record.
+    const auto section = [&os, this](const char* heading, PeltoLayerType type, auto details) {
+        os << heading << "\n";
+        for (const PeltoLayer& layer : mLayers) {
+            if (layer.type != static_cast<int32_t>(type)) continue;
+            os << "\t" << layer.name << "\n";
+            details(layer);
+            os << "\t\tarea: " << layer.area << " focused: " << layer.focused << "\n";
+        }
+    };
+    section("TargetLayer:", PeltoLayerType::TargetLayer, [&os](const PeltoLayer& layer) {
+        if (layer.targetInfo != nullptr) {
+            os << "\t\tid: " << layer.targetInfo->id << "\n";
+        }
+        if (layer.isActiveTarget) {
+            os << "\t\tcurrent active\n";
+        }
+    });
+    section("TargetIgnoreLayer:", PeltoLayerType::TargetIgnoreLayer, [&os](const PeltoLayer& layer) {
+        if (layer.targetIgnoreInfo != nullptr) {
+            os << "\t\ttargetId: " << layer.targetIgnoreInfo->id << "\n";
+        }
+    });
+    section("ExceptionLayer:", PeltoLayerType::ExceptionLayer, [](const PeltoLayer&) {});
+    section("Nobody:", PeltoLayerType::Nobody, [](const PeltoLayer&) {});
 }
 
 } // namespace android

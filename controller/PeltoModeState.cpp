@@ -15,7 +15,7 @@ const char* peltoStateName(int32_t state) {
 }
 
 bool PeltoController::isOn() const {
-    return mState.get() == static_cast<int32_t>(PeltoState::On);
+    return mState.get() == kStateOn;
 }
 
 void PeltoController::commit() {
@@ -57,36 +57,36 @@ void PeltoController::triggerVsyncCallback(bool enable) {
 
 void PeltoController::setPeltoState(int32_t state, int32_t reason) {
     const int32_t oldState = mState.get();
-    if (state == oldState) {
-        return;
+    if (state != oldState) {
+        char text[96];
+        snprintf(text, sizeof(text), "setPeltoState, %s -> %s, %d\n", peltoStateName(oldState),
+                 peltoStateName(state), reason);
+        traceLog("pelto2_sf_lib: %s", text);
+        ALOGI("%s", text);
+
+        mState = state;
+        mStateAndReason = packStateAndReason(state, reason);
+
+        if (oldState == kStateOn && state == static_cast<int32_t>(PeltoState::Off)) {
+            cancelPendingAlarms();
+            const char* kReRegister = "from on to off, re-register vsync\n";
+            traceLog("pelto2_sf_lib: %s", kReRegister);
+            ALOGI("%s", kReRegister);
+            resetFps();
+        }
     }
 
-    char text[96];
-    snprintf(text, sizeof(text), "setPeltoState, %s -> %s, %d\n", peltoStateName(oldState),
-             peltoStateName(state), reason);
-    traceLog("pelto2_sf_lib: %s", text);
-    ALOGI("%s", text);
-
-    mState = state;
-    mStateReason = reason;
-
-    const auto on = static_cast<int32_t>(PeltoState::On);
-    if (oldState == on && state == static_cast<int32_t>(PeltoState::Off)) {
-        cancelPendingAlarms();
-        const char* kReRegister = "from on to off, re-register vsync\n";
-        traceLog("pelto2_sf_lib: %s", kReRegister);
-        ALOGI("%s", kReRegister);
-        resetFps();
-    }
-
-    const int32_t hwcOn = state == on ? 1 : 0;
+    // mHwcPeltoOn records what the host has done, so it changes only once the
+    // host's callback has returned. A callback that throws leaves it
+    // disagreeing with the state, and the next call mends that.
+    const int32_t hwcOn = state == kStateOn ? 1 : 0;
     if (hwcOn != mHwcPeltoOn.load()) {
-        mHwcPeltoOn = hwcOn;
         if (hwcOn) {
             mSetHwcPeltoOn();
         } else {
             mSetHwcPeltoOff();
         }
+        mHwcPeltoOn = hwcOn;
     }
 }
 

@@ -11,24 +11,12 @@
 namespace android {
 namespace {
 
-// A sample that comes more than this many vsync periods after the previous
-// one starts the measurement afresh.
-constexpr int64_t kPausePeriods = 10;
-// The ring needs this many durations before it reports an average.
-constexpr size_t kMinDurationsForAverage = 5;
-
-// Half the refresh rate: the ring spans about half a second of vsyncs.
-// Periods of 0, below 0 or above half a second give 0.
-uint64_t queueCapacityFor(int64_t period) {
-    if (period <= 0) {
-        return 0;
-    }
-    const float perSecond = 1e9f / static_cast<float>(period);
-    if (!(perSecond < 18446744073709551616.0f)) {  // 2^64
-        return 0;
-    }
-    return static_cast<uint64_t>(perSecond) >> 1;
-}
+// A transaction this close to a whole vsync period after the host stamped it
+// asks for a vsync callback at once.
+constexpr float kVsyncRequestFraction = 0.9f;
+// Shown beside it in the debug line: a duration this far under the average
+// pace would count as too fast.
+constexpr float kQ2QTooFastFraction = 0.85f;
 
 int64_t saturatingSub(int64_t a, int64_t b) {
     int64_t result;
@@ -38,22 +26,10 @@ int64_t saturatingSub(int64_t a, int64_t b) {
     return result;
 }
 
-int64_t pauseThreshold(int64_t period) {
-    int64_t threshold;
-    if (__builtin_mul_overflow(period, kPausePeriods, &threshold)) {
-        return period < 0 ? std::numeric_limits<int64_t>::min()
-                          : std::numeric_limits<int64_t>::max();
-    }
-    return threshold;
-}
-
 } // namespace
 
 void PeltoController::resetFps() {
-    {
-        std::lock_guard lock(mQ2QMutex);
-        resetFpsLocked();
-    }
+    mQ2QRing.reset(mGetCurrentVsyncPeriod);
     {
         std::lock_guard lock(mPresentFenceMutex);
         mPreviousPresentFence = nullptr;
@@ -64,72 +40,15 @@ void PeltoController::resetFps() {
     }
 }
 
-void PeltoController::resetFpsLocked() {
-    traceLog("pelto2_sf_lib: resetFpsLocked");
-    const int64_t period = mGetCurrentVsyncPeriod();
-    mAvgQ2QPeriod = 0;
-    mQ2QDurations.clear();  // keeps the allocation
-    mCurrentPeriod = period;
-    mLastQueueTime = -1;
-    mQ2QIndex = 0;
-    mMaxQueueCount = queueCapacityFor(period);
-}
-
-void PeltoController::addActiveTargetLayerQueueTS() {
-    const nsecs_t now = systemTime(SYSTEM_TIME_MONOTONIC);
-    std::lock_guard lock(mQ2QMutex);
-
-    if (saturatingSub(now, mLastQueueTime) > pauseThreshold(mCurrentPeriod)) {
-        resetFpsLocked();
-    }
-
-    if (mLastQueueTime < 0) {
-        mLastQueueTime = now;
-        mQ2QFps = 0;  // stores and traces in one step of the value's own lock
-        return;
-    }
-
-    const int64_t duration = saturatingSub(now, mLastQueueTime);
-    mLastQueueTime = now;
-
-    // A zero capacity (no usable vsync period) keeps no durations.
-    if (mMaxQueueCount > 0) {
-        if (mQ2QDurations.size() != mMaxQueueCount) {
-            mQ2QDurations.push_back(duration);
-            mQ2QIndex = (mQ2QIndex + 1) % mQ2QDurations.size();
-        } else {
-            mQ2QIndex = (mQ2QIndex + 1) % mQ2QDurations.size();
-            mQ2QDurations[mQ2QIndex] = duration;
-        }
-    }
-
-    int64_t fps = 0;
-    if (mQ2QDurations.size() >= kMinDurationsForAverage) {
-        int64_t sum = 0;
-        for (const int64_t d : mQ2QDurations) {
-            sum += d;
-        }
-        mAvgQ2QPeriod = sum / static_cast<int64_t>(mQ2QDurations.size());
-        if (mAvgQ2QPeriod != 0) {
-            const float rate = 1e9f / static_cast<float>(mAvgQ2QPeriod);
-            fps = std::isfinite(rate) ? static_cast<int64_t>(rate) : 0;
-        }
-    } else {
-        mAvgQ2QPeriod = 0;
-    }
-    mQ2QFps = fps;
-}
-
 int64_t PeltoController::getQ2QAvgPeriod() {
-    std::lock_guard lock(mQ2QMutex);
-    return mAvgQ2QPeriod;
+    return mQ2QRing.avgPeriod();
 }
 
 bool PeltoController::isQ2QFull() {
     const int64_t avgPeriod = getQ2QAvgPeriod();
     if (avgPeriod != 0) {
         const auto period = static_cast<double>(mGetCurrentVsyncPeriod());
-        if (period * 1.1 > static_cast<double>(avgPeriod)) {
+        if (period * PeltoQ2QRing::kKeepsUpFactor > static_cast<double>(avgPeriod)) {
             traceLog("pelto2_sf_lib: isQ2QFull, return true, avgQ2QPeriod=%ld",
                      static_cast<long>(avgPeriod));
             return true;
@@ -179,21 +98,21 @@ void PeltoController::setTransactionState(const std::vector<PeltoTransactionStat
         }
 
         // Only the first element of the active target is judged.
-        addActiveTargetLayerQueueTS();
+        mQ2QRing.sample(systemTime(SYSTEM_TIME_MONOTONIC), mGetCurrentVsyncPeriod);
 
         const nsecs_t now = systemTime(SYSTEM_TIME_MONOTONIC);
         const int64_t period = mGetCurrentVsyncPeriod();
         // The average only feeds the gated line below, so it is read (under
-        // mQ2QMutex, with the sample just taken) only when that line is written.
+        // the ring's lock, with the sample just taken) only when that line is written.
         const bool debug = peltoDebugEnabled();
         const int64_t avgPeriod = debug ? getQ2QAvgPeriod() : 0;
         const int32_t bufferCount = mGetBufferCountFromHandle(handle);
 
         const int64_t duration = saturatingSub(now, timestamp);
-        const auto periodThreshold = static_cast<int64_t>(static_cast<float>(period) * 0.9f);
+        const auto periodThreshold = static_cast<int64_t>(static_cast<float>(period) * kVsyncRequestFraction);
         if (debug) {
             const auto q2QThreshold =
-                    static_cast<int64_t>(static_cast<float>(avgPeriod) * 0.85f);
+                    static_cast<int64_t>(static_cast<float>(avgPeriod) * kQ2QTooFastFraction);
             traceLog("pelto2_sf_lib: setTransactionState, duration=%ld, periodThreshold=%ld, "
                      "q2QThreshold=%ld, bufferCount=%d",
                      static_cast<long>(duration), static_cast<long>(periodThreshold),

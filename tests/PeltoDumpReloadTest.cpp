@@ -59,6 +59,7 @@ protected:
         mController->registerLayer(kSubtitle, "subtitle#0");
         mController->registerLayer(kKeyboard, "keyboard#7");
         mController->registerLayer(kOther, "other#0");
+        mController->registerLayer(nullptr, "video#1");  // refused: no record
     }
 
     ScopedRuleFile mRules{kRules};

@@ -1,92 +1,120 @@
+#include <sstream>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "controller/PeltoController.h"
-#include "support/FakeCompositor.h"
+#include "controller/PeltoLayerRegistry.h"
 #include "support/LogCapture.h"
-#include "support/RuleFile.h"
 
 namespace android {
 namespace {
 
-using test::dumpedState;
-using test::FakeCompositor;
-using test::LogCapture;
-using test::ScopedRuleFile;
-using ::testing::HasSubstr;
+using ::testing::ElementsAre;
 
-// The dump's four layer sections, from "TargetLayer:" to the status block.
-std::string layerSections(const PeltoController& controller) {
-    std::string out;
-    controller.dump(out);
-    const size_t from = out.find("TargetLayer:\n");
-    const size_t to = out.find("==========\nPelto State");
-    return out.substr(from, to - from);
+// Rules parsed from text, whatever the rule file on this machine says.
+std::unique_ptr<PeltoConfig> rulesFrom(const std::string& json) {
+    test::LogCapture quiet;  // the constructor's own load of the fixed path
+    PeltoConfig fixedPath;
+    std::unique_ptr<PeltoConfig> rules = PeltoConfig::makeReloadOf(fixedPath);
+    std::istringstream stream(json);
+    EXPECT_EQ(rules->loadConfig(stream), PeltoConfig::kLoadOk);
+    return rules;
 }
 
-TEST(PeltoLayerRegistryTest, namesAreLookedUpUpToTheirLastHashAndClassifiedTargetFirst) {
-    ScopedRuleFile rules(R"({
+// Each record as "name:type", with "*" for the active ones, in list order.
+std::vector<std::string> records(const PeltoLayerRegistry& registry) {
+    std::vector<std::string> out;
+    for (const PeltoLayer& r : registry.records()) {
+        out.push_back(r.name + ":" + std::to_string(r.type) + (r.isActiveTarget ? "*" : ""));
+    }
+    return out;
+}
+
+const void* layer(uintptr_t n) {
+    return reinterpret_cast<const void*>(n * 0x100);
+}
+
+TEST(PeltoLayerRegistryTest, classifiesByTheNameBeforeTheLastHashTargetFirst) {
+    const auto rules = rulesFrom(R"({
       "target_layers": [ { "name": "a#b", "ignore_names": ["video"] }, { "name": "" },
                          { "name": "video" } ],
-      "general_rule": { "on_when_has_other_layer": true, "use_adaptive_timeout": true },
       "exception_rule": [ { "name": "video", "always_true": true },
-                          { "name": "popup", "always_true": true } ]
-    })");
-    FakeCompositor host;
-    auto controller = host.create(/*useList=*/true);
-    int layers[6] = {};
-    controller->registerLayer(&layers[0], "a#b#c");      // key "a#b": target 0
-    controller->registerLayer(&layers[1], "#7");         // key "": target 1
-    controller->registerLayer(&layers[2], "video#0");    // target beats ignore and exception
-    controller->registerLayer(&layers[3], "popup");      // no '#': looked up whole
-    controller->registerLayer(&layers[4], "a#b");        // key "a": nobody
-    controller->registerLayer(&layers[5], "popup#1#2");  // key "popup#1": nobody
-    EXPECT_EQ(layerSections(*controller),
-              "TargetLayer:\n"
-              "\ta#b#c\n\t\tid: 0\n\t\tarea: 0 focused: 0\n"
-              "\t#7\n\t\tid: 1\n\t\tarea: 0 focused: 0\n"
-              "\tvideo#0\n\t\tid: 2\n\t\tarea: 0 focused: 0\n"
-              "TargetIgnoreLayer:\n"
-              "ExceptionLayer:\n"
-              "\tpopup\n\t\tarea: 0 focused: 0\n"
-              "Nobody:\n"
-              "\ta#b\n\t\tarea: 0 focused: 0\n"
-              "\tpopup#1#2\n\t\tarea: 0 focused: 0\n");
+                          { "name": "popup", "always_true": true } ]})");
+    PeltoLayerRegistry registry;
+    registry.add(PeltoLayerRegistry::prepare(layer(1), "a#b#c"), *rules);      // key "a#b"
+    registry.add(PeltoLayerRegistry::prepare(layer(2), "#7"), *rules);         // key ""
+    registry.add(PeltoLayerRegistry::prepare(layer(3), "video#0"), *rules);    // target first
+    registry.add(PeltoLayerRegistry::prepare(layer(4), "popup"), *rules);      // looked up whole
+    registry.add(PeltoLayerRegistry::prepare(layer(5), "a#b"), *rules);        // key "a"
+    registry.add(PeltoLayerRegistry::prepare(layer(6), "popup#1#2"), *rules);  // key "popup#1"
+    EXPECT_THAT(records(registry), ElementsAre("a#b#c:1", "#7:1", "video#0:1", "popup:3",
+                                               "a#b:0", "popup#1#2:0"));
+    EXPECT_EQ(registry.targetCount(), 3);
+    EXPECT_EQ(registry.find(layer(3))->targetInfo->id, 2);
+    EXPECT_NE(registry.find(layer(4))->exceptionRule, nullptr);
+    EXPECT_EQ(registry.find(layer(7)), nullptr);
 }
 
-TEST(PeltoLayerRegistryTest, duplicatesCountAndOneDestroyRemovesThemAll) {
-    ScopedRuleFile rules(R"({"target_layers": [{"name": "video"}],
-        "general_rule": {"on_when_has_other_layer": true, "use_adaptive_timeout": true}})");
-    LogCapture log;
-    FakeCompositor host;
-    auto controller = host.create(/*useList=*/true);
-    int video = 0;
-    int stranger = 0;
+TEST(PeltoLayerRegistryTest, duplicatesActiveTargetsAndRemoval) {
+    const auto rules = rulesFrom(R"({"target_layers": [{"name": "video"}, {"name": "game"}]})");
+    PeltoLayerRegistry registry;
+    registry.add(PeltoLayerRegistry::prepare(layer(1), "video#0"), *rules);
+    registry.add(PeltoLayerRegistry::prepare(layer(2), "game#0"), *rules);
+    registry.add(PeltoLayerRegistry::prepare(layer(1), "video#1"), *rules);
+    EXPECT_EQ(registry.targetCount(), 3);
+    EXPECT_EQ(registry.find(layer(1))->name, "video#0");  // the first record is found
 
-    controller->registerLayer(nullptr, "video#0");
-    EXPECT_EQ(log.count("PeltoController", "registerLayer(), layerPtr == null"), 1u);
+    // Every target record of the pointer is flagged; a later duplicate is not.
+    registry.setActiveTarget(layer(1));
+    registry.add(PeltoLayerRegistry::prepare(layer(1), "video#2"), *rules);
+    EXPECT_THAT(records(registry),
+                ElementsAre("video#0:1*", "game#0:1", "video#1:1*", "video#2:1"));
+    EXPECT_TRUE(registry.isActiveTarget(layer(1)));
+    EXPECT_FALSE(registry.isActiveTarget(layer(2)));
+    EXPECT_FALSE(registry.isActiveTarget(nullptr));
 
-    controller->registerLayer(&video, "video#0");
-    controller->registerLayer(&video, "video#1");
-    host.setVisibleBufferLayers({{&video, 10}});
-    controller->composite(false, false, 100);
-    EXPECT_EQ(dumpedState(*controller), "On 551");
-    // The traversal reaches the first record of a pointer; the flag goes on both.
-    EXPECT_EQ(layerSections(*controller),
-              "TargetLayer:\n"
-              "\tvideo#0\n\t\tid: 0\n\t\tcurrent active\n\t\tarea: 10 focused: 0\n"
-              "\tvideo#1\n\t\tid: 0\n\t\tcurrent active\n\t\tarea: 0 focused: 0\n"
-              "TargetIgnoreLayer:\nExceptionLayer:\nNobody:\n");
+    registry.setActiveTarget(layer(2));
+    EXPECT_THAT(records(registry),
+                ElementsAre("video#0:1", "game#0:1*", "video#1:1", "video#2:1"));
 
-    const size_t linesBefore = log.lines().size();
-    controller->destroyLayer(&stranger);  // unknown: nothing happens, nothing is logged
-    controller->destroyLayer(&video);     // both records go, and the count with them
-    controller->destroyLayer(&video);
-    EXPECT_EQ(log.lines().size(), linesBefore);
-    EXPECT_EQ(layerSections(*controller),
-              "TargetLayer:\nTargetIgnoreLayer:\nExceptionLayer:\nNobody:\n");
-    controller->composite(false, false, 100);
-    EXPECT_EQ(dumpedState(*controller), "Off 413");
+    // One removal takes every record of a pointer, active or not; an unknown
+    // pointer changes nothing.
+    test::LogCapture log;
+    registry.remove(layer(9));
+    registry.remove(layer(1));
+    EXPECT_THAT(records(registry), ElementsAre("game#0:1*"));
+    EXPECT_EQ(registry.targetCount(), 1);
+    registry.remove(layer(2));
+    EXPECT_FALSE(registry.isActiveTarget(layer(2)));
+    EXPECT_EQ(registry.targetCount(), 0);
+    EXPECT_TRUE(log.lines().empty());
+}
+
+TEST(PeltoLayerRegistryTest, reclassificationKeepsOrderAndStartsEveryRecordAfresh) {
+    const auto before = rulesFrom(R"({"target_layers": [{"name": "video"}]})");
+    const auto after = rulesFrom(R"({"target_layers": [{"name": "game", "ignore_names": ["video"]}]})");
+    for (const bool changedMeanwhile : {false, true}) {
+        SCOPED_TRACE(changedMeanwhile ? "layers came and went meanwhile" : "unchanged");
+        PeltoLayerRegistry registry;
+        registry.add(PeltoLayerRegistry::prepare(layer(1), "video#0"), *before);
+        registry.add(PeltoLayerRegistry::prepare(layer(2), "game#0"), *before);
+        registry.setActiveTarget(layer(1));
+        registry.find(layer(1))->area = 50;
+
+        PeltoLayerRegistry::Reclassification reclassification = registry.snapshot();
+        PeltoLayerRegistry::classify(reclassification, *after);
+        if (changedMeanwhile) {
+            registry.add(PeltoLayerRegistry::prepare(layer(3), "game#1"), *before);
+            registry.remove(layer(3));
+        }
+        registry.apply(std::move(reclassification), *after);
+
+        EXPECT_THAT(records(registry), ElementsAre("video#0:2", "game#0:1"));
+        EXPECT_EQ(registry.find(layer(1))->targetIgnoreInfo->id, 0);
+        EXPECT_EQ(registry.find(layer(1))->area, 0);
+        EXPECT_EQ(registry.targetCount(), 1);
+        EXPECT_FALSE(registry.isActiveTarget(layer(1)));
+    }
 }
 
 } // namespace

@@ -10,6 +10,11 @@
 
 #include <android-base/properties.h>
 
+#include <atomic>
+#include <set>
+#include <stdexcept>
+#include <thread>
+
 namespace android {
 namespace {
 
@@ -181,6 +186,85 @@ TEST(PeltoTraceLogTest, debugSwitchIsReadOnceAndGatesTheTraceLines) {
 
     base::SetProperty("vendor.debug.sf.show_pelto2_trace", "false");
     pelto_testing::resetDebugSwitch();
+}
+
+TEST(PeltoThrowingHostTest, stateAndHwcAgreeAgainAfterACallbackThrows) {
+#if !defined(__cpp_exceptions)
+    GTEST_SKIP() << "built without exceptions: a host callback cannot throw through the library";
+#else
+    FakeCompositor host;
+    bool throwOnHwcOn = true;
+    bool throwOnPeriod = false;
+    const auto period = host.getCurrentVsyncPeriod();
+    const auto hwcOn = host.setHwcPeltoOn();
+    PeltoController controller(
+            false, host.getLayerPtrFromHandle(), host.getBufferCountFromHandle(),
+            host.traverseVisibleLayers(), host.traverseVisibleBufferLayers(),
+            [&] {
+                if (throwOnPeriod) throw std::runtime_error("period");
+                return period();
+            },
+            host.triggerVsyncCallback(), host.triggerEventQueueInvalidate(),
+            [&] {
+                if (throwOnHwcOn) throw std::runtime_error("hwc on");
+                hwcOn();
+            },
+            host.setHwcPeltoOff());
+    int target = 0;
+    host.setVisibleLayers({&target});
+    controller.setTargetLayer(&target);
+    controller.setPeltoEnable(true);
+
+    // The HWC refuses to switch: the state is On, and the next composition
+    // asks again instead of believing the HWC is in Pelto mode.
+    EXPECT_THROW(controller.composite(false, false, 0), std::runtime_error);
+    EXPECT_EQ(dumpedState(controller), "On 389");
+    EXPECT_THAT(host.hwcCalls(), IsEmpty());
+    throwOnHwcOn = false;
+    controller.composite(false, false, 0);
+    EXPECT_THAT(host.hwcCalls(), ElementsAre("on"));
+
+    // On -> Off stops in the pacing reset, before the HWC is switched off;
+    // the next composition switches it off.
+    host.setVisibleLayers({});
+    throwOnPeriod = true;
+    EXPECT_THROW(controller.composite(false, false, 0), std::runtime_error);
+    EXPECT_EQ(dumpedState(controller), "Off 394");
+    EXPECT_THAT(host.hwcCalls(), ElementsAre("on"));
+    throwOnPeriod = false;
+    controller.composite(false, false, 0);
+    EXPECT_THAT(host.hwcCalls(), ElementsAre("on", "off"));
+    // Nothing was left locked.
+    std::string out;
+    controller.dump(out);
+    controller.composite(true, false, 0);
+#endif
+}
+
+TEST(PeltoStatePairTest, aDumpNeverShowsAStateWithAnotherStatesReason) {
+    FakeCompositor host;
+    auto controller = host.create(/*useList=*/false);
+    int target = 0;
+    host.setVisibleLayers({&target});
+    controller->setTargetLayer(&target);
+
+    std::atomic<bool> done{false};
+    std::thread composition([&] {
+        for (bool enable = false; !done; enable = !enable) {
+            controller->setPeltoEnable(enable);
+            controller->composite(false, false, 0);  // On 389 / Temp Off 391
+        }
+    });
+    std::set<std::string> seen;
+    for (int i = 0; i < 20000; ++i) {
+        seen.insert(dumpedState(*controller));
+    }
+    done = true;
+    composition.join();
+    seen.erase("Off -1");
+    for (const std::string& pair : seen) {
+        EXPECT_TRUE(pair == "On 389" || pair == "Temp Off 391") << pair;
+    }
 }
 
 } // namespace

@@ -58,7 +58,11 @@ void* operator new(size_t size) {
     if (void* p = std::malloc(size == 0 ? 1 : size)) {
         return p;
     }
+#if defined(__cpp_exceptions)
     throw std::bad_alloc();
+#else
+    std::abort();
+#endif
 }
 
 void operator delete(void* p) noexcept {

@@ -1,0 +1,87 @@
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <list>
+#include <ostream>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "config/PeltoConfig.h"
+#include "controller/PeltoLayer.h"
+
+namespace android {
+
+// The layers the compositor registered, in registration order, each
+// classified by the rules in use through its name cut before the last '#'.
+//
+// Has no lock of its own: its owner guards it, together with the rules its
+// records point into, and holds that lock for every call but the two marked
+// lock-free.
+class PeltoLayerRegistry {
+public:
+    // A record prepared before the owner's lock is taken: its list node and
+    // the name the rules are searched with.
+    struct Pending {
+        std::list<PeltoLayer> node;
+        std::string key;
+    };
+    static Pending prepare(const void* layerPtr, const std::string& name);
+
+    // Classifies the record under `rules` and appends it. A pointer added
+    // again gets a second record; lookups keep finding its first.
+    void add(Pending&& pending, const PeltoConfig& rules);
+    // Removes every record of `layerPtr`; nothing when it has none.
+    void remove(const void* layerPtr);
+    // The first record of `layerPtr`, or null.
+    PeltoLayer* find(const void* layerPtr);
+
+    // Records of type TargetLayer.
+    int32_t targetCount() const { return mTargetCount; }
+    const std::list<PeltoLayer>& records() const { return mLayers; }
+
+    // Makes `layerPtr`'s target records the active ones, and no other.
+    void setActiveTarget(const void* layerPtr);
+    // Whether the first record of `layerPtr` is an active target. Lock-free:
+    // the answer is published wherever it changes, under the owner's lock.
+    bool isActiveTarget(const void* layerPtr) const;
+
+    // A reload in three steps, so that the owner holds its lock for the copy
+    // and the swap only: snapshot() under the lock, classify() without it,
+    // apply() under it with the same rules. apply() classifies again under
+    // the lock when layers came or went since the snapshot. Every record
+    // starts afresh: no area, no focus, no active target.
+    struct Reclassification {
+        std::vector<PeltoLayer> records;
+        uint64_t generation = 0;
+    };
+    Reclassification snapshot() const;
+    static void classify(Reclassification& reclassification, const PeltoConfig& rules);
+    void apply(Reclassification&& reclassification, const PeltoConfig& rules);
+
+    // The four sections of the dump, one per type, records in registration order.
+    void dump(std::ostream& os) const;
+
+private:
+    static std::string lookupKey(const std::string& name);
+    static void classify(const PeltoConfig& rules, const std::string& key, PeltoLayer& record);
+
+    std::list<PeltoLayer> mLayers;
+    // First record of each pointer and how many it has, so that per-frame
+    // lookups and removals do not walk the list.
+    struct IndexEntry {
+        std::list<PeltoLayer>::iterator first;
+        size_t records;
+    };
+    std::unordered_map<const void*, IndexEntry> mIndex;
+    int32_t mTargetCount = 0;
+    // Counts additions and removals, so apply() can tell whether the records
+    // classified aside are still the registry's.
+    uint64_t mGeneration = 0;
+    // The pointer whose first record carries isActiveTarget, or null.
+    std::atomic<const void*> mActiveTarget{nullptr};
+};
+
+} // namespace android
