@@ -6,7 +6,10 @@
 #include <pthread.h>
 #include <sched.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <chrono>
+#include <cinttypes>
 #include <cstdio>
 #include <cstring>
 
@@ -31,6 +34,20 @@ constexpr uint32_t kTerminateTag = 1;
 constexpr int kDispatchPriority = 2;
 constexpr int kMaxEvents = 2;
 constexpr size_t kIterationNameSize = 36;
+
+// Pause between two runs of a failing dispatch loop: doubles from the first to the last.
+// Without it a thread at real-time priority spins while, say, no descriptor is free.
+constexpr std::chrono::milliseconds kFirstRetryDelay{1};
+constexpr std::chrono::milliseconds kLastRetryDelay{1000};
+// Beyond the powers of two, a streak of failed runs is reported every this many runs: about
+// once a minute once the pause has reached kLastRetryDelay.
+constexpr uint64_t kFailedRunsReportPeriod = 64;
+
+std::chrono::milliseconds retryDelay(uint64_t failedRuns) {
+    // Past 10 doublings the pause is capped anyway; this keeps the shift small.
+    const uint64_t doublings = std::min<uint64_t>(failedRuns - 1, 10);
+    return std::min(kFirstRetryDelay * (int64_t{1} << doublings), kLastRetryDelay);
+}
 
 constexpr const char* kDebugStateNames[] = {"Reset",   "Running",    "Waiting",
                                             "Reading", "InCallback", "Terminated"};
@@ -64,12 +81,18 @@ void PeltoTimer::resetLocked() {
     cleanupLocked();
     // Failures to create the timerfd or the epoll set leave -1 behind; the next dispatch()
     // then fails to register it and asks for another reset.
-    mAlarmFd = mSyscalls.timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC);
-    mEpollFd = mSyscalls.epoll_create1(EPOLL_CLOEXEC);
-    if (mSyscalls.pipe2(mPipes, O_NONBLOCK | O_CLOEXEC) != 0) {
-        ALOGE("could not create TimerDispatch mPipes");
+    mAlarmFd.reset(mSyscalls.timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC));
+    mEpollFd.reset(mSyscalls.epoll_create1(EPOLL_CLOEXEC));
+    int pipes[2];
+    if (mSyscalls.pipe2(pipes, O_NONBLOCK | O_CLOEXEC) != 0) {
+        // Within a streak of failed runs only the first failure is told in full.
+        if (mFailedRuns == 0) {
+            ALOGE("could not create TimerDispatch mPipes");
+        }
         return;
     }
+    mPipes[0].reset(pipes[0]);
+    mPipes[1].reset(pipes[1]);
     mDebugState = DebugState::Reset;
 }
 
@@ -79,21 +102,19 @@ void PeltoTimer::cleanup() {
 }
 
 void PeltoTimer::cleanupLocked() {
-    for (int* fd : {&mAlarmFd, &mEpollFd, &mPipes[0], &mPipes[1]}) {
-        if (*fd != -1) {
-            mSyscalls.close(*fd);
-            *fd = -1;
-        }
+    for (base::unique_fd* fd : {&mAlarmFd, &mEpollFd, &mPipes[0], &mPipes[1]}) {
+        fd->reset();
     }
 }
 
 void PeltoTimer::endDispatch() {
     std::lock_guard lock(mMutex);
     mStopRequested = true;
+    mStopCondition.notify_all();
     static constexpr char kEnd = 'e';
     // Nothing to do on failure: without a pipe the dispatch loop cannot run, and it stops at
     // the next rebuild on seeing mStopRequested.
-    mSyscalls.write(mPipes[1], &kEnd, sizeof(kEnd));
+    mSyscalls.write(mPipes[1].get(), &kEnd, sizeof(kEnd));
 }
 
 void PeltoTimer::alarmAt(const std::function<void()>& callback, nsecs_t time) {
@@ -104,7 +125,7 @@ void PeltoTimer::alarmAt(const std::function<void()>& callback, nsecs_t time) {
     newTimer.it_value.tv_sec = static_cast<time_t>(time / kNanosPerSecond);
     newTimer.it_value.tv_nsec = static_cast<long>(time % kNanosPerSecond);
     itimerspec oldTimer = {};
-    if (mSyscalls.timerfd_settime(mAlarmFd, TFD_TIMER_ABSTIME, &newTimer, &oldTimer) != 0) {
+    if (mSyscalls.timerfd_settime(mAlarmFd.get(), TFD_TIMER_ABSTIME, &newTimer, &oldTimer) != 0) {
         const int error = errno;
         ALOGW("Failed to set timerfd %s (%i)", strerror(error), error);
     }
@@ -119,7 +140,7 @@ void PeltoTimer::alarmCancel() {
     std::lock_guard lock(mMutex);
     itimerspec disarm = {};
     itimerspec oldTimer = {};
-    if (mSyscalls.timerfd_settime(mAlarmFd, 0, &disarm, &oldTimer) != 0) {
+    if (mSyscalls.timerfd_settime(mAlarmFd.get(), 0, &disarm, &oldTimer) != 0) {
         ALOGW("Failed to disarm timerfd");
     }
     mAlarmState = kAlarmCancelled;
@@ -141,14 +162,35 @@ void PeltoTimer::dump(std::string& result) const {
 
 void PeltoTimer::threadMain() {
     while (dispatch()) {
-        std::lock_guard lock(mMutex);
-        // The check and the reset are one step under the lock: endDispatch() either comes
-        // first and is seen here, or writes its byte into the new pipe.
-        if (mStopRequested) {
+        if (!waitToRetry()) {
             return;
         }
-        resetLocked();
     }
+}
+
+bool PeltoTimer::waitToRetry() {
+    ++mFailedRuns;
+    const std::chrono::milliseconds delay = retryDelay(mFailedRuns);
+    // The first failure was logged by the step that failed; after it, a count at every power
+    // of two and then periodically keeps the log short however long the failure lasts.
+    const bool powerOfTwo = (mFailedRuns & (mFailedRuns - 1)) == 0;
+    if (mFailedRuns > 1 && (powerOfTwo || mFailedRuns % kFailedRunsReportPeriod == 0)) {
+        ALOGE("Dispatch loop failed %" PRIu64 " times in a row; next attempt in %" PRId64 " ms",
+              mFailedRuns, static_cast<int64_t>(delay.count()));
+    }
+
+    std::unique_lock lock(mMutex);
+    base::ScopedLockAssertion assumeLocked(mMutex);
+    // endDispatch() cuts the pause short. The check and the reset are one step under the
+    // lock: endDispatch() either comes first and is seen here, or writes its byte into the
+    // new pipe.
+    const auto stopRequested = [this]() REQUIRES(mMutex) { return mStopRequested; };
+    if (mStopCondition.wait_for(lock, delay, stopRequested)) {
+        ALOGW("Dispatch loop stopped after %" PRIu64 " failed runs in a row", mFailedRuns);
+        return false;
+    }
+    resetLocked();
+    return true;
 }
 
 bool PeltoTimer::dispatch() {
@@ -169,16 +211,18 @@ bool PeltoTimer::dispatch() {
     int controlFd;
     {
         std::lock_guard lock(mMutex);
-        alarmFd = mAlarmFd;
-        epollFd = mEpollFd;
-        controlFd = mPipes[0];
+        alarmFd = mAlarmFd.get();
+        epollFd = mEpollFd.get();
+        controlFd = mPipes[0].get();
     }
 
     epoll_event timerEvent = {};
     timerEvent.events = EPOLLIN;
     timerEvent.data.u32 = kTimerTag;
     if (mSyscalls.epoll_ctl(epollFd, EPOLL_CTL_ADD, alarmFd, &timerEvent) == -1) {
-        ALOGE("Error adding timer fd to epoll dispatch loop");
+        if (mFailedRuns == 0) {
+            ALOGE("Error adding timer fd to epoll dispatch loop");
+        }
         return true;
     }
 
@@ -186,7 +230,9 @@ bool PeltoTimer::dispatch() {
     terminateEvent.events = EPOLLIN;
     terminateEvent.data.u32 = kTerminateTag;
     if (mSyscalls.epoll_ctl(epollFd, EPOLL_CTL_ADD, controlFd, &terminateEvent) == -1) {
-        ALOGE("Error adding control fd to dispatch loop");
+        if (mFailedRuns == 0) {
+            ALOGE("Error adding control fd to dispatch loop");
+        }
         return true;
     }
 
@@ -209,8 +255,14 @@ bool PeltoTimer::dispatch() {
             if (error == EINTR) {
                 continue;
             }
-            ALOGE("Error waiting on epoll: %s", strerror(error));
+            if (mFailedRuns == 0) {
+                ALOGE("Error waiting on epoll: %s", strerror(error));
+            }
             return true;
+        }
+        if (mFailedRuns != 0) {
+            ALOGI("Dispatch loop running again after %" PRIu64 " failed runs", mFailedRuns);
+            mFailedRuns = 0;
         }
 
         for (int i = 0; i < eventCount; i++) {

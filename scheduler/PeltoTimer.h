@@ -1,5 +1,6 @@
 #pragma once
 
+#include <condition_variable>
 #include <cstdint>
 #include <functional>
 #include <mutex>
@@ -7,6 +8,7 @@
 #include <thread>
 
 #include <android-base/thread_annotations.h>
+#include <android-base/unique_fd.h>
 #include <utils/Timers.h>
 
 #include "scheduler/TimerSyscalls.h"
@@ -18,6 +20,11 @@ namespace android::scheduler {
 // timerfd for an absolute time on CLOCK_MONOTONIC; when it expires, the dispatch thread runs
 // the action. The thread waits in epoll on the timerfd and on a control pipe, and ends when the
 // destructor writes a byte into that pipe.
+//
+// When the loop cannot be built or its wait fails, the thread rebuilds it on new descriptors,
+// waiting between attempts: 1 ms after the first failed run, doubling up to 1 s. The first
+// failure of a streak is logged in full; the rest only as a count, now and then, when the loop
+// runs again and when the timer is destroyed. The destructor cuts a wait short.
 //
 // The alarm state is published as the counter "<name>AlarmState" (0 cancelled, 1 armed,
 // 2 fired) and each deadline as "<name>FireIn".
@@ -31,7 +38,8 @@ public:
     // What the dispatch thread is doing, for dump(). Terminated is never entered.
     enum class DebugState : int32_t { Reset, Running, Waiting, Reading, InCallback, Terminated };
 
-    // Creates the descriptors and starts the dispatch thread.
+    // Creates the descriptors and starts the dispatch thread. A thread that cannot be started
+    // leaves as std::system_error, with every descriptor closed.
     explicit PeltoTimer(const char* name);
     // As above, with every descriptor call made through `syscalls`.
     PeltoTimer(const char* name, const TimerSyscalls& syscalls);
@@ -60,7 +68,8 @@ private:
     // Closes the descriptors and creates new ones.
     void reset() EXCLUDES(mMutex);
     void resetLocked() REQUIRES(mMutex);
-    // Asks the dispatch thread to end: sets mStopRequested and writes a byte into the pipe.
+    // Asks the dispatch thread to end: sets mStopRequested, wakes a retry wait and writes a byte
+    // into the pipe.
     void endDispatch() EXCLUDES(mMutex);
     // Closes the descriptors.
     void cleanup() EXCLUDES(mMutex);
@@ -70,14 +79,18 @@ private:
     // One run of the dispatch loop. Returns true when the loop must be rebuilt on new
     // descriptors, false when the thread was told to end.
     bool dispatch() EXCLUDES(mMutex);
+    // Counts a failed run of the dispatch loop and waits before the next one. Returns false
+    // when the thread was told to end meanwhile.
+    bool waitToRetry() EXCLUDES(mMutex);
     const char* strDebugState(DebugState state) const;
 
     // Replaced only by the dispatch thread (in resetLocked()) and by construction and
-    // destruction, always under mMutex; the dispatch thread copies them once per run.
-    int mAlarmFd GUARDED_BY(mMutex) = -1;
-    int mEpollFd GUARDED_BY(mMutex) = -1;
+    // destruction, always under mMutex; the dispatch thread copies them once per run. Owned
+    // here, so that a constructor that throws closes them too.
+    base::unique_fd mAlarmFd GUARDED_BY(mMutex);
+    base::unique_fd mEpollFd GUARDED_BY(mMutex);
     // [0] is the read end, watched by the dispatch thread; [1] is written to end it.
-    int mPipes[2] GUARDED_BY(mMutex) = {-1, -1};
+    base::unique_fd mPipes[2] GUARDED_BY(mMutex);
 
     std::thread mThread;
 
@@ -92,6 +105,12 @@ private:
     // Set by endDispatch(). The dispatch thread checks it before every rebuild of its loop,
     // since the termination byte may have gone into a pipe that the rebuild would close.
     bool mStopRequested GUARDED_BY(mMutex) = false;
+    // Signalled by endDispatch(), to end a wait between two runs of the dispatch loop.
+    std::condition_variable mStopCondition;
+
+    // Failed runs of the dispatch loop since it last woke up from a wait. Touched by the
+    // constructor before the dispatch thread starts, then by that thread alone.
+    uint64_t mFailedRuns = 0;
 };
 
 } // namespace android::scheduler

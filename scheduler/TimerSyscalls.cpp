@@ -40,13 +40,9 @@ ssize_t realWrite(int fd, const void* buffer, size_t count) {
     return ::write(fd, buffer, count);
 }
 
-int realClose(int fd) {
-    return ::close(fd);
-}
-
 constexpr TimerSyscalls kRealTimerSyscalls = {
-        realTimerfdCreate, realTimerfdSettime, realEpollCreate1, realEpollCtl, realEpollWait,
-        realPipe2,         realRead,           realWrite,        realClose,
+        realTimerfdCreate, realTimerfdSettime, realEpollCreate1, realEpollCtl,
+        realEpollWait,     realPipe2,          realRead,         realWrite,
 };
 
 } // namespace

@@ -10,7 +10,8 @@ namespace android::scheduler {
 
 // The kernel calls that PeltoTimer makes on its descriptors. The timer goes through one of
 // these tables for every such call, so that a test can make a single call fail and watch the
-// timer recover. realTimerSyscalls() is the platform's own set, used in production.
+// timer recover; only close() is left out, as base::unique_fd makes it. realTimerSyscalls() is
+// the platform's own set, used in production.
 struct TimerSyscalls {
     int (*timerfd_create)(int clockId, int flags);
     int (*timerfd_settime)(int fd, int flags, const itimerspec* newValue, itimerspec* oldValue);
@@ -20,7 +21,6 @@ struct TimerSyscalls {
     int (*pipe2)(int fds[2], int flags);
     ssize_t (*read)(int fd, void* buffer, size_t count);
     ssize_t (*write)(int fd, const void* buffer, size_t count);
-    int (*close)(int fd);
 };
 
 // The platform's calls, unchanged.

@@ -1,5 +1,8 @@
 // Several host threads at once, as a compositor calls the library. Run under
-// ThreadSanitizer (the tsan preset) these also check for data races.
+// ThreadSanitizer (the tsan preset) these also check for data races. Fences are
+// real ones, released last by whichever thread drops them last.
+#include <sys/eventfd.h>
+
 #include <atomic>
 #include <thread>
 #include <vector>
@@ -66,20 +69,23 @@ TEST(PeltoConcurrencyTest, reloadsNeverShowCompositionAHalfBuiltRegistry) {
     threads.emplace_back([&] {
         const sp<IBinder> handle = host.handleFor(&video);
         while (!done) {
-            controller->setTransactionState({{handle, true, false, nullptr}}, 0);
+            controller->setTransactionState(
+                    {{handle, true, false, new Fence(eventfd(1, EFD_CLOEXEC))}}, 0);
             controller->isQ2QFull();
             controller->setHasOtherUI(true);
             controller->commit();
         }
     });
     threads.emplace_back([&] {
-        while (!done) {
+        for (int i = 0; !done; ++i) {
             std::string out;
             controller->dump(out);
             controller->isOn();
             controller->onActiveModeUpdated();
             controller->setSFInProgress(true);
-            controller->setPreviousPresentFence(nullptr);
+            controller->setPreviousPresentFence(new Fence(eventfd(1, EFD_CLOEXEC)));
+            // The fence thread drops these; a bounded number keeps descriptors in check.
+            if (i < kRounds) controller->queueFence(new Fence(eventfd(1, EFD_CLOEXEC)));
         }
     });
     for (auto& t : threads) t.join();

@@ -1,7 +1,10 @@
 // Eight host threads call every entry point at once for a bounded number of
 // operations, as a compositor's threads may. Under ThreadSanitizer (the tsan
 // preset) this also checks for data races; a watchdog turns a deadlock into a
-// failure instead of a hung run.
+// failure instead of a hung run. Fences are real ones, so their last release
+// happens on whichever thread drops them last, as on a device.
+#include <sys/eventfd.h>
+
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -34,6 +37,11 @@ constexpr const char* kRulesB = R"({"target_layers": [{"name": "game"}, {"name":
     "exception_rule": [{"layer_screen_size_ratio": {"condition": "1", "value1": 90}}]})";
 
 constexpr int kOperations = 400;  // per worker thread
+
+// A fence that has already signalled: an eventfd whose counter is not zero.
+sp<Fence> signalledFence() {
+    return new Fence(eventfd(1, EFD_CLOEXEC));
+}
 constexpr auto kWatchdogLimit = std::chrono::seconds(120);
 
 // Aborts the test program if the workers have not finished in time.
@@ -110,7 +118,7 @@ TEST(PeltoStressTest, everyEntryPointFromEightThreadsKeepsTheInvariants) {
             host.setVisibleBufferLayers(visible);
         });
         worker([&](int i) {  // transactions
-            controller->setTransactionState({{handles[i % 6], true, false, nullptr},
+            controller->setTransactionState({{handles[i % 6], true, false, signalledFence()},
                                              {handles[(i + 1) % 6], false, false, nullptr}},
                                             i);
         });
@@ -118,7 +126,9 @@ TEST(PeltoStressTest, everyEntryPointFromEightThreadsKeepsTheInvariants) {
             controller->setHasOtherUI(i % 2);
             controller->setHasPendingBuffer(&layers[i % 6]);
             controller->setSFInProgress(i % 3 == 0);
-            controller->setPreviousPresentFence(i % 2 ? Fence::NO_FENCE : nullptr);
+            const sp<Fence> fences[] = {Fence::NO_FENCE, signalledFence(), nullptr};
+            controller->setPreviousPresentFence(fences[i % 3]);
+            controller->queueFence(signalledFence());  // the fence thread drops it
         });
         worker([&](int) {  // queries and dumps
             std::string out;

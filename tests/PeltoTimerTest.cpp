@@ -1,10 +1,14 @@
 #include <pthread.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <cmath>
 #include <condition_variable>
 #include <deque>
+#include <filesystem>
 #include <memory>
+#include <system_error>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -17,6 +21,7 @@
 namespace android::scheduler {
 namespace {
 
+using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
@@ -63,6 +68,37 @@ bool waitForRuns(size_t n) {
 bool waitForCalls(Call call, int n) {
     return waitUntil([=]() REQUIRES(gMutex) { return gState.calls[call] >= n; });
 }
+
+int calls(Call call) {
+    std::lock_guard lock(gMutex);
+    return gState.calls[call];
+}
+
+size_t openDescriptors() {
+    const std::filesystem::directory_iterator entries("/proc/self/fd");
+    return std::distance(begin(entries), end(entries));
+}
+
+// While it lives, every new thread asks for a stack larger than any machine has, so that
+// starting a thread fails as it does when a process has run out of memory or threads.
+class ScopedThreadsRefused {
+public:
+    ScopedThreadsRefused() {
+        pthread_getattr_default_np(&mSaved);
+        pthread_attr_t huge;
+        pthread_attr_init(&huge);
+        pthread_attr_setstacksize(&huge, size_t{1} << 46);
+        EXPECT_EQ(pthread_setattr_default_np(&huge), 0);
+        pthread_attr_destroy(&huge);
+    }
+    ~ScopedThreadsRefused() {
+        pthread_setattr_default_np(&mSaved);
+        pthread_attr_destroy(&mSaved);
+    }
+
+private:
+    pthread_attr_t mSaved;
+};
 
 // A kernel call that fails as the test asked, or else is the platform's own.
 template <Call kind, auto member>
@@ -279,21 +315,67 @@ TEST_F(PeltoTimerTest, failedSetupOrWaitIsLoggedAndTheLoopRebuilt) {
     }
 }
 
-TEST_F(PeltoTimerTest, persistentFaultsNeitherRaceWithCallersNorHangDestruction) {
-    for (Call call : {kEpollCtl, kEpollWait, kPipe2}) {
+TEST_F(PeltoTimerTest, persistentFaultsNeitherRaceWithCallersNorHangDestructionNorLeak) {
+    const size_t descriptors = openDescriptors();
+    for (Call call : {kEpollCtl, kEpollWait, kPipe2, kTimerfdCreate}) {
         reset(call, {-EBADF});
         startTimer();
-        // The thread replaces its descriptors over and over while this thread arms, cancels and
+        // The thread replaces its descriptors five times while this thread arms, cancels and
         // dumps (ThreadSanitizer checks the sharing).
-        for (int i = 0; i < 700; i++) {
+        for (int i = 0; calls(call) < 6; i++) {
             mTimer->alarmAt(action(i), farFuture());
             mTimer->alarmCancel();
             dump();
         }
-        ASSERT_TRUE(waitForCalls(call, 3));
         destroyTimer();
         EXPECT_THAT(get(&State::ran), IsEmpty());
     }
+    // A timer whose thread cannot start closes what it had opened.
+    for (int i = 0; i < 3; i++) {
+        ScopedThreadsRefused refused;
+        EXPECT_THROW(PeltoTimer("Test"), std::system_error);
+    }
+    EXPECT_EQ(openDescriptors(), descriptors);
+}
+
+TEST_F(PeltoTimerTest, failedRunsAreRetriedAfterGrowingPausesAndLoggedAsACount) {
+    // Four failed runs, as while no descriptor is free, then the loop runs again.
+    reset(kTimerfdCreate, {EMFILE, EMFILE, EMFILE, EMFILE});
+    startTimer();
+    ASSERT_TRUE(waitForCalls(kEpollWait, 1));
+    mTimer->alarmAt(action(1), past());
+    ASSERT_TRUE(waitForRuns(1));
+    EXPECT_THAT(errors(),
+                ElementsAre("Error adding timer fd to epoll dispatch loop",
+                            "Dispatch loop failed 2 times in a row; next attempt in 2 ms",
+                            "Dispatch loop failed 4 times in a row; next attempt in 8 ms"));
+    EXPECT_TRUE(mLog.contains(ANDROID_LOG_INFO, kTag,
+                              "Dispatch loop running again after 4 failed runs"));
+    mTimer.reset();
+
+    // A failure that lasts: pauses of 1, 2, 4 ... ms up to 1 s come between the runs (which,
+    // retried at once, would number thousands), and a count only at powers of two.
+    reset(kTimerfdCreate, {-EMFILE});
+    mLog.clear();
+    const auto start = std::chrono::steady_clock::now();
+    startTimer();
+    ASSERT_TRUE(waitForCalls(kTimerfdCreate, 9));
+    destroyTimer(); // cuts the pause short
+    using std::chrono::milliseconds;
+    const auto elapsed =
+            std::chrono::duration_cast<milliseconds>(std::chrono::steady_clock::now() - start);
+    const int runs = calls(kTimerfdCreate);
+    milliseconds pauses{0}; // the least time that many runs can take
+    for (int n = 1; n < runs; n++) pauses += milliseconds(std::min(1 << std::min(n - 1, 10), 1000));
+    EXPECT_LE(pauses.count(), elapsed.count()) << runs << " runs";
+    const std::vector<std::string> lines = errors();
+    ASSERT_FALSE(lines.empty());
+    EXPECT_EQ(lines[0], "Error adding timer fd to epoll dispatch loop");
+    EXPECT_EQ(lines.size(), 1 + static_cast<size_t>(std::log2(runs))) << runs << " runs";
+    EXPECT_THAT(lines, Contains("Dispatch loop failed 8 times in a row; next attempt in 128 ms"));
+    EXPECT_TRUE(mLog.contains(ANDROID_LOG_WARN, kTag,
+                              "Dispatch loop stopped after " + std::to_string(runs) +
+                                      " failed runs in a row"));
 }
 
 } // namespace

@@ -3,13 +3,7 @@
 #include <cstdlib>
 #include <new>
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-#define PELTO_SANITIZER_ALLOCATOR 1
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-#define PELTO_SANITIZER_ALLOCATOR 1
-#endif
-#endif
+#include "support/SanitizedBuild.h"
 
 namespace {
 
@@ -28,7 +22,7 @@ size_t AllocationCounter::allocations() const {
 
 } // namespace android::test
 
-#ifdef PELTO_SANITIZER_ALLOCATOR
+#ifdef PELTO_SANITIZED_BUILD
 
 // A sanitizer's runtime defines every operator new and delete itself and cannot
 // share them, so its allocator's hook counts instead (malloc included).
