@@ -114,7 +114,7 @@ private:
 void drawStates(Svg& svg, const Scenario& scenario, const RunRecord& record) {
     const double top = svg.lane("state", "the library's mode state (setPeltoState)", kLaneHeight);
     SimTime since = 0;
-    StateChange current{0, 0, 0, -1};
+    StateChange current{0, 0, 0, -1, {}};
     const auto draw = [&](SimTime until) {
         const int32_t s = current.to;
         svg.span(since, until, top, kLaneHeight, s >= 0 && s <= 2 ? kStateColors[s] : "#000",

@@ -8,6 +8,7 @@
 
 #include <json/json.h>
 
+#include "tools/sim/FrameTimesReader.h"
 #include "tools/sim/JsonFields.h"
 #include "tools/sim/RunRecord.h"
 
@@ -41,6 +42,8 @@ private:
     float readArea(JsonFields& fields);
     void readLayer(const Json::Value& value, const std::string& path);
     void readFrames(const Json::Value& value, const std::string& path, FrameSpec* frames);
+    void readFrameTimes(JsonFields& fields, const Json::Value* times, const Json::Value* file,
+                        FrameSpec* frames);
     void readEvent(const Json::Value& value, const std::string& path);
     void readExpectation(const Json::Value& value, const std::string& path);
     void checkReferences();
@@ -134,8 +137,15 @@ float ScenarioParser::readArea(JsonFields& fields) {
 void ScenarioParser::readFrames(const Json::Value& value, const std::string& path,
                                 FrameSpec* frames) {
     JsonFields fields(value, path, mErrors);
-    if (const auto* v = fields.required("fps")) {
-        frames->fps = readPositive(*v, fields.path("fps"), mErrors);
+    const auto* fps = fields.optional("fps");
+    const auto* times = fields.optional("times_ms");
+    const auto* file = fields.optional("file");
+    if ((fps != nullptr) + (times != nullptr) + (file != nullptr) != 1) {
+        mErrors.fail(fields.path("fps"), "give one of fps, times_ms or file");
+    } else if (fps != nullptr) {
+        frames->fps = readPositive(*fps, fields.path("fps"), mErrors);
+    } else {
+        readFrameTimes(fields, times, file, frames);
     }
     if (const auto* v = fields.optional("phase_ms")) {
         frames->phase = readTimeMs(*v, fields.path("phase_ms"), mErrors);
@@ -146,7 +156,58 @@ void ScenarioParser::readFrames(const Json::Value& value, const std::string& pat
     if (const auto* v = fields.optional("pauses")) {
         frames->pauses = readWindows(*v, fields.path("pauses"), mScenario.duration, mErrors);
     }
+    if (frames->times && (frames->phase != 0 || frames->jitter != 0)) {
+        mErrors.fail(fields.path("phase_ms"), "phase_ms and jitter_ms go only with fps");
+    }
     fields.finish();
+}
+
+// "times_ms": [...], or "file" with "column", "unit"; both with "offset_ms".
+void ScenarioParser::readFrameTimes(JsonFields& fields, const Json::Value* times,
+                                    const Json::Value* file, FrameSpec* frames) {
+    FrameTimes& spec = frames->times.emplace();
+    if (const auto* v = fields.optional("offset_ms")) {
+        const double ms = readNumber(*v, fields.path("offset_ms"), mErrors);
+        spec.offset = std::llround(ms * 1e6);
+    }
+    const auto* column = fields.optional("column");
+    const auto* unit = fields.optional("unit");
+    if (times != nullptr) {
+        if (column != nullptr || unit != nullptr) {
+            mErrors.fail(fields.path("column"), "column and unit go only with file");
+        }
+        if (!times->isArray()) mErrors.fail(fields.path("times_ms"), "expected a list");
+        for (Json::ArrayIndex i = 0; times->isArray() && i < times->size(); ++i) {
+            const double ms = readNumber((*times)[i], indexPath(fields.path("times_ms"), i),
+                                         mErrors);
+            spec.inlineTimes.push_back(std::llround(ms * 1e6) + spec.offset);
+        }
+    } else {
+        const std::string name = readString(*file, fields.path("file"), mErrors);
+        spec.file = !name.empty() && name[0] == '/'
+                ? name
+                : (std::filesystem::path(mDir) / name).lexically_normal().string();
+        if (column != nullptr && column->isString()) {
+            spec.column = column->asString();
+        } else if (column != nullptr) {
+            spec.columnIndex = static_cast<size_t>(readCount(*column, fields.path("column"),
+                                                             mErrors));
+        }
+        if (unit != nullptr) {
+            const std::string u = readString(*unit, fields.path("unit"), mErrors);
+            static const std::pair<const char*, double> kUnits[] = {
+                    {"s", 1e9}, {"ms", 1e6}, {"us", 1e3}, {"ns", 1}};
+            bool known = false;
+            for (const auto& [n, scale] : kUnits) {
+                if (u == n) spec.nanosPerUnit = scale, known = true;
+            }
+            if (!known) mErrors.fail(fields.path("unit"), "expected s, ms, us or ns");
+        }
+    }
+    std::string error;
+    if (!mErrors.failed() && !scanFrameTimes(&spec, &error)) {
+        mErrors.fail(fields.path(times != nullptr ? "times_ms" : "file"), error);
+    }
 }
 
 void ScenarioParser::readLayer(const Json::Value& value, const std::string& path) {
