@@ -148,6 +148,9 @@ struct Scenario {
     std::vector<Event> events;
     std::vector<Window> forceOff;
     std::vector<Expectation> expectations;
+    // What a scenario made from a device capture assumes where the capture
+    // is silent; printed at the top of the run.
+    std::vector<std::string> assumptions;
 
     const LayerSpec* findLayer(const std::string& name) const;
 };

@@ -19,6 +19,9 @@ void printHeader(FILE* out, const Scenario& scenario) {
     fprintf(out, "  %s mode, display %ux%u at %g Hz, %s\n", scenario.listMode ? "list" : "API",
             scenario.display.width, scenario.display.height, scenario.display.refreshHz,
             formatSeconds(scenario.duration).c_str());
+    for (const std::string& line : scenario.assumptions) {
+        fprintf(out, "  %s\n", line.c_str());
+    }
 }
 
 void printTimeline(FILE* out, const RunRecord& record, bool libraryThreads) {
