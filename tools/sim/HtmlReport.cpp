@@ -120,7 +120,8 @@ void drawStates(Svg& svg, const Scenario& scenario, const RunRecord& record) {
         svg.span(since, until, top, kLaneHeight, s >= 0 && s <= 2 ? kStateColors[s] : "#000",
                  std::string(stateName(s)) + " from " + formatSeconds(since) + " to " +
                          formatSeconds(until) + ", reason " + std::to_string(current.reason) +
-                         ": " + reasonText(current.reason));
+                         ": " + reasonText(current.reason) +
+                         (current.cause.empty() ? "" : "; why: " + current.cause));
         svg.spanLabel(since, until, top,
                       std::string(stateName(s)) + " " + std::to_string(current.reason));
     };
@@ -263,6 +264,25 @@ td, th { padding: 3px 10px; text-align: left; border-bottom: 1px solid #eeeeee; 
 pre { font-size: 12px; background: #fafafa; padding: 8px; }
 )";
 
+// The refresh estimate: on the vsync cadence and with the library's decisions.
+void writeRefreshTable(std::ostringstream& html, const RunSummary& summary) {
+    const RefreshCounts& r = summary.refreshes;
+    html << "<h2>Panel refreshes (estimate, floor " << summary.refreshFloorHz
+         << " Hz)</h2>\n<table>\n<tr><th>state</th><th>vsync cadence</th>"
+            "<th>with the library's decisions</th><th>saved</th></tr>\n";
+    const char* names[] = {"Off", "On", "Temp Off"};
+    char text[32];
+    for (int s = 0; s <= 3; ++s) {
+        const int64_t fixed = s < 3 ? r.fixed[s] : r.fixedTotal();
+        const int64_t paced = s < 3 ? r.paced[s] : r.pacedTotal();
+        if (s < 3 && fixed == 0) continue;
+        snprintf(text, sizeof(text), "%.1f%%", savedPercent(fixed, paced));
+        html << "<tr><th>" << (s < 3 ? names[s] : "whole run") << "</th><td>" << fixed
+             << "</td><td>" << paced << "</td><td>" << text << "</td></tr>\n";
+    }
+    html << "</table>\n";
+}
+
 } // namespace
 
 bool writeHtmlReport(const std::string& path, const Scenario& scenario, const RunRecord& record,
@@ -314,6 +334,7 @@ bool writeHtmlReport(const std::string& path, const Scenario& scenario, const Ru
     snprintf(text, sizeof(text), "%" PRId64 " of %" PRId64 " compositions (%.1f%%)",
              summary.q2qFullCompositions, summary.compositions, summary.q2qFullShare() * 100);
     html << "<tr><th>isQ2QFull true</th><td>" << text << "</td></tr>\n</table>\n";
+    writeRefreshTable(html, summary);
 
     html << "<h2>Expectations</h2>\n<table>\n";
     for (const ExpectationResult& r : results) {

@@ -223,7 +223,7 @@ int compare(const Options& options, PeltoLibrary& library) {
         }
         rows.push_back(std::move(row));
     }
-    printCompare(stdout, rows);
+    printCompare(options.jsonFile == "-" ? stderr : stdout, rows);
     std::string error;
     if (!options.jsonFile.empty() && !writeJson(compareJson(rows), options.jsonFile, &error)) {
         fprintf(stderr, "pelto-sim: %s\n", error.c_str());
@@ -233,6 +233,8 @@ int compare(const Options& options, PeltoLibrary& library) {
 }
 
 int run(const Options& options) {
+    // With --json -, stdout carries the JSON alone.
+    FILE* text = options.jsonFile == "-" ? stderr : stdout;
     std::string error;
     PeltoLibrary library;
     if (!library.open(options.library, &error)) {
@@ -267,15 +269,15 @@ int run(const Options& options) {
 
     const RunSummary summary = summarize(scenario, record);
     const std::vector<ExpectationResult> results = checkExpectations(scenario, record, summary);
-    printHeader(stdout, scenario);
-    if (!options.quiet) printTimeline(stdout, record, options.run.verbose);
-    printSummary(stdout, scenario, summary);
-    if (options.dump) printf("\nlibrary dump at the end\n%s", record.finalDump.c_str());
-    const int failed = printExpectations(stdout, results);
-    fflush(stdout);
+    printHeader(text, scenario);
+    if (!options.quiet) printTimeline(text, record, options.run.verbose);
+    printSummary(text, scenario, summary);
+    if (options.dump) fprintf(text, "\nlibrary dump at the end\n%s", record.finalDump.c_str());
+    const int failed = printExpectations(text, results);
+    fflush(text);
 
     if (!options.writeScenario.empty()) {
-        printf("scenario written to %s\n", options.writeScenario.c_str());
+        fprintf(text, "scenario written to %s\n", options.writeScenario.c_str());
     }
     if (!options.jsonFile.empty()) {
         Json::Value json = runJson(scenario, record, summary);
@@ -292,7 +294,7 @@ int run(const Options& options) {
             fprintf(stderr, "pelto-sim: %s\n", error.c_str());
             return kExitError;
         }
-        printf("trace written to %s (%zu events; open it in Perfetto UI)\n",
+        fprintf(text, "trace written to %s (%zu events; open it in Perfetto UI)\n",
                options.traceFile.c_str(), record.trace.size());
     }
     if (!options.htmlFile.empty()) {
@@ -300,7 +302,7 @@ int run(const Options& options) {
             fprintf(stderr, "pelto-sim: %s\n", error.c_str());
             return kExitError;
         }
-        printf("HTML page written to %s\n", options.htmlFile.c_str());
+        fprintf(text, "HTML page written to %s\n", options.htmlFile.c_str());
     }
     for (const ExpectationResult& r : results) {
         if (r.passed) continue;
