@@ -74,6 +74,10 @@ struct RunRecord {
     std::vector<TimedFlag> q2qFull;             // changes of isQ2QFull() after composite
     std::vector<TimedValue> vsyncPeriods;       // the display's period from then on
     std::vector<TimedText> reloads;             // the reload's result line
+    // Per scenario layer, how the library classified it, from then on:
+    // "TargetLayer", "TargetIgnoreLayer", "ExceptionLayer" or "Nobody" (in
+    // API mode "TargetLayer" while setTargetLayer names it).
+    std::vector<std::vector<TimedText>> layerRoles;
     std::vector<LogLine> backgroundLog;         // lines from the library's own threads
     int64_t q2qSamples = 0;                     // every value traced
     int64_t q2qMeasuredSamples = 0;             // of those, the ones above 0

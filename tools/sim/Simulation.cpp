@@ -95,6 +95,22 @@ void Simulation::readClassification() {
         const auto it = kinds.find(layer.scenario->name);
         layer.kind = it == kinds.end() ? "" : it->second;
     }
+    recordRoles();
+}
+
+// Each layer's class as a change in time, for the page's layer lanes.
+void Simulation::recordRoles() {
+    mRecord->layerRoles.resize(mLayers.size());
+    for (size_t i = 0; i < mLayers.size(); ++i) {
+        auto& roles = mRecord->layerRoles[i];
+        const std::string& kind = mLayers[i].kind;
+        if (kind.empty() || (!roles.empty() && roles.back().text == kind)) continue;
+        if (!roles.empty() && roles.back().at == now()) {
+            roles.back().text = kind;
+        } else {
+            roles.push_back({now(), kind});
+        }
+    }
 }
 
 // The layers on screen that explain a state the library just chose.
@@ -258,6 +274,10 @@ void Simulation::applyEvent(const Event& event) {
             note(TimelineEntry::Kind::Compositor,
                  "setTargetLayer(" + (layer ? event.layer : std::string("null")) + ")");
             mLib.setTargetLayer(mController, layer);
+            if (!mScenario.listMode) {
+                for (Layer& l : mLayers) l.kind = &l == layer ? "TargetLayer" : "Nobody";
+                recordRoles();
+            }
             break;
         case Event::Kind::SetPeltoEnable:
             note(TimelineEntry::Kind::Compositor, std::string("setPeltoEnable(") + flag + ")");

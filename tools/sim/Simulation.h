@@ -71,6 +71,7 @@ private:
     void countRefresh(SimTime at);
     std::string causeOf(int32_t reason) const;
     void readClassification();
+    void recordRoles();
 
     SimTime now() const;
     bool isVisible(const Layer& layer) const;
