@@ -19,7 +19,7 @@ p.sub { color: #616161; margin-top: 0; }
 .axis { text-anchor: middle; fill: #757575; }
 .scale { fill: #9e9e9e; font-size: 10px; }
 .scaleline { stroke: #e0e0e0; stroke-dasharray: 2 2; }
-.area { fill: #ffffff; stroke: #263238; stroke-width: 2px; paint-order: stroke;
+.area { fill: #263238; stroke: #ffffff; stroke-width: 2.5px; paint-order: stroke;
         font-size: 10px; pointer-events: none; }
 .inside { fill: #ffffff; font-size: 11px; pointer-events: none; }
 .below { fill: #8d6e00; font-size: 10px; pointer-events: none; }

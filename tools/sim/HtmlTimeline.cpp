@@ -167,6 +167,10 @@ Json::Value q2qLane(const Scenario& scenario, const RunRecord& record) {
         }
         l["merged"] = Json::UInt64(fps.size());
     }
+    if (record.q2qFpsLostFrom >= 0) {
+        l["title"] = l["title"].asString() + "; the run kept the first changes only, up to " +
+                formatSeconds(record.q2qFpsLostFrom);
+    }
     l["steps"] = steps;
     l["refresh"] = refresh;
     l["scaleMax"] = std::max(10.0, std::ceil(maxValue / 10) * 10);

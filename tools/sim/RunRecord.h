@@ -72,6 +72,13 @@ struct RunRecord {
     std::vector<TimedText> activeTargets;       // "active target layer: %s"
     std::vector<TimedValue> q2qFps;             // the "Pelto2-Q2QFps" counter, its changes
     std::vector<TimedFlag> q2qFull;             // changes of isQ2QFull() after composite
+    // Both keep their first kMaxKeptChanges changes; from the first one they
+    // could not keep on (-1: none), what they say is unknown.
+    SimTime q2qFpsLostFrom = -1;
+    SimTime q2qFullLostFrom = -1;
+    int64_t q2qLast = 0;                        // the last value traced
+    int64_t q2qMin = 0;                         // over the values above 0
+    int64_t q2qMax = 0;
     std::vector<TimedValue> vsyncPeriods;       // the display's period from then on
     std::vector<TimedText> reloads;             // the reload's result line
     // Per scenario layer, how the library classified it, from then on:

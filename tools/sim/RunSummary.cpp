@@ -68,19 +68,14 @@ RunSummary summarize(const Scenario& scenario, const RunRecord& record) {
     summary.vsyncCallbacks = static_cast<size_t>(record.vsyncCallbackCount);
     summary.compositions = record.compositions;
     summary.q2qFullCompositions = record.q2qFullCompositions;
-    bool first = true;
-    for (const TimedValue& fps : record.q2qFps) {
-        if (fps.value <= 0) continue;
-        summary.q2qMin = first ? fps.value : std::min(summary.q2qMin, fps.value);
-        summary.q2qMax = std::max(summary.q2qMax, fps.value);
-        first = false;
-    }
+    summary.q2qMin = record.q2qMin;
+    summary.q2qMax = record.q2qMax;
     summary.q2qMeasured = static_cast<size_t>(record.q2qMeasuredSamples);
     summary.refreshes = record.refreshes;
     summary.refreshFloorHz = record.refreshFloorHz;
     summary.buffersPlayed = record.buffersPlayed;
     summary.framesSkipped = record.framesSkipped;
-    summary.q2qLast = record.q2qFps.empty() ? 0 : record.q2qFps.back().value;
+    summary.q2qLast = record.q2qLast;
     return summary;
 }
 

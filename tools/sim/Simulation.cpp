@@ -222,8 +222,13 @@ void Simulation::composite(SimTime at) {
     if (full) {
         ++mRecord->q2qFullCompositions;
     }
-    if (full != (!mRecord->q2qFull.empty() && mRecord->q2qFull.back().on)) {
-        mRecord->q2qFull.push_back({at, full});
+    if (full != mQ2QFull) {
+        mQ2QFull = full;
+        if (mRecord->q2qFull.size() < kMaxKeptChanges) {
+            mRecord->q2qFull.push_back({at, full});
+        } else if (mRecord->q2qFullLostFrom < 0) {
+            mRecord->q2qFullLostFrom = at;
+        }
     }
     trace.end();
     countRefresh(at);
@@ -388,8 +393,18 @@ void Simulation::onCounter(const std::string& name, int64_t value) {
     ++mRecord->q2qSamples;
     if (value > 0) ++mRecord->q2qMeasuredSamples;
     // Only changes are kept: a long run of a steady rate holds one entry.
-    if (mRecord->q2qFps.empty() || mRecord->q2qFps.back().value != value) {
-        mRecord->q2qFps.push_back({now(), value});
+    if (value > 0) {
+        const bool first = mRecord->q2qMeasuredSamples == 1;
+        mRecord->q2qMin = first ? value : std::min(mRecord->q2qMin, value);
+        mRecord->q2qMax = first ? value : std::max(mRecord->q2qMax, value);
+    }
+    if (mRecord->q2qSamples == 1 || mRecord->q2qLast != value) {
+        mRecord->q2qLast = value;
+        if (mRecord->q2qFps.size() < kMaxKeptChanges) {
+            mRecord->q2qFps.push_back({now(), value});
+        } else if (mRecord->q2qFpsLostFrom < 0) {
+            mRecord->q2qFpsLostFrom = now();
+        }
     }
     // The timeline shows a start, a restart (0) and moves of more than 1 fps;
     // the record and the trace keep every sample.

@@ -31,6 +31,9 @@ struct RunOptions {
 // A record keeps at most this many timeline lines and vsync-callback times,
 // so that a run of millions of frames holds bounded memory.
 constexpr size_t kMaxKeptEntries = 50000;
+// ... and at most this many changes of the Q2Q rate and of isQ2QFull, which
+// may change at every buffer or composition (16 bytes each).
+constexpr size_t kMaxKeptChanges = 1000000;
 
 // Plays the compositor for one scenario on virtual time: registers and
 // destroys layers, composites once per vsync, sends a transaction for every
@@ -88,6 +91,7 @@ private:
     SimTime mLastComposition = 0;
     int32_t mState = 0;               // as the library last logged it
     bool mHwcOn = false;
+    bool mQ2QFull = false;            // isQ2QFull() after the last composition
     bool mNewFrame = false;           // a layer on screen queued since the last composition
     SimTime mLastPanelRefresh = -1;   // for the refresh estimate
     int64_t mLastQ2QFpsShown = 0;  // the value traced at construction
