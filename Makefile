@@ -12,8 +12,10 @@ test: deps
 	@scripts/run-tests.sh
 
 # Plays the default scenario through the built library on virtual time and
-# writes its trace and its HTML page.
+# writes its trace and its HTML page; then replays a real device capture.
 DEMO_SCENARIO ?= tools/scenarios/video_with_subtitles.json
+DEMO_CAPTURE ?= tools/captures/catapult_android_systrace.ftrace.txt.gz
+DEMO_CAPTURE_RULES ?= tools/scenarios/rules/launcher_strict.json
 DEMO_DIR := build/demo
 
 demo: deps build
@@ -23,6 +25,12 @@ demo: deps build
 	@echo
 	@echo "demo: trace     $(CURDIR)/$(DEMO_DIR)/pelto.trace (open it in Perfetto UI or trace_processor)"
 	@echo "demo: HTML page $(CURDIR)/$(DEMO_DIR)/pelto.html (open it in a browser)"
+	@echo
+	@echo "demo: a real capture (the launcher scrolling on an Android 4.1 phone), replayed"
+	build/default/tools/pelto-sim --capture $(DEMO_CAPTURE) --rules $(DEMO_CAPTURE_RULES) \
+	  --write-scenario $(DEMO_DIR)/capture.json --html $(DEMO_DIR)/capture.html
+	@echo
+	@echo "demo: the capture's HTML page $(CURDIR)/$(DEMO_DIR)/capture.html"
 
 deps:
 	@scripts/install-deps.sh

@@ -6,7 +6,7 @@ set -euo pipefail
 
 packages=(
   cmake make g++ binutils clang libclang-rt-14-dev libc++-14-dev libc++abi-14-dev
-  libjsoncpp-dev
+  libjsoncpp-dev zlib1g-dev
   android-liblog-dev android-libcutils-dev android-libbase-dev android-libutils-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   soong

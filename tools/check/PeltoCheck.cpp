@@ -1,19 +1,20 @@
-// pelto-check: loads a rule file with the library's own loader, prints every
-// warning and error the loader logged, then the configuration as the library
-// understood it. Exit status 0 only for a clean load.
+// pelto-check: checks rule files before they ship. For each file it loads the
+// file with the library's own loader and prints every line the loader logged,
+// with the JSON path it is about; then lints what the loader accepts without
+// a word (misspelled keys, names that never match, rules never used, entries
+// that never match or never decide); then the configuration as the library
+// understood it.
 //
-//   pelto-check [--lib PATH] [--layer NAME]... [--strict] [--verbose] RULE_FILE
-#include <stdlib.h>
-#include <unistd.h>
-
+//   pelto-check [--lib PATH] [--layer NAME]... [--strict] [--json] [--verbose] RULE_FILE...
 #include <cstdio>
-#include <cstring>
+#include <cstdlib>
+#include <iostream>
 #include <string>
 #include <vector>
 
-#include <android/log.h>
-
-#include "tools/host/LogSink.h"
+#include "tools/check/CheckReport.h"
+#include "tools/check/RuleFileCheck.h"
+#include "tools/check/Version.h"
 #include "tools/host/PeltoLibrary.h"
 
 namespace android::tools {
@@ -23,26 +24,35 @@ constexpr int kExitClean = 0;
 constexpr int kExitRejected = 1;
 constexpr int kExitUsage = 2;
 
-constexpr const char* kConfigTag = "PeltoConfig";
-// Lines with which the loader reports that nothing could be loaded.
-constexpr const char* kLoadFailurePrefixes[] = {"failed to open ", "loadConfig failed, ret "};
-
 struct Options {
     std::string library = PELTO_LIBRARY_PATH;
-    std::string ruleFile;
-    std::vector<std::string> layers;
-    bool strict = false;
+    std::vector<std::string> ruleFiles;
+    RuleFileCheck::Options check;
+    bool json = false;
     bool verbose = false;
 };
 
-void usage() {
-    std::fprintf(stderr,
-                 "usage: pelto-check [--lib PATH] [--layer NAME]... [--strict] [--verbose] "
-                 "RULE_FILE\n"
+void usage(FILE* out) {
+    std::fprintf(out,
+                 "usage: pelto-check [--lib PATH] [--layer NAME]... [--strict] [--json] "
+                 "[--verbose] RULE_FILE...\n"
+                 "Checks rule files for libzav_sf_pelto_2_0: the library's own load, with the "
+                 "JSON path\nof each line it logs, then a lint of what it accepts but is most "
+                 "likely a mistake.\n"
                  "  --lib PATH    the library to load (default: %s)\n"
                  "  --layer NAME  also show how a layer of this name is classified; repeatable\n"
-                 "  --strict      fail on warnings too\n"
-                 "  --verbose     show the loader's info lines as well\n",
+                 "  --strict      fail on warnings and lint findings too\n"
+                 "  --json        print one JSON document for the whole run instead of text\n"
+                 "  --verbose     show the loader's info lines as well\n"
+                 "  --version     print the version and exit\n"
+                 "  --help        print this and exit\n"
+                 "exit status:\n"
+                 "  0  every file loaded cleanly (lint findings are warnings unless --strict)\n"
+                 "  1  some file was rejected: it could not be read or loaded, the loader "
+                 "reported an\n"
+                 "     error, or (with --strict) there was a warning or a lint finding\n"
+                 "  2  pelto-check could not run: bad arguments, or the library cannot be "
+                 "loaded\n",
                  PELTO_LIBRARY_PATH);
 }
 
@@ -53,120 +63,65 @@ bool parseArgs(int argc, char** argv, Options* options) {
         if (arg == "--lib" && hasValue) {
             options->library = argv[++i];
         } else if (arg == "--layer" && hasValue) {
-            options->layers.push_back(argv[++i]);
+            options->check.layers.push_back(argv[++i]);
         } else if (arg == "--strict") {
-            options->strict = true;
+            options->check.strict = true;
+        } else if (arg == "--json") {
+            options->json = true;
         } else if (arg == "--verbose") {
             options->verbose = true;
         } else if (arg == "--help" || arg == "-h") {
-            usage();
+            usage(stdout);
             std::exit(kExitClean);
-        } else if (!arg.empty() && arg[0] == '-') {
+        } else if (arg == "--version") {
+            std::printf("pelto-check %s\n", kPeltoCheckVersion);
+            std::exit(kExitClean);
+        } else if (arg == "--lib" || arg == "--layer") {
+            std::fprintf(stderr, "pelto-check: %s needs a value\n", arg.c_str());
+            return false;
+        } else if (arg.size() > 1 && arg[0] == '-') {
             std::fprintf(stderr, "pelto-check: unknown option %s\n", arg.c_str());
             return false;
-        } else if (options->ruleFile.empty()) {
-            options->ruleFile = arg;
         } else {
-            std::fprintf(stderr, "pelto-check: more than one rule file given\n");
-            return false;
+            options->ruleFiles.push_back(arg);
         }
     }
-    if (options->ruleFile.empty()) {
+    if (options->ruleFiles.empty()) {
         std::fprintf(stderr, "pelto-check: no rule file given\n");
         return false;
     }
     return true;
 }
 
-bool isLoadFailure(const LogLine& line) {
-    if (line.tag != kConfigTag) return false;
-    for (const char* prefix : kLoadFailurePrefixes) {
-        if (line.message.rfind(prefix, 0) == 0) return true;
-    }
-    return false;
-}
-
-// The controller's dump without its status block: the configuration, then
-// the layer sections when `withLayers`.
-std::string configurationPart(const std::string& dump, bool withLayers) {
-    const size_t end = dump.find(withLayers ? "==========\nPelto State:"
-                                            : "==========\nTargetLayer:");
-    return end == std::string::npos ? dump : dump.substr(0, end);
-}
-
-// A log message, continuation lines indented under the first.
-std::string indented(const std::string& message) {
-    std::string out;
-    for (char c : message) {
-        out += c;
-        if (c == '\n') out += "    ";
-    }
-    return out;
-}
-
 int run(const Options& options) {
-    std::vector<LogLine> lines;
-    LogSink sink([&lines](const LogLine& line) { lines.push_back(line); });
-
     PeltoLibrary library;
     std::string error;
     if (!library.open(options.library, &error)) {
         std::fprintf(stderr, "pelto-check: %s\n", error.c_str());
         return kExitUsage;
     }
-
-    // The host build of the library reads its rule file from here.
-    setenv("PELTO_CONFIG_PATH", options.ruleFile.c_str(), 1);
-
-    // A list-mode controller, as a compositor creates it; none of these
-    // callbacks is reached, since nothing is composited.
-    PeltoController* controller = library.createPeltoController(
-            /*useList=*/true, [](const sp<IBinder>&) -> void* { return nullptr; },
-            [](const sp<IBinder>&) { return 1; }, nullptr,
-            [](const PeltoController::BufferLayerVisitor&) {}, [] { return 16'666'666L; },
-            [](bool) {}, [] {}, [] {}, [] {});
-    // Stand-ins for the compositor's layer pointers: only compared, never read.
-    std::vector<char> layerIds(options.layers.size());
-    for (size_t i = 0; i < options.layers.size(); ++i) {
-        library.registerLayer(controller, &layerIds[i], options.layers[i]);
-    }
-    std::string dump;
-    library.dump(controller, dump);
-    library.destroyPeltoController(controller);
-
-    std::printf("rule file: %s\n", options.ruleFile.c_str());
-    int errors = 0;
-    int warnings = 0;
-    bool loadFailed = false;
-    for (const LogLine& line : lines) {
-        const bool problem = line.priority >= ANDROID_LOG_WARN;
-        loadFailed = loadFailed || isLoadFailure(line);
-        if (line.tag != kConfigTag || (!problem && !options.verbose)) continue;
-        if (line.priority >= ANDROID_LOG_ERROR) {
-            ++errors;
-        } else if (problem) {
-            ++warnings;
+    RuleFileCheck checker(library, options.check);
+    std::vector<FileReport> reports;
+    int exitCode = kExitClean;
+    int rejected = 0;
+    for (const std::string& file : options.ruleFiles) {
+        reports.push_back(checker.check(file));
+        if (reports.back().rejected) {
+            exitCode = kExitRejected;
+            ++rejected;
         }
-        std::printf("  %c %s\n", priorityLetter(line.priority), indented(line.message).c_str());
+        if (!options.json) {
+            if (reports.size() > 1) std::printf("\n");
+            writeText(reports.back(), options.verbose, stdout);
+        }
     }
-    if (errors == 0 && warnings == 0) {
-        std::printf("  no warnings or errors\n");
+    if (options.json) {
+        writeJson(reports, options.check.strict, options.verbose, exitCode, std::cout);
+    } else if (reports.size() > 1) {
+        std::printf("\n%zu rule files: %zu OK, %d REJECTED\n", reports.size(),
+                    reports.size() - rejected, rejected);
     }
-
-    std::printf("\nconfiguration as loaded:\n%s\n",
-                configurationPart(dump, !options.layers.empty()).c_str());
-
-    const bool succeeded = dump.rfind("mLoadConfigSucceeded: 1\n", 0) == 0;
-    if (loadFailed || !succeeded || (options.strict && warnings > 0)) {
-        std::printf("REJECTED: %s (%d errors, %d warnings)\n",
-                    loadFailed     ? "nothing could be loaded from the file"
-                    : !succeeded   ? "the file loaded with errors; mLoadConfigSucceeded is 0"
-                                   : "warnings are not allowed with --strict",
-                    errors, warnings);
-        return kExitRejected;
-    }
-    std::printf("OK: loaded cleanly (%d warnings)\n", warnings);
-    return kExitClean;
+    return exitCode;
 }
 
 } // namespace
@@ -175,7 +130,7 @@ int run(const Options& options) {
 int main(int argc, char** argv) {
     android::tools::Options options;
     if (!android::tools::parseArgs(argc, argv, &options)) {
-        android::tools::usage();
+        std::fprintf(stderr, "run pelto-check --help for the options\n");
         return android::tools::kExitUsage;
     }
     return android::tools::run(options);

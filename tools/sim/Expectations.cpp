@@ -61,6 +61,11 @@ ExpectationResult check(const Expectation& e, const RunRecord& record,
                     std::to_string(e.max);
             r.passed = fps >= e.min && fps <= e.max;
             r.got = "Q2Q fps " + std::to_string(fps);
+            if (record.q2qFpsLostFrom >= 0 && e.at >= record.q2qFpsLostFrom) {
+                r.passed = false;
+                r.got = "not known: the run kept the rate's first changes only, up to " +
+                        formatSeconds(record.q2qFpsLostFrom);
+            }
             break;
         }
         case Kind::Q2QFullAt: {
@@ -68,6 +73,11 @@ ExpectationResult check(const Expectation& e, const RunRecord& record,
             r.what = at + "isQ2QFull " + (e.flag ? "true" : "false");
             r.passed = full == e.flag;
             r.got = std::string("isQ2QFull ") + (full ? "true" : "false");
+            if (record.q2qFullLostFrom >= 0 && e.at >= record.q2qFullLostFrom) {
+                r.passed = false;
+                r.got = "not known: the run kept its first changes only, up to " +
+                        formatSeconds(record.q2qFullLostFrom);
+            }
             break;
         }
         case Kind::HwcTogglesAtMost:

@@ -10,10 +10,12 @@
 
 namespace android::tools::sim {
 
-// Writes the run as one self-contained HTML page: an SVG timeline of the
-// state, the HWC mode, the Q2Q rate, isQ2QFull, the vsync requests and each
-// layer's time on screen, then the summary, the expectations and the timeline
-// as text. No script, no external file. False, with *error, on a write error.
+// Writes the run as one self-contained HTML page: a timeline of the state,
+// the HWC mode, the Q2Q rate, isQ2QFull, the vsync requests, the compositor's
+// calls and each window's time on screen, drawn, zoomed and panned by an
+// inline script (HtmlScript.h) from the run's data (HtmlTimeline.h); then the
+// summary, the expectations and the timeline as text. No external file, no
+// network access. False, with *error, on a write error.
 bool writeHtmlReport(const std::string& path, const Scenario& scenario, const RunRecord& record,
                      const RunSummary& summary, const std::vector<ExpectationResult>& results,
                      std::string* error);

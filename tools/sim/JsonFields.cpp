@@ -1,6 +1,7 @@
 #include "tools/sim/JsonFields.h"
 
 #include <cmath>
+#include <cstdio>
 
 namespace android::tools::sim {
 namespace {
@@ -19,6 +20,13 @@ void JsonErrors::fail(const std::string& key, const std::string& reason) {
     if (failed()) return;
     mKey = key;
     mReason = reason;
+}
+
+void JsonErrors::failUnknownKey(const std::string& key, const std::string& reason) {
+    if (mUnknownKey) return;
+    mKey = key;
+    mReason = reason;
+    mUnknownKey = true;
 }
 
 std::string JsonErrors::message() const {
@@ -61,7 +69,8 @@ void JsonFields::finish() {
             for (const std::string& k : mKnown) {
                 known += known.empty() ? k : ", " + k;
             }
-            mErrors.fail(path(name.c_str()), "unknown key (expected one of: " + known + ")");
+            mErrors.failUnknownKey(path(name.c_str()),
+                                   "unknown key (expected one of: " + known + ")");
             return;
         }
     }
@@ -75,11 +84,12 @@ double readNumber(const Json::Value& value, const std::string& path, JsonErrors&
     return value.asDouble();
 }
 
-double readPositive(const Json::Value& value, const std::string& path, JsonErrors& errors) {
+double readInRange(const Json::Value& value, const std::string& path, double min, double max,
+                   const char* what, JsonErrors& errors) {
     const double number = readNumber(value, path, errors);
-    if (!(number > 0)) {
-        errors.fail(path, "expected a number greater than 0");
-        return 1;
+    if (!(number >= min && number <= max)) {
+        errors.fail(path, std::string("expected ") + what);
+        return min;
     }
     return number;
 }
@@ -136,10 +146,22 @@ std::vector<Window> readWindows(const Json::Value& value, const std::string& pat
         window.to = pair[1].isNull() ? end : readTimeMs(pair[1], at + "[1]", errors);
         if (window.to <= window.from) {
             errors.fail(at, "to_ms must be later than from_ms");
+        } else if (window.from >= end) {
+            errors.fail(at + "[0]", "starts at or after the end of the run (duration_ms " +
+                                            millisText(end) + ")");
+        } else if (window.to > end) {
+            errors.fail(at + "[1]", "ends after the end of the run (duration_ms " +
+                                            millisText(end) + "); null means the end");
         }
         windows.push_back(window);
     }
     return windows;
+}
+
+std::string millisText(SimTime t) {
+    char text[48];
+    snprintf(text, sizeof(text), "%g ms", static_cast<double>(t) / kNanosPerMilli);
+    return text;
 }
 
 } // namespace android::tools::sim

@@ -20,9 +20,14 @@ double RunSummary::q2qFullShare() const {
                              : static_cast<double>(q2qFullCompositions) / compositions;
 }
 
+double savedPercent(int64_t fixed, int64_t paced) {
+    return fixed == 0 ? 0.0
+                      : 100.0 * static_cast<double>(fixed - paced) / static_cast<double>(fixed);
+}
+
 StateChange stateAt(const RunRecord& record, SimTime t) {
     const StateChange* change = lastAt(record.states, t);
-    return change != nullptr ? *change : StateChange{0, 0, 0, -1};
+    return change != nullptr ? *change : StateChange{0, 0, 0, -1, {}};
 }
 
 bool hwcOnAt(const RunRecord& record, SimTime t) {
@@ -60,16 +65,17 @@ RunSummary summarize(const Scenario& scenario, const RunRecord& record) {
     for (const TimedFlag& hwc : record.hwc) {
         (hwc.on ? summary.hwcOn : summary.hwcOff)++;
     }
-    summary.vsyncCallbacks = record.vsyncCallbacks.size();
+    summary.vsyncCallbacks = static_cast<size_t>(record.vsyncCallbackCount);
     summary.compositions = record.compositions;
     summary.q2qFullCompositions = record.q2qFullCompositions;
-    for (const TimedValue& fps : record.q2qFps) {
-        if (fps.value <= 0) continue;
-        summary.q2qMin = summary.q2qMeasured == 0 ? fps.value : std::min(summary.q2qMin, fps.value);
-        summary.q2qMax = std::max(summary.q2qMax, fps.value);
-        ++summary.q2qMeasured;
-    }
-    summary.q2qLast = record.q2qFps.empty() ? 0 : record.q2qFps.back().value;
+    summary.q2qMin = record.q2qMin;
+    summary.q2qMax = record.q2qMax;
+    summary.q2qMeasured = static_cast<size_t>(record.q2qMeasuredSamples);
+    summary.refreshes = record.refreshes;
+    summary.refreshFloorHz = record.refreshFloorHz;
+    summary.buffersPlayed = record.buffersPlayed;
+    summary.framesSkipped = record.framesSkipped;
+    summary.q2qLast = record.q2qLast;
     return summary;
 }
 

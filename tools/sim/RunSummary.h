@@ -21,10 +21,17 @@ struct RunSummary {
     int64_t q2qMin = 0;
     int64_t q2qMax = 0;
     int64_t q2qLast = 0;
+    RefreshCounts refreshes;
+    double refreshFloorHz = 0;
+    int64_t buffersPlayed = 0;
+    int64_t framesSkipped = 0;
 
     int hwcToggles() const { return hwcOn + hwcOff; }
     double q2qFullShare() const;
 };
+
+// The share of `fixed` refreshes that `paced` saves, in percent.
+double savedPercent(int64_t fixed, int64_t paced);
 
 RunSummary summarize(const Scenario& scenario, const RunRecord& record);
 

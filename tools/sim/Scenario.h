@@ -45,9 +45,27 @@ struct AreaChange {
     float area = 0;
 };
 
-// Buffers queued at a steady rate while the layer is visible.
+// Measured frame times: given inline or read from a column of a text file
+// (plain or gzip). A file is read twice, once to check it when the scenario
+// is read and once while it plays, never held in memory.
+struct FrameTimes {
+    std::vector<SimTime> inlineTimes;  // "times_ms", already shifted
+    std::string file;                  // resolved path; empty for inline times
+    std::string column;                // a column's header name; empty: by index
+    size_t columnIndex = 0;
+    double nanosPerUnit = 1e6;         // "unit": ms by default
+    SimTime offset = 0;                // "offset_ms", may be negative
+    // Found when the scenario is read.
+    int64_t count = 0;
+    SimTime first = 0;
+    SimTime last = 0;
+};
+
+// Buffers queued while the layer is visible: at a steady rate, or at
+// measured times (`times`; then fps is 0).
 struct FrameSpec {
     double fps = 0;
+    std::optional<FrameTimes> times;
     SimTime phase = 0;   // offset of the first frame from the start of a visible window
     SimTime jitter = 0;  // each frame moves by up to this much, either way
     std::vector<Window> pauses;
@@ -130,6 +148,9 @@ struct Scenario {
     std::vector<Event> events;
     std::vector<Window> forceOff;
     std::vector<Expectation> expectations;
+    // What a scenario made from a device capture assumes where the capture
+    // is silent; printed at the top of the run.
+    std::vector<std::string> assumptions;
 
     const LayerSpec* findLayer(const std::string& name) const;
 };

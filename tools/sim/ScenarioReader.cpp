@@ -2,17 +2,32 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <set>
 
 #include <json/json.h>
 
+#include "tools/sim/FrameTimesReader.h"
 #include "tools/sim/JsonFields.h"
 #include "tools/sim/RunRecord.h"
 
 namespace android::tools::sim {
 namespace {
+
+// What the simulator accepts. No panel refreshes faster than 1000 Hz, and a
+// layer queues no faster than a panel shows; the slowest rates keep a frame
+// period far inside 64-bit nanoseconds.
+constexpr double kMaxRateHz = 1000;
+constexpr double kMinRefreshHz = 1;
+constexpr double kMinFps = 0.01;
+constexpr int64_t kMaxDisplaySide = 16384;
+constexpr int64_t kMaxBufferCount = 64;  // a buffer queue's slots
+constexpr double kMaxAbsMillis = 1e9;    // measured times and offset_ms, either sign
+// Compositions plus buffers a run may play: the work and the time a run takes
+// grow with it, so it is bounded before the run starts.
+constexpr double kMaxSteps = 5e7;
 
 std::string dirName(const std::string& path) {
     const size_t slash = path.rfind('/');
@@ -41,15 +56,31 @@ private:
     float readArea(JsonFields& fields);
     void readLayer(const Json::Value& value, const std::string& path);
     void readFrames(const Json::Value& value, const std::string& path, FrameSpec* frames);
+    void readFrameTimes(JsonFields& fields, const Json::Value* times, const Json::Value* file,
+                        FrameSpec* frames);
     void readEvent(const Json::Value& value, const std::string& path);
     void readExpectation(const Json::Value& value, const std::string& path);
     void checkReferences();
+    void checkWork();
+    // A time in the run: before its end, or (endIncluded) at most its end.
+    SimTime readTimeInRun(const Json::Value& value, const std::string& path, bool endIncluded);
     void requireLayer(const std::string& name, const std::string& path);
 
     const std::string mDir;
     Scenario& mScenario;
     JsonErrors mErrors;
 };
+
+SimTime ScenarioParser::readTimeInRun(const Json::Value& value, const std::string& path,
+                                      bool endIncluded) {
+    const SimTime t = readTimeMs(value, path, mErrors);
+    const SimTime end = mScenario.duration;
+    if (endIncluded ? t > end : t >= end) {
+        mErrors.fail(path, std::string(endIncluded ? "after" : "at or after") +
+                                   " the end of the run (duration_ms " + millisText(end) + ")");
+    }
+    return t;
+}
 
 RuleSource ScenarioParser::readRules(const Json::Value& value, const std::string& path) {
     RuleSource rules;
@@ -72,18 +103,22 @@ RuleSource ScenarioParser::readRules(const Json::Value& value, const std::string
 void ScenarioParser::readDisplay(const Json::Value& value) {
     JsonFields fields(value, "display", mErrors);
     DisplaySpec& display = mScenario.display;
-    if (const auto* v = fields.required("width")) {
-        display.width = static_cast<uint32_t>(readCount(*v, fields.path("width"), mErrors));
+    for (const auto& [key, side] : {std::pair{"width", &display.width},
+                                    std::pair{"height", &display.height}}) {
+        if (const auto* v = fields.required(key)) {
+            const int64_t pixels = readCount(*v, fields.path(key), mErrors);
+            if (pixels < 1 || pixels > kMaxDisplaySide) {
+                mErrors.fail(fields.path(key), "expected 1 to 16384 pixels");
+            }
+            *side = static_cast<uint32_t>(std::clamp<int64_t>(pixels, 1, kMaxDisplaySide));
+        }
     }
-    if (const auto* v = fields.required("height")) {
-        display.height = static_cast<uint32_t>(readCount(*v, fields.path("height"), mErrors));
-    }
-    if (display.width == 0 || display.height == 0 ||
-        static_cast<uint64_t>(display.width) * display.height > UINT32_MAX) {
-        mErrors.fail("display", "width and height must be above 0, their product below 2^32");
-    }
+    const auto readRate = [&](const Json::Value& v, const std::string& path) {
+        return readInRange(v, path, kMinRefreshHz, kMaxRateHz,
+                           "1 to 1000 Hz (no panel refreshes faster)", mErrors);
+    };
     if (const auto* v = fields.required("refresh_hz")) {
-        display.refreshHz = readPositive(*v, fields.path("refresh_hz"), mErrors);
+        display.refreshHz = readRate(*v, fields.path("refresh_hz"));
     }
     if (const auto* changes = fields.optional("refresh_changes")) {
         const std::string path = fields.path("refresh_changes");
@@ -92,10 +127,10 @@ void ScenarioParser::readDisplay(const Json::Value& value) {
             JsonFields change((*changes)[i], indexPath(path, i), mErrors);
             RefreshChange c;
             if (const auto* v = change.required("at_ms")) {
-                c.at = readTimeMs(*v, change.path("at_ms"), mErrors);
+                c.at = readTimeInRun(*v, change.path("at_ms"), false);
             }
             if (const auto* v = change.required("refresh_hz")) {
-                c.refreshHz = readPositive(*v, change.path("refresh_hz"), mErrors);
+                c.refreshHz = readRate(*v, change.path("refresh_hz"));
             }
             if (!display.refreshChanges.empty() && c.at <= display.refreshChanges.back().at) {
                 mErrors.fail(change.path("at_ms"), "refresh changes must be in time order");
@@ -120,22 +155,43 @@ float ScenarioParser::readArea(JsonFields& fields) {
                      "give the size as width and height, as area, or as screen_percent");
         return 0;
     }
+    // What the compositor reports is the layer's visible area: never more
+    // than the screen.
+    const double screen = mScenario.display.screenArea();
     if (area != nullptr) {
-        return static_cast<float>(readNumber(*area, fields.path("area"), mErrors));
+        return static_cast<float>(readInRange(*area, fields.path("area"), 0, screen,
+                                              "0 up to the screen's area (width * height)",
+                                              mErrors));
     }
     if (percent != nullptr) {
-        const double p = readNumber(*percent, fields.path("screen_percent"), mErrors);
-        return static_cast<float>(p / 100.0 * mScenario.display.screenArea());
+        const double p = readInRange(*percent, fields.path("screen_percent"), 0, 100,
+                                     "0 to 100", mErrors);
+        return static_cast<float>(p / 100.0 * screen);
     }
-    return static_cast<float>(readNumber(*width, fields.path("width"), mErrors) *
-                              readNumber(*height, fields.path("height"), mErrors));
+    const double w = readInRange(*width, fields.path("width"), 0, kMaxDisplaySide,
+                                 "0 to 16384 pixels", mErrors);
+    const double h = readInRange(*height, fields.path("height"), 0, kMaxDisplaySide,
+                                 "0 to 16384 pixels", mErrors);
+    if (w * h > screen) {
+        mErrors.fail(fields.path("width"), "width * height is larger than the screen");
+    }
+    return static_cast<float>(std::min(w * h, screen));
 }
 
 void ScenarioParser::readFrames(const Json::Value& value, const std::string& path,
                                 FrameSpec* frames) {
     JsonFields fields(value, path, mErrors);
-    if (const auto* v = fields.required("fps")) {
-        frames->fps = readPositive(*v, fields.path("fps"), mErrors);
+    const auto* fps = fields.optional("fps");
+    const auto* times = fields.optional("times_ms");
+    const auto* file = fields.optional("file");
+    if ((fps != nullptr) + (times != nullptr) + (file != nullptr) != 1) {
+        mErrors.fail(fields.path("fps"), "give one of fps, times_ms or file");
+    } else if (fps != nullptr) {
+        frames->fps = readInRange(*fps, fields.path("fps"), kMinFps, kMaxRateHz,
+                                  "0.01 to 1000 frames a second (no panel shows more)",
+                                  mErrors);
+    } else {
+        readFrameTimes(fields, times, file, frames);
     }
     if (const auto* v = fields.optional("phase_ms")) {
         frames->phase = readTimeMs(*v, fields.path("phase_ms"), mErrors);
@@ -146,7 +202,60 @@ void ScenarioParser::readFrames(const Json::Value& value, const std::string& pat
     if (const auto* v = fields.optional("pauses")) {
         frames->pauses = readWindows(*v, fields.path("pauses"), mScenario.duration, mErrors);
     }
+    if (frames->times && (frames->phase != 0 || frames->jitter != 0)) {
+        mErrors.fail(fields.path("phase_ms"), "phase_ms and jitter_ms go only with fps");
+    }
     fields.finish();
+}
+
+// "times_ms": [...], or "file" with "column", "unit"; both with "offset_ms".
+void ScenarioParser::readFrameTimes(JsonFields& fields, const Json::Value* times,
+                                    const Json::Value* file, FrameSpec* frames) {
+    FrameTimes& spec = frames->times.emplace();
+    if (const auto* v = fields.optional("offset_ms")) {
+        const double ms = readInRange(*v, fields.path("offset_ms"), -kMaxAbsMillis,
+                                      kMaxAbsMillis, "-1e9 to 1e9", mErrors);
+        spec.offset = std::llround(ms * 1e6);
+    }
+    const auto* column = fields.optional("column");
+    const auto* unit = fields.optional("unit");
+    if (times != nullptr) {
+        if (column != nullptr || unit != nullptr) {
+            mErrors.fail(fields.path("column"), "column and unit go only with file");
+        }
+        if (!times->isArray()) mErrors.fail(fields.path("times_ms"), "expected a list");
+        for (Json::ArrayIndex i = 0; times->isArray() && i < times->size(); ++i) {
+            const double ms = readInRange((*times)[i], indexPath(fields.path("times_ms"), i),
+                                          -kMaxAbsMillis, kMaxAbsMillis, "-1e9 to 1e9",
+                                          mErrors);
+            spec.inlineTimes.push_back(std::llround(ms * 1e6) + spec.offset);
+        }
+    } else {
+        const std::string name = readString(*file, fields.path("file"), mErrors);
+        spec.file = !name.empty() && name[0] == '/'
+                ? name
+                : (std::filesystem::path(mDir) / name).lexically_normal().string();
+        if (column != nullptr && column->isString()) {
+            spec.column = column->asString();
+        } else if (column != nullptr) {
+            spec.columnIndex = static_cast<size_t>(readCount(*column, fields.path("column"),
+                                                             mErrors));
+        }
+        if (unit != nullptr) {
+            const std::string u = readString(*unit, fields.path("unit"), mErrors);
+            static const std::pair<const char*, double> kUnits[] = {
+                    {"s", 1e9}, {"ms", 1e6}, {"us", 1e3}, {"ns", 1}};
+            bool known = false;
+            for (const auto& [n, scale] : kUnits) {
+                if (u == n) spec.nanosPerUnit = scale, known = true;
+            }
+            if (!known) mErrors.fail(fields.path("unit"), "expected s, ms, us or ns");
+        }
+    }
+    std::string error;
+    if (!mErrors.failed() && !scanFrameTimes(&spec, &error)) {
+        mErrors.fail(fields.path(times != nullptr ? "times_ms" : "file"), error);
+    }
 }
 
 void ScenarioParser::readLayer(const Json::Value& value, const std::string& path) {
@@ -156,10 +265,10 @@ void ScenarioParser::readLayer(const Json::Value& value, const std::string& path
         layer.name = readString(*v, fields.path("name"), mErrors);
     }
     if (const auto* v = fields.optional("registered_ms")) {
-        layer.registeredAt = readTimeMs(*v, fields.path("registered_ms"), mErrors);
+        layer.registeredAt = readTimeInRun(*v, fields.path("registered_ms"), false);
     }
     if (const auto* v = fields.optional("destroyed_ms")) {
-        layer.destroyedAt = readTimeMs(*v, fields.path("destroyed_ms"), mErrors);
+        layer.destroyedAt = readTimeInRun(*v, fields.path("destroyed_ms"), true);
         if (*layer.destroyedAt <= layer.registeredAt) {
             mErrors.fail(fields.path("destroyed_ms"), "must be later than registered_ms");
         }
@@ -182,7 +291,7 @@ void ScenarioParser::readLayer(const Json::Value& value, const std::string& path
             JsonFields resize((*resizes)[i], indexPath(at, i), mErrors);
             AreaChange change;
             if (const auto* t = resize.required("at_ms")) {
-                change.at = readTimeMs(*t, resize.path("at_ms"), mErrors);
+                change.at = readTimeInRun(*t, resize.path("at_ms"), false);
             }
             change.area = readArea(resize);
             if (change.at <= layer.areas.back().at) {
@@ -204,7 +313,11 @@ void ScenarioParser::readLayer(const Json::Value& value, const std::string& path
         layer.hasBuffer = readBool(*v, fields.path("has_buffer"), mErrors);
     }
     if (const auto* v = fields.optional("buffer_count")) {
-        layer.bufferCount = static_cast<int>(readCount(*v, fields.path("buffer_count"), mErrors));
+        const int64_t count = readCount(*v, fields.path("buffer_count"), mErrors);
+        if (count > kMaxBufferCount) {
+            mErrors.fail(fields.path("buffer_count"), "expected 0 to 64 (a buffer queue's slots)");
+        }
+        layer.bufferCount = static_cast<int>(std::min(count, kMaxBufferCount));
     }
     if (const auto* v = fields.optional("pending_buffer_hint")) {
         layer.pendingBufferHint = readBool(*v, fields.path("pending_buffer_hint"), mErrors);
@@ -222,7 +335,7 @@ void ScenarioParser::readEvent(const Json::Value& value, const std::string& path
     Event event;
     event.key = path;
     if (const auto* v = fields.required("at_ms")) {
-        event.at = readTimeMs(*v, fields.path("at_ms"), mErrors);
+        event.at = readTimeInRun(*v, fields.path("at_ms"), false);
     }
     struct Action {
         const char* key;
@@ -307,9 +420,10 @@ void ScenarioParser::readExpectation(const Json::Value& value, const std::string
     const auto* at = fields.optional("at_ms");
     const auto* from = fields.optional("from_ms");
     const auto* to = fields.optional("to_ms");
-    if (at != nullptr) e.at = readTimeMs(*at, fields.path("at_ms"), mErrors);
-    if (from != nullptr) e.window.from = readTimeMs(*from, fields.path("from_ms"), mErrors);
-    if (to != nullptr) e.window.to = readTimeMs(*to, fields.path("to_ms"), mErrors);
+    // "At the end" is the state the run ends in.
+    if (at != nullptr) e.at = readTimeInRun(*at, fields.path("at_ms"), true);
+    if (from != nullptr) e.window.from = readTimeInRun(*from, fields.path("from_ms"), false);
+    if (to != nullptr) e.window.to = readTimeInRun(*to, fields.path("to_ms"), true);
     const bool pointInTime = at != nullptr;
     const bool span = from != nullptr && to != nullptr;
 
@@ -321,7 +435,8 @@ void ScenarioParser::readExpectation(const Json::Value& value, const std::string
                                                             "\"Temp Off\"");
     }
     if (const auto* r = fields.optional("reason")) {
-        e.reason = static_cast<int32_t>(readNumber(*r, fields.path("reason"), mErrors));
+        e.reason = static_cast<int32_t>(readInRange(*r, fields.path("reason"), -1, 9999,
+                                                    "a reason code such as 551", mErrors));
     }
     if (const auto* v = fields.optional("hwc")) {
         ++kinds;
@@ -400,6 +515,39 @@ void ScenarioParser::checkReferences() {
     }
 }
 
+// The compositions and buffers the run will play, from the scenario alone,
+// so that a run that would take hours is refused before it starts.
+void ScenarioParser::checkWork() {
+    const auto seconds = [](SimTime from, SimTime to) {
+        return static_cast<double>(to - from) / 1e9;
+    };
+    double steps = 0;
+    SimTime since = 0;
+    double hz = mScenario.display.refreshHz;
+    for (const RefreshChange& change : mScenario.display.refreshChanges) {
+        steps += seconds(since, change.at) * hz;
+        since = change.at;
+        hz = change.refreshHz;
+    }
+    steps += seconds(since, mScenario.duration) * hz;
+    for (const LayerSpec& layer : mScenario.layers) {
+        if (!layer.frames) continue;
+        if (layer.frames->times) {
+            steps += static_cast<double>(layer.frames->times->count);
+            continue;
+        }
+        for (const Window& w : layer.visible) steps += seconds(w.from, w.to) * layer.frames->fps;
+    }
+    if (steps > kMaxSteps) {
+        char text[200];
+        snprintf(text, sizeof(text),
+                 "the run would play %.3g compositions and buffers, more than the 5e7 a run "
+                 "may play; shorten duration_ms or lower the rates",
+                 steps);
+        mErrors.fail("duration_ms", text);
+    }
+}
+
 bool ScenarioParser::parse(const Json::Value& root, std::string* error) {
     JsonFields fields(root, "", mErrors);
     mScenario.name = baseName(mScenario.path);
@@ -453,6 +601,7 @@ bool ScenarioParser::parse(const Json::Value& root, std::string* error) {
     }
     fields.finish();
     if (!mErrors.failed()) checkReferences();
+    if (!mErrors.failed()) checkWork();
     if (mErrors.failed()) {
         *error = mScenario.path + ": " + mErrors.message();
         return false;

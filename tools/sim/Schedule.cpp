@@ -4,6 +4,8 @@
 #include <cmath>
 #include <cstdio>
 
+#include "tools/sim/FrameTimesReader.h"
+
 namespace android::tools::sim {
 namespace {
 
@@ -39,33 +41,88 @@ std::string percentOfScreen(float area, uint32_t screenArea) {
     return text;
 }
 
-// Buffers of one layer: steady frames over its visible spans, moved by the
-// jitter, kept in order and inside their span.
-void addFrames(const Scenario& scenario, size_t layerIndex, std::vector<Step>* steps) {
-    const LayerSpec& layer = scenario.layers[layerIndex];
-    if (!layer.frames || !layer.hasBuffer) return;
-    const FrameSpec& frames = *layer.frames;
-    const double interval = 1e9 / frames.fps;
-    Jitter jitter(scenario.seed ^ hashName(layer.name));
-    SimTime previous = -1;
-    for (const Window& window : layer.visible) {
-        for (int64_t k = 0;; ++k) {
-            const SimTime nominal = window.from + frames.phase + std::llround(k * interval);
-            if (nominal >= window.to || nominal >= scenario.duration) break;
-            if (inAnyWindow(frames.pauses, nominal)) continue;
-            SimTime at = nominal + std::llround(jitter.next() * frames.jitter);
-            at = std::clamp(at, std::max(window.from, previous + 1), window.to - 1);
-            if (at >= scenario.duration) break;
-            steps->push_back({at, Step::Kind::Buffer, layerIndex, {}});
-            previous = at;
+// Steady frames over the visible spans, moved by the jitter, kept in order
+// and inside their span.
+class SteadyFrames : public FrameStream {
+public:
+    SteadyFrames(const Scenario& scenario, const LayerSpec& layer)
+          : mLayer(layer),
+            mFrames(*layer.frames),
+            mEnd(scenario.duration),
+            mInterval(1e9 / mFrames.fps),
+            mJitter(scenario.seed ^ hashName(layer.name)) {}
+
+    bool next(SimTime* at) override {
+        while (mWindow < mLayer.visible.size()) {
+            const Window& window = mLayer.visible[mWindow];
+            const SimTime nominal = window.from + mFrames.phase + std::llround(mK++ * mInterval);
+            if (nominal >= window.to || nominal >= mEnd) {
+                ++mWindow;
+                mK = 0;
+                continue;
+            }
+            if (inAnyWindow(mFrames.pauses, nominal)) continue;
+            SimTime t = nominal + std::llround(mJitter.next() * mFrames.jitter);
+            t = std::clamp(t, std::max(window.from, mPrevious + 1), window.to - 1);
+            if (t >= mEnd) return false;
+            mPrevious = t;
+            *at = t;
+            return true;
         }
+        return false;
     }
-}
+
+private:
+    const LayerSpec& mLayer;
+    const FrameSpec& mFrames;
+    const SimTime mEnd;
+    const double mInterval;
+    Jitter mJitter;
+    size_t mWindow = 0;
+    int64_t mK = 0;
+    SimTime mPrevious = -1;
+};
+
+// Measured times, those that fall in a visible span, outside the pauses and
+// before the end.
+class MeasuredFrames : public FrameStream {
+public:
+    MeasuredFrames(const Scenario& scenario, const LayerSpec& layer, int64_t* skipped)
+          : mLayer(layer), mEnd(scenario.duration), mReader(*layer.frames->times),
+            mSkipped(*skipped) {
+        std::string error;
+        mOpen = mReader.open(&error);
+        if (!mOpen) mError = error;
+    }
+
+    bool next(SimTime* at) override {
+        SimTime t = 0;
+        while (mOpen && mReader.next(&t)) {
+            if (t < mEnd && inAnyWindow(mLayer.visible, t) &&
+                !inAnyWindow(mLayer.frames->pauses, t)) {
+                *at = t;
+                return true;
+            }
+            ++mSkipped;
+        }
+        if (mError.empty()) mError = mReader.error();
+        return false;
+    }
+    std::string error() const override { return mError; }
+
+private:
+    const LayerSpec& mLayer;
+    const SimTime mEnd;
+    FrameTimesReader mReader;
+    int64_t& mSkipped;
+    bool mOpen = false;
+    std::string mError;
+};
 
 } // namespace
 
-std::vector<Step> buildSchedule(const Scenario& scenario) {
-    std::vector<Step> steps;
+Schedule::Schedule(const Scenario& scenario) : mScenario(scenario) {
+    std::vector<Step>& steps = mFixed;
     const SimTime end = scenario.duration;
     const uint32_t screenArea = scenario.display.screenArea();
     for (size_t i = 0; i < scenario.layers.size(); ++i) {
@@ -102,7 +159,14 @@ std::vector<Step> buildSchedule(const Scenario& scenario) {
                 }
             }
         }
-        addFrames(scenario, i, &steps);
+        if (!layer.frames || !layer.hasBuffer) {
+            mStreams.push_back(nullptr);
+        } else if (layer.frames->times) {
+            mStreams.push_back(std::make_unique<MeasuredFrames>(scenario, layer, &mFramesSkipped));
+        } else {
+            mStreams.push_back(std::make_unique<SteadyFrames>(scenario, layer));
+        }
+        pullBuffer(i);
     }
     const auto& changes = scenario.display.refreshChanges;
     for (size_t i = 0; i < changes.size(); ++i) {
@@ -115,21 +179,57 @@ std::vector<Step> buildSchedule(const Scenario& scenario) {
     for (size_t i = 0; i < scenario.events.size(); ++i) {
         steps.push_back({scenario.events[i].at, Step::Kind::Event, i, {}});
     }
-    // Vsyncs at the period in force at each one.
-    for (SimTime t = 0; t < end;) {
-        steps.push_back({t, Step::Kind::Vsync, 0, {}});
-        double hz = scenario.display.refreshHz;
-        for (const RefreshChange& change : changes) {
-            if (change.at <= t) hz = change.refreshHz;
-        }
-        t += vsyncPeriodOf(hz);
-    }
+    mMoving.push({0, Step::Kind::Vsync, 0});
     // By time, then by kind; steps of one kind at one instant keep their order.
     std::stable_sort(steps.begin(), steps.end(), [](const Step& a, const Step& b) {
         return a.at != b.at ? a.at < b.at : a.kind < b.kind;
     });
-    return steps;
 }
+
+Schedule::~Schedule() = default;
+
+void Schedule::pullBuffer(size_t layer) {
+    FrameStream* stream = mStreams[layer].get();
+    SimTime at = 0;
+    if (stream == nullptr) return;
+    if (stream->next(&at)) {
+        mMoving.push({at, Step::Kind::Buffer, layer});
+    } else if (mError.empty() && !stream->error().empty()) {
+        mError = mScenario.layers[layer].name + ": " + stream->error();
+    }
+}
+
+SimTime Schedule::nextVsyncAfter(SimTime t) const {
+    double hz = mScenario.display.refreshHz;
+    for (const RefreshChange& change : mScenario.display.refreshChanges) {
+        if (change.at <= t) hz = change.refreshHz;
+    }
+    return t + vsyncPeriodOf(hz);
+}
+
+bool Schedule::next(Step* step) {
+    if (!mError.empty()) return false;
+    const bool fixedLeft = mFixedNext < mFixed.size();
+    if (fixedLeft && (mMoving.empty() || mFixed[mFixedNext].at < mMoving.top().at ||
+                      (mFixed[mFixedNext].at == mMoving.top().at &&
+                       mFixed[mFixedNext].kind < mMoving.top().kind))) {
+        *step = std::move(mFixed[mFixedNext++]);
+        return true;
+    }
+    if (mMoving.empty()) return false;
+    const Pending p = mMoving.top();
+    mMoving.pop();
+    *step = Step{p.at, p.kind, p.index, {}};
+    if (p.kind == Step::Kind::Vsync) {
+        const SimTime next = nextVsyncAfter(p.at);
+        if (next < mScenario.duration) mMoving.push({next, Step::Kind::Vsync, 0});
+    } else {
+        ++mBuffersPlayed;
+        pullBuffer(p.index);
+    }
+    return true;
+}
+
 
 int64_t vsyncPeriodOf(double refreshHz) {
     return static_cast<int64_t>(1e9 / refreshHz);

@@ -44,7 +44,7 @@ Simulation::Simulation(const Scenario& scenario, PeltoLibrary& library, const Ru
       : mScenario(scenario), mLib(library), mOptions(options) {
     mLayers.reserve(scenario.layers.size());
     for (const LayerSpec& described : scenario.layers) {
-        mLayers.push_back({&described, sp<IBinder>(new BBinder()), false});
+        mLayers.push_back({&described, sp<IBinder>(new BBinder()), false, {}});
     }
 }
 
@@ -64,7 +64,127 @@ Simulation::Layer* Simulation::layerNamed(const std::string& name) {
 }
 
 void Simulation::note(TimelineEntry::Kind kind, std::string text) {
+    if (mRecord->timeline.size() >= kMaxKeptEntries) {
+        ++mRecord->timelineDropped;
+        return;
+    }
     mRecord->timeline.push_back({now(), kind, std::move(text)});
+}
+
+// The layer sections of the library's dump name each registered layer under
+// its class: "TargetLayer:", "TargetIgnoreLayer:", "ExceptionLayer:", "Nobody:".
+void Simulation::readClassification() {
+    if (!mScenario.listMode) return;
+    std::string dump;
+    mLib.dump(mController, dump);
+    std::map<std::string, std::string> kinds;
+    std::string section;
+    size_t start = 0;
+    while (start < dump.size()) {
+        size_t end = dump.find('\n', start);
+        if (end == std::string::npos) end = dump.size();
+        const std::string line = dump.substr(start, end - start);
+        start = end + 1;
+        if (!line.empty() && line.back() == ':' && line[0] != '\t' && line.find(' ') == std::string::npos) {
+            section = line.substr(0, line.size() - 1);
+        } else if (line.size() > 1 && line[0] == '\t' && line[1] != '\t' && !section.empty()) {
+            kinds[line.substr(1)] = section;
+        }
+    }
+    for (Layer& layer : mLayers) {
+        const auto it = kinds.find(layer.scenario->name);
+        layer.kind = it == kinds.end() ? "" : it->second;
+    }
+    recordRoles();
+}
+
+// Each layer's class as a change in time, for the page's layer lanes.
+void Simulation::recordRoles() {
+    mRecord->layerRoles.resize(mLayers.size());
+    for (size_t i = 0; i < mLayers.size(); ++i) {
+        auto& roles = mRecord->layerRoles[i];
+        const std::string& kind = mLayers[i].kind;
+        if (kind.empty() || (!roles.empty() && roles.back().text == kind)) continue;
+        if (!roles.empty() && roles.back().at == now()) {
+            roles.back().text = kind;
+        } else {
+            roles.push_back({now(), kind});
+        }
+    }
+}
+
+// The layers on screen that explain a state the library just chose.
+std::string Simulation::causeOf(int32_t reason) const {
+    const uint32_t screen = mScenario.display.screenArea();
+    const auto describe = [&](const Layer& layer, const char* kind) {
+        char text[64];
+        snprintf(text, sizeof(text), " (%s, %.1f%% of the screen%s)", kind,
+                 screen == 0 ? 0.0 : 100.0 * layer.scenario->areaAt(now()) / screen,
+                 inAnyWindow(layer.scenario->focused, now()) ? ", focused" : "");
+        return layer.scenario->name + text;
+    };
+    std::string out;
+    const auto add = [&](const std::string& text) { out += (out.empty() ? "" : "; ") + text; };
+    // The layers of a class on screen; those that changed since the state was
+    // last On first, the others after them as "also on screen".
+    const auto onScreen = [&](const char* kind, const char* label) {
+        std::string still;
+        for (const Layer& l : mLayers) {
+            if (!isVisible(l) || !l.scenario->hasBuffer || l.kind != kind) continue;
+            const bool unchanged = l.shownWhileOn && l.areaWhileOn == l.scenario->areaAt(now()) &&
+                    l.focusedWhileOn == inAnyWindow(l.scenario->focused, now());
+            if (unchanged) {
+                still += (still.empty() ? "" : "; ") + describe(l, label);
+            } else {
+                add(describe(l, label));
+            }
+        }
+        if (out.empty()) {
+            out = still;
+        } else if (!still.empty()) {
+            out += "; also on screen before: " + still;
+        }
+    };
+    switch (reason) {
+        case 547:
+            onScreen("ExceptionLayer", "exception layer");
+            break;
+        case 511:
+        case 518:
+            onScreen("Nobody", "not in the rule file");
+            break;
+        case 455:
+            for (const Layer& l : mLayers) {
+                if (l.registered && l.kind == "TargetLayer" && !isVisible(l)) {
+                    add(l.scenario->name + " (target, not on screen)");
+                }
+            }
+            if (out.empty()) out = "no layer the rule file targets is on screen";
+            break;
+        case 394:
+            out = "the target layer is not on screen";
+            break;
+        case 360:
+            out = "forceOff from the compositor";
+            break;
+        default:
+            break;
+    }
+    return out;
+}
+
+// Panel refreshes: one per composition on the fixed cadence. While the HWC
+// is in Pelto mode the panel refreshes only for a new frame of a layer on
+// screen, or when the floor period has passed since the last refresh.
+void Simulation::countRefresh(SimTime at) {
+    const int32_t s = mState >= 0 && mState <= 2 ? mState : 0;
+    ++mRecord->refreshes.fixed[s];
+    const SimTime floorPeriod = static_cast<SimTime>(1e9 / mOptions.refreshFloorHz);
+    if (!mHwcOn || mNewFrame || mLastPanelRefresh < 0 || at - mLastPanelRefresh >= floorPeriod) {
+        ++mRecord->refreshes.paced[s];
+        mLastPanelRefresh = at;
+    }
+    mNewFrame = false;
 }
 
 std::string Simulation::ruleLabel(const RuleSource& rules) const {
@@ -102,15 +222,29 @@ void Simulation::composite(SimTime at) {
     if (full) {
         ++mRecord->q2qFullCompositions;
     }
-    if (full != (!mRecord->q2qFull.empty() && mRecord->q2qFull.back().on)) {
-        mRecord->q2qFull.push_back({at, full});
+    if (full != mQ2QFull) {
+        mQ2QFull = full;
+        if (mRecord->q2qFull.size() < kMaxKeptChanges) {
+            mRecord->q2qFull.push_back({at, full});
+        } else if (mRecord->q2qFullLostFrom < 0) {
+            mRecord->q2qFullLostFrom = at;
+        }
     }
     trace.end();
+    countRefresh(at);
+    if (mState == 1) {
+        for (Layer& l : mLayers) {
+            l.shownWhileOn = isVisible(l);
+            l.areaWhileOn = l.scenario->areaAt(at);
+            l.focusedWhileOn = inAnyWindow(l.scenario->focused, at);
+        }
+    }
     mLastComposition = at;
 }
 
 void Simulation::queueBuffer(Layer& layer) {
     TraceRecorder& trace = TraceRecorder::instance();
+    if (isVisible(layer)) mNewFrame = true;
     trace.begin("queueBuffer " + layer.scenario->name);
     // The transaction carries the time of the composition before it.
     mLib.setTransactionState(mController, {{layer.handle, true, false, Fence::NO_FENCE}},
@@ -145,6 +279,10 @@ void Simulation::applyEvent(const Event& event) {
             note(TimelineEntry::Kind::Compositor,
                  "setTargetLayer(" + (layer ? event.layer : std::string("null")) + ")");
             mLib.setTargetLayer(mController, layer);
+            if (!mScenario.listMode) {
+                for (Layer& l : mLayers) l.kind = &l == layer ? "TargetLayer" : "Nobody";
+                recordRoles();
+            }
             break;
         case Event::Kind::SetPeltoEnable:
             note(TimelineEntry::Kind::Compositor, std::string("setPeltoEnable(") + flag + ")");
@@ -163,6 +301,7 @@ void Simulation::applyEvent(const Event& event) {
             const std::string result = out.substr(0, out.find('\n'));
             mRecord->reloads.push_back({now(), result});
             note(TimelineEntry::Kind::Library, result);
+            readClassification();
             break;
         }
     }
@@ -177,6 +316,7 @@ void Simulation::runStep(const Step& step) {
                  "registerLayer(" + layer.scenario->name + ")" +
                          (isVisible(layer) ? ", on screen" : ", not on screen yet"));
             mLib.registerLayer(mController, &layer, layer.scenario->name);
+            readClassification();
             break;
         }
         case Step::Kind::Destroy: {
@@ -221,11 +361,15 @@ void Simulation::onLogLine(const LogLine& line) {
     StateChange change;
     if (line.tag == kControllerTag && parseStateLine(line.message, &change)) {
         change.at = now();
-        mRecord->states.push_back(change);
+        change.cause = causeOf(change.reason);
+        mState = change.to;
         char text[128];
         snprintf(text, sizeof(text), "%s -> %s  (%d: %s)", stateName(change.from),
                  stateName(change.to), change.reason, reasonText(change.reason));
-        note(TimelineEntry::Kind::State, text);
+        note(TimelineEntry::Kind::State,
+             text + (change.cause.empty() ? "" : "\n" + std::string(25, ' ') + "why: " +
+                                                         change.cause));
+        mRecord->states.push_back(std::move(change));
         return;
     }
     if (line.tag == kControllerTag && line.message.rfind(kActiveTargetPrefix, 0) == 0) {
@@ -246,7 +390,22 @@ void Simulation::onLogLine(const LogLine& line) {
 
 void Simulation::onCounter(const std::string& name, int64_t value) {
     if (name != kQ2QCounter || gettid() != mMainTid) return;
-    mRecord->q2qFps.push_back({now(), value});
+    ++mRecord->q2qSamples;
+    if (value > 0) ++mRecord->q2qMeasuredSamples;
+    // Only changes are kept: a long run of a steady rate holds one entry.
+    if (value > 0) {
+        const bool first = mRecord->q2qMeasuredSamples == 1;
+        mRecord->q2qMin = first ? value : std::min(mRecord->q2qMin, value);
+        mRecord->q2qMax = first ? value : std::max(mRecord->q2qMax, value);
+    }
+    if (mRecord->q2qSamples == 1 || mRecord->q2qLast != value) {
+        mRecord->q2qLast = value;
+        if (mRecord->q2qFps.size() < kMaxKeptChanges) {
+            mRecord->q2qFps.push_back({now(), value});
+        } else if (mRecord->q2qFpsLostFrom < 0) {
+            mRecord->q2qFpsLostFrom = now();
+        }
+    }
     // The timeline shows a start, a restart (0) and moves of more than 1 fps;
     // the record and the trace keep every sample.
     const bool restart = (value == 0) != (mLastQ2QFpsShown == 0);
@@ -260,6 +419,8 @@ bool Simulation::run(RunRecord* record, std::string* error) {
     mRecord = record;
     mMainTid = gettid();
     mRecord->mainTid = mMainTid;
+    mRecord->refreshFloorHz = mOptions.refreshFloorHz;
+    TraceRecorder::instance().restart(mOptions.keepTrace);
     setVirtualTime(kVirtualBootOffset);
     mVsyncPeriod = vsyncPeriodOf(mScenario.display.refreshHz);
     mRecord->vsyncPeriods.push_back({0, mVsyncPeriod.load()});
@@ -312,27 +473,34 @@ bool Simulation::run(RunRecord* record, std::string* error) {
                 TraceRecorder::instance().begin("vsync callback requested");
                 TraceRecorder::instance().end();
                 std::lock_guard lock(mCallbackMutex);
-                mVsyncCallbacks.push_back(now());
+                if (mVsyncCallbacks.size() < kMaxKeptEntries) mVsyncCallbacks.push_back(now());
+                ++mVsyncCallbackCount;
             },
             [this] {
                 std::lock_guard lock(mCallbackMutex);
                 ++mInvalidateCalls;
             },
             [this] {
+                mHwcOn = true;
                 mRecord->hwc.push_back({now(), true});
                 TraceRecorder::instance().counter("HwcPeltoMode", 1);
                 note(TimelineEntry::Kind::Hwc, "on");
             },
             [this] {
+                mHwcOn = false;
                 mRecord->hwc.push_back({now(), false});
                 TraceRecorder::instance().counter("HwcPeltoMode", 0);
                 note(TimelineEntry::Kind::Hwc, "off");
             });
 
-    for (const Step& step : buildSchedule(mScenario)) {
+    Schedule schedule(mScenario);
+    Step step;
+    while (schedule.next(&step)) {
         setVirtualTime(kVirtualBootOffset + step.at);
         runStep(step);
     }
+    mRecord->buffersPlayed = schedule.buffersPlayed();
+    mRecord->framesSkipped = schedule.framesSkipped();
     setVirtualTime(kVirtualBootOffset + mScenario.duration);
     mLib.dump(mController, mRecord->finalDump);
     mLib.destroyPeltoController(mController);
@@ -342,6 +510,7 @@ bool Simulation::run(RunRecord* record, std::string* error) {
     {
         std::lock_guard lock(mCallbackMutex);
         mRecord->vsyncCallbacks = mVsyncCallbacks;
+        mRecord->vsyncCallbackCount = mVsyncCallbackCount;
         if (mInvalidateCalls > 0) {
             note(TimelineEntry::Kind::Library, "triggerEventQueueInvalidate was called " +
                                                        std::to_string(mInvalidateCalls) +
@@ -355,6 +524,10 @@ bool Simulation::run(RunRecord* record, std::string* error) {
                                                    " repeats of the warnings above not shown");
     }
     mRecord->trace = TraceRecorder::instance().events();
+    if (!schedule.error().empty()) {
+        *error = schedule.error();
+        return false;
+    }
     return true;
 }
 

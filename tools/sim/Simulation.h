@@ -23,7 +23,17 @@ namespace android::tools::sim {
 struct RunOptions {
     bool verbose = false;     // every library log line in the timeline
     bool debugLines = false;  // switch on the library's "pelto2_sf_lib: " lines
+    bool keepTrace = true;    // hold every trace event for a trace file
+    // While the HWC is in Pelto mode the panel refreshes at least this often.
+    double refreshFloorHz = 10;
 };
+
+// A record keeps at most this many timeline lines and vsync-callback times,
+// so that a run of millions of frames holds bounded memory.
+constexpr size_t kMaxKeptEntries = 50000;
+// ... and at most this many changes of the Q2Q rate and of isQ2QFull, which
+// may change at every buffer or composition (16 bytes each).
+constexpr size_t kMaxKeptChanges = 1000000;
 
 // Plays the compositor for one scenario on virtual time: registers and
 // destroys layers, composites once per vsync, sends a transaction for every
@@ -45,6 +55,12 @@ private:
         const LayerSpec* scenario = nullptr;  // what the scenario says of the layer
         sp<IBinder> handle;
         bool registered = false;
+        std::string kind;  // how the rule file classifies it, from the library's dump
+        // As it was at the last composition in state On: a layer that was on
+        // screen then, as large and as focused, did not end that state.
+        bool shownWhileOn = false;
+        float areaWhileOn = 0;
+        bool focusedWhileOn = false;
     };
 
     void runStep(const Step& step);
@@ -55,6 +71,10 @@ private:
     void onLogLine(const LogLine& line);
     void onCounter(const std::string& name, int64_t value);
     void note(TimelineEntry::Kind kind, std::string text);
+    void countRefresh(SimTime at);
+    std::string causeOf(int32_t reason) const;
+    void readClassification();
+    void recordRoles();
 
     SimTime now() const;
     bool isVisible(const Layer& layer) const;
@@ -69,6 +89,11 @@ private:
     RunRecord* mRecord = nullptr;
     pid_t mMainTid = 0;
     SimTime mLastComposition = 0;
+    int32_t mState = 0;               // as the library last logged it
+    bool mHwcOn = false;
+    bool mQ2QFull = false;            // isQ2QFull() after the last composition
+    bool mNewFrame = false;           // a layer on screen queued since the last composition
+    SimTime mLastPanelRefresh = -1;   // for the refresh estimate
     int64_t mLastQ2QFpsShown = 0;  // the value traced at construction
     std::map<std::string, int> mLibraryWarnings;  // repeats of each line shown once
     std::vector<base::unique_fd> mRuleFiles;
@@ -80,6 +105,7 @@ private:
     std::mutex mCallbackMutex;
     std::vector<SimTime> mVsyncCallbacks GUARDED_BY(mCallbackMutex);
     int mInvalidateCalls GUARDED_BY(mCallbackMutex) = 0;
+    int64_t mVsyncCallbackCount GUARDED_BY(mCallbackMutex) = 0;
 };
 
 } // namespace android::tools::sim

@@ -19,6 +19,9 @@ void printHeader(FILE* out, const Scenario& scenario) {
     fprintf(out, "  %s mode, display %ux%u at %g Hz, %s\n", scenario.listMode ? "list" : "API",
             scenario.display.width, scenario.display.height, scenario.display.refreshHz,
             formatSeconds(scenario.duration).c_str());
+    for (const std::string& line : scenario.assumptions) {
+        fprintf(out, "  %s\n", line.c_str());
+    }
 }
 
 void printTimeline(FILE* out, const RunRecord& record, bool libraryThreads) {
@@ -26,6 +29,9 @@ void printTimeline(FILE* out, const RunRecord& record, bool libraryThreads) {
     for (const TimelineEntry& entry : record.timeline) {
         fprintf(out, "  %9.3f  %-10s  %s\n", static_cast<double>(entry.at) / 1e9,
                 timelineLabel(entry.kind), entry.text.c_str());
+    }
+    if (record.timelineDropped > 0) {
+        fprintf(out, "  ... %" PRId64 " later lines not kept\n", record.timelineDropped);
     }
     if (!libraryThreads || record.backgroundLog.empty()) return;
     // Their order against the timeline depends on the scheduler.
@@ -57,6 +63,25 @@ void printSummary(FILE* out, const Scenario& scenario, const RunSummary& summary
     fprintf(out, "  isQ2QFull         true after %" PRId64 " of %" PRId64
             " compositions (%.1f%%)\n",
             summary.q2qFullCompositions, summary.compositions, summary.q2qFullShare() * 100);
+    const RefreshCounts& r = summary.refreshes;
+    fprintf(out, "  panel refreshes   %" PRId64 " on the vsync cadence, %" PRId64
+            " with the library's decisions: %.1f%% saved (estimate, floor %g Hz)\n",
+            r.fixedTotal(), r.pacedTotal(), savedPercent(r.fixedTotal(), r.pacedTotal()),
+            summary.refreshFloorHz);
+    const char* names[] = {"Off", "On", "Temp Off"};
+    for (int s = 0; s < 3; ++s) {
+        if (r.fixed[s] == 0) continue;
+        fprintf(out, "    while %-9s %" PRId64 " -> %" PRId64 " (%.1f%% saved)\n", names[s],
+                r.fixed[s], r.paced[s], savedPercent(r.fixed[s], r.paced[s]));
+    }
+    if (summary.buffersPlayed > 0 || summary.framesSkipped > 0) {
+        fprintf(out, "  buffers queued    %" PRId64 "%s\n", summary.buffersPlayed,
+                summary.framesSkipped == 0
+                        ? ""
+                        : (" (" + std::to_string(summary.framesSkipped) +
+                           " measured times outside the layer's spans or the run not played)")
+                                  .c_str());
+    }
 }
 
 int printExpectations(FILE* out, const std::vector<ExpectationResult>& results) {

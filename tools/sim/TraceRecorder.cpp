@@ -24,6 +24,16 @@ TraceRecorder& TraceRecorder::instance() {
 }
 
 void TraceRecorder::record(TraceEvent::Kind kind, const std::string& name, int64_t value) {
+    if (!mKeep.load()) {
+        if (kind != TraceEvent::Kind::Counter) return;
+        CounterListener listener;
+        {
+            std::lock_guard lock(mMutex);
+            listener = mListener;
+        }
+        if (listener) listener(name, value);
+        return;
+    }
     TraceEvent event;
     event.kind = kind;
     event.tid = gettid();
@@ -56,6 +66,12 @@ void TraceRecorder::counter(const std::string& name, int64_t value) {
 void TraceRecorder::setCounterListener(CounterListener listener) {
     std::lock_guard lock(mMutex);
     mListener = std::move(listener);
+}
+
+void TraceRecorder::restart(bool keep) {
+    std::lock_guard lock(mMutex);
+    mEvents.clear();
+    mKeep = keep;
 }
 
 std::vector<TraceEvent> TraceRecorder::events() const {

@@ -2,6 +2,7 @@
 
 #include <sys/types.h>
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <mutex>
@@ -40,10 +41,14 @@ public:
     void setCounterListener(CounterListener listener) EXCLUDES(mMutex);
 
     std::vector<TraceEvent> events() const EXCLUDES(mMutex);
+    // Forgets the events so far; with keep false, later events only reach
+    // the counter listener, so a long run holds no trace in memory.
+    void restart(bool keep) EXCLUDES(mMutex);
 
 private:
     void record(TraceEvent::Kind kind, const std::string& name, int64_t value) EXCLUDES(mMutex);
 
+    std::atomic<bool> mKeep{true};
     mutable std::mutex mMutex;
     std::vector<TraceEvent> mEvents GUARDED_BY(mMutex);
     CounterListener mListener GUARDED_BY(mMutex);

@@ -2,7 +2,7 @@
 // systrace parsers expect: the ftrace text header, then one tracing_mark_write
 // line per event with a task, ids, a CPU, flags and a timestamp in seconds,
 // B/E sections that balance per thread and C counters. The HTML page must
-// stand alone. Checks the trace writer on its own and, when PELTO_TRACE_FILE
+// stand alone (html-in-browser.sh draws it in Chromium). Checks the trace writer on its own and, when PELTO_TRACE_FILE
 // and PELTO_HTML_FILE name them, the files the simulator wrote.
 #include <cstdlib>
 #include <fstream>
@@ -135,13 +135,18 @@ TEST(SimOutputTest, theHtmlPageStandsAloneAndDrawsTheTimeline) {
     const std::string page((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
 
     EXPECT_EQ(page.rfind("<!DOCTYPE html>", 0), 0u);
-    EXPECT_NE(page.find("<svg"), std::string::npos);
+    EXPECT_NE(page.find("<svg id=\"timeline\""), std::string::npos);
     EXPECT_NE(page.find("</html>"), std::string::npos);
-    for (const char* external : {"<script", "src=", "href=", "url(", "@import"}) {
+    // One inline script and its data; nothing fetched.
+    for (const char* external : {"src=", "href=", "url(", "@import", "fetch(", "XMLHttpRequest"}) {
         EXPECT_EQ(page.find(external), std::string::npos) << external;
     }
-    for (const char* lane : {">state<", ">HWC Pelto mode<", ">Q2Q fps<", ">vsync requests<"}) {
-        EXPECT_NE(page.find(lane), std::string::npos) << lane;
+    const size_t data = page.find("<script type=\"application/json\" id=\"pelto-data\">");
+    ASSERT_NE(data, std::string::npos);
+    const std::string json = page.substr(data, page.find("</script>", data) - data);
+    for (const char* lane : {"\"label\":\"state\"", "\"label\":\"HWC Pelto mode\"",
+                             "\"label\":\"Q2Q fps\"", "\"label\":\"vsync requests\""}) {
+        EXPECT_NE(json.find(lane), std::string::npos) << lane;
     }
 }
 

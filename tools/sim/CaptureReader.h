@@ -1,0 +1,52 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "tools/sim/Scenario.h"
+
+namespace android::tools::sim {
+
+// What a device capture (Android systrace/atrace text, in either line
+// format, a systrace HTML report, or gzip of either) says about the display
+// and the app layers. Times are nanoseconds from the capture's first event.
+struct Capture {
+    struct Layer {
+        std::string name;
+        std::vector<SimTime> buffers;  // in time order
+        std::string source;            // which signal gave the buffer times
+    };
+    std::string path;
+    int compositorPid = -1;
+    std::string vsyncSource;                 // which signal gave the refresh period
+    std::vector<RefreshChange> refresh;      // the first at 0
+    double medianPeriodMs = 0;               // of the vsync signal, as measured
+    std::vector<Layer> layers;
+    SimTime duration = 0;
+    int64_t lines = 0;
+};
+
+// Streams the file once. False, with *error naming the file (and the line
+// where there is one), when it is not a capture the simulator can play.
+bool readCapture(const std::string& path, Capture* capture, std::string* error);
+
+// How to play a capture: the rule file (list mode) or the API-mode target,
+// and the display size a capture does not record.
+struct CapturePlay {
+    std::string rules;      // list mode when set
+    std::string apiTarget;  // API mode with this layer (a part of its name)
+    uint32_t width = 1080;
+    uint32_t height = 2400;
+    bool displayGiven = false;
+};
+
+// A scenario that plays the capture, with the assumptions it makes in
+// scenario->assumptions.
+bool captureScenario(const Capture& capture, const CapturePlay& play, Scenario* scenario,
+                     std::string* error);
+
+// Writes a scenario made by captureScenario as a scenario file that
+// pelto-sim reads back (the rule file's path relative to it).
+bool writeScenarioFile(const Scenario& scenario, const std::string& path, std::string* error);
+
+} // namespace android::tools::sim

@@ -1,0 +1,99 @@
+#include "tools/sim/JsonReport.h"
+
+#include <algorithm>
+#include <fstream>
+#include <iostream>
+
+namespace android::tools::sim {
+namespace {
+
+// State changes listed in the JSON; the counts cover all of them.
+constexpr size_t kMaxListedChanges = 1000;
+
+double seconds(SimTime t) {
+    return static_cast<double>(t) / 1e9;
+}
+
+} // namespace
+
+std::vector<int32_t> reasonsSeen(const RunRecord& record) {
+    std::vector<int32_t> reasons;
+    for (const StateChange& change : record.states) {
+        if (std::find(reasons.begin(), reasons.end(), change.reason) == reasons.end()) {
+            reasons.push_back(change.reason);
+        }
+    }
+    return reasons;
+}
+
+Json::Value runJson(const Scenario& scenario, const RunRecord& record, const RunSummary& summary) {
+    Json::Value out;
+    out["name"] = scenario.name;
+    out["input"] = scenario.path;
+    out["duration_s"] = seconds(scenario.duration);
+    out["compositions"] = Json::Int64(summary.compositions);
+    const char* names[] = {"Off", "On", "Temp Off"};
+    for (int s = 0; s < 3; ++s) {
+        Json::Value& state = out["time_in_state"][names[s]];
+        state["s"] = seconds(summary.timeInState[s]);
+        state["percent"] = scenario.duration == 0
+                ? 0.0
+                : 100.0 * static_cast<double>(summary.timeInState[s]) / scenario.duration;
+    }
+    out["hwc_toggles"] = summary.hwcToggles();
+    out["vsync_callbacks"] = Json::UInt64(summary.vsyncCallbacks);
+    out["buffers_queued"] = Json::Int64(summary.buffersPlayed);
+    Json::Value& q2q = out["q2q_fps"];
+    q2q["measured_samples"] = Json::UInt64(summary.q2qMeasured);
+    q2q["last"] = Json::Int64(summary.q2qLast);
+    q2q["min"] = Json::Int64(summary.q2qMin);
+    q2q["max"] = Json::Int64(summary.q2qMax);
+    out["q2q_full_share"] = summary.q2qFullShare();
+    const RefreshCounts& r = summary.refreshes;
+    Json::Value& refreshes = out["panel_refreshes"];
+    refreshes["estimate"] = true;
+    refreshes["floor_hz"] = summary.refreshFloorHz;
+    refreshes["vsync_cadence"] = Json::Int64(r.fixedTotal());
+    refreshes["with_decisions"] = Json::Int64(r.pacedTotal());
+    refreshes["saved_percent"] = savedPercent(r.fixedTotal(), r.pacedTotal());
+    for (int s = 0; s < 3; ++s) {
+        Json::Value& state = refreshes["by_state"][names[s]];
+        state["vsync_cadence"] = Json::Int64(r.fixed[s]);
+        state["with_decisions"] = Json::Int64(r.paced[s]);
+        state["saved_percent"] = savedPercent(r.fixed[s], r.paced[s]);
+    }
+    out["reasons_seen"] = Json::Value(Json::arrayValue);
+    for (int32_t reason : reasonsSeen(record)) out["reasons_seen"].append(reason);
+    out["state_changes"] = Json::Value(Json::arrayValue);
+    for (size_t i = 0; i < record.states.size() && i < kMaxListedChanges; ++i) {
+        const StateChange& c = record.states[i];
+        Json::Value change;
+        change["at_s"] = seconds(c.at);
+        change["from"] = stateName(c.from);
+        change["to"] = stateName(c.to);
+        change["reason"] = c.reason;
+        if (!c.cause.empty()) change["why"] = c.cause;
+        out["state_changes"].append(change);
+    }
+    out["state_changes_total"] = Json::UInt64(record.states.size());
+    return out;
+}
+
+bool writeJson(const Json::Value& value, const std::string& path, std::string* error) {
+    Json::StreamWriterBuilder builder;
+    builder["indentation"] = "  ";
+    const std::string text = Json::writeString(builder, value) + "\n";
+    if (path == "-") {
+        std::cout << text << std::flush;
+        return true;
+    }
+    std::ofstream file(path);
+    file << text;
+    if (!file) {
+        *error = "cannot write the JSON to " + path;
+        return false;
+    }
+    return true;
+}
+
+} // namespace android::tools::sim

@@ -1,0 +1,99 @@
+#include "tools/sim/LineReader.h"
+
+#include <cerrno>
+#include <cstring>
+
+namespace android::tools::sim {
+namespace {
+
+constexpr unsigned kChunk = 1 << 16;
+
+} // namespace
+
+LineReader::~LineReader() {
+    if (mFile != nullptr) gzclose(mFile);
+}
+
+bool LineReader::open(const std::string& path, std::string* error) {
+    mPath = path;
+    mFile = gzopen(path.c_str(), "rb");
+    if (mFile == nullptr) {
+        *error = path + ": cannot open the file: " + strerror(errno != 0 ? errno : ENOENT);
+        return false;
+    }
+    gzbuffer(mFile, kChunk);
+    return true;
+}
+
+std::string LineReader::where() const {
+    return mPath + " line " + std::to_string(mLine) + ": ";
+}
+
+bool LineReader::fill() {
+    if (mEof) return false;
+    mBuffer.erase(0, mPos);
+    mPos = 0;
+    const size_t old = mBuffer.size();
+    mBuffer.resize(old + kChunk);
+    const int n = gzread(mFile, mBuffer.data() + old, kChunk);
+    if (n < 0) {
+        int code = 0;
+        const char* message = gzerror(mFile, &code);
+        mError = mPath + " after line " + std::to_string(mLine) + ": cannot read: " +
+                (code == Z_ERRNO ? strerror(errno) : message);
+        mBuffer.resize(old);
+        mEof = true;
+        return false;
+    }
+    mBuffer.resize(old + static_cast<size_t>(n));
+    if (n == 0) {
+        mEof = true;
+        // zlib reports a gzip stream cut short only at its end.
+        int code = 0;
+        const char* message = gzerror(mFile, &code);
+        if (code != Z_OK && code != Z_BUF_ERROR) {
+            mError = mPath + " after line " + std::to_string(mLine) + ": " + message;
+        } else if (code == Z_BUF_ERROR) {
+            mError = mPath + " after line " + std::to_string(mLine) +
+                    ": the compressed file is cut short";
+        }
+        return false;
+    }
+    if (memchr(mBuffer.data() + old, '\0', static_cast<size_t>(n)) != nullptr) {
+        mError = mPath + " near line " + std::to_string(mLine + 1) +
+                ": a NUL byte: this is a binary file, not text";
+        mEof = true;
+        mBuffer.clear();
+        return false;
+    }
+    return true;
+}
+
+bool LineReader::next(std::string* line) {
+    if (!mError.empty()) return false;
+    for (;;) {
+        const size_t end = mBuffer.find('\n', mPos);
+        if (end != std::string::npos) {
+            line->assign(mBuffer, mPos, end - mPos);
+            mPos = end + 1;
+            break;
+        }
+        if (mBuffer.size() - mPos > kMaxLine) {
+            mError = mPath + " line " + std::to_string(mLine + 1) + ": longer than " +
+                    std::to_string(kMaxLine) + " bytes: not a text file of lines";
+            return false;
+        }
+        if (!fill()) {
+            if (!mError.empty() || mPos >= mBuffer.size()) return false;
+            // The last line, without an end of line.
+            line->assign(mBuffer, mPos, std::string::npos);
+            mPos = mBuffer.size();
+            break;
+        }
+    }
+    ++mLine;
+    if (!line->empty() && line->back() == '\r') line->pop_back();
+    return true;
+}
+
+} // namespace android::tools::sim

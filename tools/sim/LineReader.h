@@ -1,0 +1,46 @@
+#pragma once
+
+#include <zlib.h>
+
+#include <cstdint>
+#include <string>
+
+namespace android::tools::sim {
+
+// Reads a text file line by line, plain or gzip-compressed (zlib tells them
+// apart), holding one line at a time: a file of any size is read in bounded
+// memory. A line longer than the limit, a NUL byte or a damaged gzip stream
+// stops the reading with a message that names the file and the line.
+class LineReader {
+public:
+    static constexpr size_t kMaxLine = 1 << 20;
+
+    LineReader() = default;
+    ~LineReader();
+    LineReader(const LineReader&) = delete;
+    LineReader& operator=(const LineReader&) = delete;
+
+    // False, with *error, when the file cannot be opened.
+    bool open(const std::string& path, std::string* error);
+    // The next line without its end of line; false at the end or on an error.
+    bool next(std::string* line);
+    // After next() returned false: empty at the end of the file, else why it stopped.
+    const std::string& error() const { return mError; }
+    int64_t lineNumber() const { return mLine; }
+    const std::string& path() const { return mPath; }
+    // "file line N: " for messages about the current line.
+    std::string where() const;
+
+private:
+    bool fill();
+
+    gzFile mFile = nullptr;
+    std::string mPath;
+    std::string mError;
+    std::string mBuffer;
+    size_t mPos = 0;
+    bool mEof = false;
+    int64_t mLine = 0;
+};
+
+} // namespace android::tools::sim
