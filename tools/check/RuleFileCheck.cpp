@@ -10,6 +10,7 @@
 #include <iterator>
 #include <sstream>
 
+#include "config/PeltoRuleFileReader.h"
 #include "tools/check/LoaderLog.h"
 #include "tools/check/RuleFileText.h"
 #include "tools/check/RuleLint.h"
@@ -85,6 +86,18 @@ FileReport RuleFileCheck::check(const std::string& path) {
         report.findings.push_back(fileFinding(Finding::Severity::Error, "not-a-file",
                                               "this is a directory, not a rule file",
                                               "give the path of the rule file inside it"));
+    } else if (!S_ISREG(info.st_mode)) {
+        // The library reads only regular files; reading a FIFO or a device
+        // here could block or never end.
+        report.findings.push_back(fileFinding(Finding::Severity::Error, "not-a-file",
+                                              "this is not a regular file (a FIFO, a socket or a device)",
+                                              "give the path of the rule file itself"));
+    } else if (static_cast<unsigned long long>(info.st_size) > kMaxRuleFileBytes) {
+        report.findings.push_back(fileFinding(
+                Finding::Severity::Error, "too-large",
+                "the file has " + std::to_string(info.st_size) + " bytes; the library reads at most " +
+                        std::to_string(kMaxRuleFileBytes),
+                "a rule file is a few kilobytes: check that this is the rule file"));
     } else {
         std::ifstream stream(path, std::ios::binary);
         text.assign(std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>());

@@ -97,12 +97,12 @@ TEST(PeltoCheckTest, reportsSeveralFilesAsOneJsonDocument) {
     const Json::Value root = runJson(kTestDir + "/lint/ten_mistakes.json " + kTestDir +
                                              "/lint/more_mistakes.json " + kTestDir +
                                              "/malformed/rules_not_loadable.json " + kTestDir +
-                                             "/lint " + kTestDir + "/lint/empty.json no_such_file.json",
+                                             "/lint " + kTestDir + "/lint/empty.json no_such_file.json /dev/zero",
                                      &status);
     EXPECT_EQ(1, status);
     EXPECT_EQ(1, root["exitCode"].asInt());
     const Json::Value& files = root["files"];
-    ASSERT_EQ(6u, files.size());
+    ASSERT_EQ(7u, files.size());
     // Lint findings alone leave a file accepted.
     EXPECT_EQ("ok", files[0]["result"].asString());
     EXPECT_EQ(0, files[0]["errors"].asInt());
@@ -120,9 +120,10 @@ TEST(PeltoCheckTest, reportsSeveralFilesAsOneJsonDocument) {
     EXPECT_EQ("value1 > value2", (*range)["message"].asString());
     EXPECT_EQ(6, (*range)["line"].asInt());
     ASSERT_NE(nullptr, findingAt(files[2], "general_rule.on_when_has_other_layer"));
-    // A directory, an empty file and a missing file are named, not parsed.
-    const char* codes[] = {"not-a-file", "empty-file", "no-such-file"};
-    for (int i = 0; i < 3; ++i) {
+    // A directory, an empty file, a missing file and a device (which would
+    // never end if read) are named, not parsed.
+    const char* codes[] = {"not-a-file", "empty-file", "no-such-file", "not-a-file"};
+    for (int i = 0; i < 4; ++i) {
         EXPECT_EQ("rejected", files[3 + i]["result"].asString());
         EXPECT_FALSE(files[3 + i]["loaded"].asBool());
         EXPECT_EQ(1, files[3 + i]["errors"].asInt());
