@@ -7,22 +7,8 @@
 namespace android {
 namespace {
 
-constexpr int32_t kOff = static_cast<int32_t>(PeltoState::Off);
-constexpr int32_t kOn = static_cast<int32_t>(PeltoState::On);
-constexpr int32_t kTempOff = static_cast<int32_t>(PeltoState::TempOff);
-
-// Reason codes stored with each state change.
-constexpr int32_t kReasonForceOff = 360;
-constexpr int32_t kReasonApiNoTarget = 375;
-constexpr int32_t kReasonApiOn = 389;
-constexpr int32_t kReasonApiDisabled = 391;
-constexpr int32_t kReasonApiTargetNotVisible = 394;
-constexpr int32_t kReasonNoTargetRegistered = 413;
-constexpr int32_t kReasonNoTargetVisible = 455;
-constexpr int32_t kReasonOtherLayerNoGeneralRule = 511;
-constexpr int32_t kReasonGeneralRule = 518;
-constexpr int32_t kReasonExceptionRule = 547;
-constexpr int32_t kReasonListOn = 551;
+using State = PeltoState;
+using Reason = PeltoReason;
 
 // The rule input of a layer with this area and focus.
 PeltoExceptionRuleInput exceptionInput(float area, bool focused, unsigned int screenArea) {
@@ -38,7 +24,7 @@ PeltoExceptionRuleInput exceptionInput(float area, bool focused, unsigned int sc
 void PeltoController::composite(bool forceOff, bool compositeFlag, unsigned int screenArea) {
     std::lock_guard composition(mCompositionMutex);
     if (forceOff) {
-        setPeltoState(kOff, kReasonForceOff);
+        setPeltoState(Decision{State::Off, Reason::ForceOff});
         return;
     }
     mCompositeFlag = compositeFlag;
@@ -47,14 +33,14 @@ void PeltoController::composite(bool forceOff, bool compositeFlag, unsigned int 
     const std::optional<Decision> decision =
             mUseList ? decideList(screenArea) : std::optional(decideApi());
     if (decision) {
-        setPeltoState(decision->state, decision->reason);
+        setPeltoState(*decision);
     }
 }
 
 PeltoController::Decision PeltoController::decideApi() {
     const void* target = mTargetLayer.load();
     if (target == nullptr) {
-        return {kOff, kReasonApiNoTarget};
+        return {State::Off, Reason::ApiNoTarget};
     }
     bool found = false;
     mTraverseVisibleLayers([target, &found](const void* layerPtr) {
@@ -63,9 +49,10 @@ PeltoController::Decision PeltoController::decideApi() {
         }
     });
     if (!found) {
-        return {kOff, kReasonApiTargetNotVisible};
+        return {State::Off, Reason::ApiTargetNotVisible};
     }
-    return mPeltoEnable.load() ? Decision{kOn, kReasonApiOn} : Decision{kTempOff, kReasonApiDisabled};
+    return mPeltoEnable.load() ? Decision{State::On, Reason::ApiOn}
+                               : Decision{State::TempOff, Reason::ApiDisabled};
 }
 
 PeltoExceptionRuleInput PeltoController::prepareExceptionInput(const PeltoLayer& layer,
@@ -124,7 +111,7 @@ std::optional<PeltoController::Decision> PeltoController::decideList(unsigned in
         return std::nullopt;
     }
     if (mRegistry.targetCount() < 1) {
-        return Decision{kOff, kReasonNoTargetRegistered};
+        return Decision{State::Off, Reason::NoTargetRegistered};
     }
 
     // Captures only `this`, so the visitor fits std::function's inline
@@ -137,7 +124,7 @@ std::optional<PeltoController::Decision> PeltoController::decideList(unsigned in
             });
 
     if (s.targetCandidates.empty()) {
-        return Decision{kOff, kReasonNoTargetVisible};
+        return Decision{State::Off, Reason::NoTargetVisible};
     }
 
     // The active target sticks while it is visible; otherwise the first
@@ -176,14 +163,14 @@ PeltoController::Decision PeltoController::applyRulesLocked(unsigned int screenA
     if (!s.otherLayers.empty()) {
         if (!mConfig->hasExceptionGeneralRule()) {
             if (!alwaysOn) {
-                return {kTempOff, kReasonOtherLayerNoGeneralRule};
+                return {State::TempOff, Reason::OtherLayerNoGeneralRule};
             }
         } else {
             for (const VisitedLayer& layer : s.otherLayers) {
                 const bool match = mConfig->checkExceptionGeneralRuleMatch(
                         exceptionInput(layer.area, layer.focused, screenArea));
                 if (match == alwaysOn) {
-                    return {kTempOff, kReasonGeneralRule};
+                    return {State::TempOff, Reason::GeneralRule};
                 }
             }
         }
@@ -198,11 +185,11 @@ PeltoController::Decision PeltoController::applyRulesLocked(unsigned int screenA
                 mConfig->checkRuleMatch(exceptionInput(layer.area, layer.focused, screenArea),
                                         *layer.record->exceptionRule);
         if (match == alwaysOn) {
-            return {kTempOff, kReasonExceptionRule};
+            return {State::TempOff, Reason::ExceptionRule};
         }
     }
 
-    return {kOn, kReasonListOn};
+    return {State::On, Reason::ListOn};
 }
 
 } // namespace android

@@ -22,6 +22,7 @@
 #include "config/PeltoConfig.h"
 #include "controller/PeltoExport.h"
 #include "controller/PeltoLayer.h"
+#include "controller/PeltoTypes.h"
 #include "controller/PeltoLayerRegistry.h"
 #include "controller/PeltoQ2QRing.h"
 #include "trace/PeltoTracedOrdinal.h"
@@ -31,16 +32,6 @@ namespace android {
 namespace scheduler {
 class PeltoTimer;
 } // namespace scheduler
-
-// The controller's mode state.
-enum class PeltoState : int32_t {
-    Off = 0,
-    On = 1,
-    TempOff = 2,
-};
-
-// "Off", "On", "Temp Off", or "Unknown" for any other value.
-const char* peltoStateName(int32_t state);
 
 // One element of a transaction: layer handle, has-buffer flag, an unused flag, fence.
 using PeltoTransactionState = std::tuple<sp<IBinder>, bool, bool, sp<Fence>>;
@@ -101,40 +92,65 @@ public:
     PeltoController(const PeltoController&) = delete;
     PeltoController& operator=(const PeltoController&) = delete;
 
-    // Layer registry (list mode).
+    // Layer registry (list mode; both do nothing in API mode).
+    // Adds a record for layerPtr, classified by the rules through its name.
     PELTO_EXPORT void registerLayer(const void* layerPtr, const std::string& name)
             EXCLUDES(mLayerMutex);
+    // Removes every record of layerPtr.
     PELTO_EXPORT void destroyLayer(const void* layerPtr) EXCLUDES(mLayerMutex);
 
-    // Mode state.
+    // Mode state and hints. None takes a controller lock.
+    // Whether the state is On.
     PELTO_EXPORT bool isOn() const;
+    // A composition was committed: while On, no buffer of the target is pending.
     PELTO_EXPORT void commit();
+    // A buffer of layerPtr is pending; only the API-mode target counts.
     PELTO_EXPORT void setHasPendingBuffer(const void* layerPtr);
+    // API mode: whether the host allows Pelto mode at all.
     PELTO_EXPORT void setPeltoEnable(bool enable);
+    // API mode: the layer whose visibility decides; a new one resets the pace.
     PELTO_EXPORT void setTargetLayer(const void* layerPtr);
+    // Whether other UI is on screen, as the host sees it (traced only).
     PELTO_EXPORT void setHasOtherUI(bool hasOtherUI);
+    // Passes `enable` to the host's vsync callback.
     PELTO_EXPORT void triggerVsyncCallback(bool enable);
-    PELTO_EXPORT void setPeltoState(int32_t state, int32_t reason);
+    // Records a new state with its reason, logs and traces it, resets the pace
+    // on On -> Off and switches the HWC when crossing On. Only a composition
+    // changes the state, so the HWC toggles follow the state changes in order.
+    PELTO_EXPORT void setPeltoState(int32_t state, int32_t reason) REQUIRES(mCompositionMutex);
 
     // Composition-time decision.
+    // Decides the state for this composition (forceOff: Off, reason 360).
     PELTO_EXPORT void composite(bool forceOff, bool compositeFlag, unsigned int screenArea)
             EXCLUDES(mCompositionMutex, mLayerMutex);
+    // Whether layerPtr is the layer being paced. Lock-free: per transaction.
     PELTO_EXPORT bool isActiveTargetLayer(const void* layerPtr) const EXCLUDES(mLayerMutex);
+    // The rule input of a record: its area as a percentage of screenArea, and its focus.
     PELTO_EXPORT PeltoExceptionRuleInput prepareExceptionInput(const PeltoLayer& layer,
                                                                unsigned int screenArea) const;
 
     // Queue-to-queue pacing.
+    // Samples the active target's pace from a transaction while On, and may
+    // ask the host for a vsync callback at once.
     PELTO_EXPORT void setTransactionState(const std::vector<PeltoTransactionState>& states,
                                           long timestamp) EXCLUDES(mLayerMutex);
+    // The display mode changed: the pace is measured afresh.
     PELTO_EXPORT void onActiveModeUpdated();
+    // Whether the measured pace keeps up with the display's current period.
     PELTO_EXPORT bool isQ2QFull();
+    // The average queue-to-queue period in ns, 0 until measured.
     PELTO_EXPORT int64_t getQ2QAvgPeriod();
+    // Empties the pacing ring and clears the present-fence and in-progress hints.
     PELTO_EXPORT void resetFps() EXCLUDES(mPresentFenceMutex, mSFInProgressMutex);
 
     // Timeout and present-fence hints.
+    // Stores the previous composition's present fence.
     PELTO_EXPORT void setPreviousPresentFence(const sp<Fence>& fence) EXCLUDES(mPresentFenceMutex);
+    // Stores whether the compositor is working on a frame.
     PELTO_EXPORT void setSFInProgress(bool inProgress) EXCLUDES(mSFInProgressMutex);
+    // The timeout for a pending frame: one vsync period, traced as "PeltoTimeout".
     PELTO_EXPORT int64_t calculateTimeout();
+    // Asks the host for a vsync callback, as when the timeout expires.
     PELTO_EXPORT void timeoutCallback();
     // Body of the fence thread; returns at teardown once the queue is empty.
     PELTO_EXPORT void fenceLoop() EXCLUDES(mFenceMutex);
@@ -144,16 +160,22 @@ public:
     void queueFence(const sp<Fence>& fence) EXCLUDES(mFenceMutex);
 
     // Diagnostics.
+    // Appends the rules, the layer sections and the status block.
     PELTO_EXPORT void dump(std::string& out) const EXCLUDES(mLayerMutex);
+    // Reloads the rule file, appends the outcome and the new rules, and
+    // classifies every layer again.
     PELTO_EXPORT void reloadConfigThenDump(std::string& out)
             EXCLUDES(mReloadMutex, mLayerMutex);
 
 private:
     // A state and the reason stored with it.
     struct Decision {
-        int32_t state;
-        int32_t reason;
+        PeltoState state;
+        PeltoReason reason;
     };
+    void setPeltoState(Decision decision) REQUIRES(mCompositionMutex) {
+        setPeltoState(static_cast<int32_t>(decision.state), static_cast<int32_t>(decision.reason));
+    }
     // The decision of one composition in each mode; nullopt leaves the state as it is.
     std::optional<Decision> decideList(unsigned int screenArea) REQUIRES(mCompositionMutex)
             EXCLUDES(mLayerMutex);

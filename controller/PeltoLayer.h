@@ -4,16 +4,9 @@
 #include <string>
 
 #include "config/PeltoConfig.h"
+#include "controller/PeltoTypes.h"
 
 namespace android {
-
-// How the rule file classifies a registered layer. Stored as int32_t.
-enum class PeltoLayerType : int32_t {
-    Nobody = 0,
-    TargetLayer = 1,
-    TargetIgnoreLayer = 2,
-    ExceptionLayer = 3,
-};
 
 // One registered layer. The rule pointers point into the controller's
 // PeltoConfig and are valid until the next reload, which rebuilds every record.

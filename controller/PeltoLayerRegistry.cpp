@@ -142,8 +142,8 @@ void PeltoLayerRegistry::apply(Reclassification&& reclassification, const PeltoC
 void PeltoLayerRegistry::dump(std::ostream& os) const {
     // One section per type; each walks the whole list, so records keep their
     // registration order. `details` writes the type's own lines of a record.
-    const auto section = [&os, this](const char* heading, PeltoLayerType type, auto details) {
-        os << heading << "\n";
+    const auto section = [&os, this](PeltoLayerType type, auto details) {
+        os << peltoLayerTypeName(static_cast<int32_t>(type)) << ":\n";
         for (const PeltoLayer& layer : mLayers) {
             if (layer.type != static_cast<int32_t>(type)) continue;
             os << "\t" << layer.name << "\n";
@@ -151,7 +151,7 @@ void PeltoLayerRegistry::dump(std::ostream& os) const {
             os << "\t\tarea: " << layer.area << " focused: " << layer.focused << "\n";
         }
     };
-    section("TargetLayer:", PeltoLayerType::TargetLayer, [&os](const PeltoLayer& layer) {
+    section(PeltoLayerType::TargetLayer, [&os](const PeltoLayer& layer) {
         if (layer.targetInfo != nullptr) {
             os << "\t\tid: " << layer.targetInfo->id << "\n";
         }
@@ -159,13 +159,13 @@ void PeltoLayerRegistry::dump(std::ostream& os) const {
             os << "\t\tcurrent active\n";
         }
     });
-    section("TargetIgnoreLayer:", PeltoLayerType::TargetIgnoreLayer, [&os](const PeltoLayer& layer) {
+    section(PeltoLayerType::TargetIgnoreLayer, [&os](const PeltoLayer& layer) {
         if (layer.targetIgnoreInfo != nullptr) {
             os << "\t\ttargetId: " << layer.targetIgnoreInfo->id << "\n";
         }
     });
-    section("ExceptionLayer:", PeltoLayerType::ExceptionLayer, [](const PeltoLayer&) {});
-    section("Nobody:", PeltoLayerType::Nobody, [](const PeltoLayer&) {});
+    section(PeltoLayerType::ExceptionLayer, [](const PeltoLayer&) {});
+    section(PeltoLayerType::Nobody, [](const PeltoLayer&) {});
 }
 
 } // namespace android

@@ -8,12 +8,6 @@
 
 namespace android {
 
-const char* peltoStateName(int32_t state) {
-    static constexpr const char* kNames[] = {"Off", "On", "Temp Off"};
-    const auto index = static_cast<uint32_t>(state);
-    return index < std::size(kNames) ? kNames[index] : "Unknown";
-}
-
 bool PeltoController::isOn() const {
     return mState.get() == kStateOn;
 }

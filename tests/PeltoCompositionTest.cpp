@@ -241,15 +241,15 @@ TEST(PeltoCompositionApiTest, apiModeDecidesFromTheNamedTargetsVisibility) {
     int target = 0;
     int other = 0;
 
-    // Off -> Off is no change, so first move away from Off to see 375.
-    controller->setPeltoState(2, 0);
-    controller->composite(false, false, kScreen);
-    EXPECT_EQ(dumpedState(*controller), "Off 375");
-
     controller->setTargetLayer(&target);
     host.setVisibleLayers({&other, &target});
     controller->composite(false, false, kScreen);
     EXPECT_EQ(dumpedState(*controller), "Temp Off 391");
+    // Off -> Off is no change, so 375 shows after another state.
+    controller->setTargetLayer(nullptr);
+    controller->composite(false, false, kScreen);
+    EXPECT_EQ(dumpedState(*controller), "Off 375");
+    controller->setTargetLayer(&target);
     controller->setPeltoEnable(true);
     controller->composite(false, true, kScreen);
     EXPECT_EQ(dumpedState(*controller), "On 389");

@@ -87,7 +87,11 @@ TEST(PeltoControllerLifecycleTest, startsBothThreadsAndJoinsThemAtTeardown) {
 TEST(PeltoControllerLifecycleTest, teardownWhileOnCallsNoCallback) {
     FakeCompositor host;
     auto controller = host.create(/*useList=*/false);
-    controller->setPeltoState(1, 389);
+    int target = 0;
+    host.setVisibleLayers({&target});
+    controller->setTargetLayer(&target);
+    controller->setPeltoEnable(true);
+    controller->composite(false, false, 0);
     ASSERT_THAT(host.hwcCalls(), ElementsAre("on"));
     host.clearRecords();
     controller.reset();

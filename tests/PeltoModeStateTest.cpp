@@ -27,12 +27,23 @@ using test::ScopedFakeTrace;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
-constexpr int32_t kOff = 0;
-constexpr int32_t kOn = 1;
-constexpr int32_t kTempOff = 2;
-
+// An API-mode controller whose target is visible; the test moves it through
+// the states with the calls a compositor makes.
 class PeltoModeStateTest : public ::testing::Test {
 protected:
+    PeltoModeStateTest() {
+        mController->setTargetLayer(&mTarget);
+        mHost.setVisibleLayers({&mTarget});
+    }
+    // Composites with the target visible or not, and enabled or not.
+    void compositeWith(bool visible, bool enabled) {
+        mHost.setVisibleLayers(visible ? std::vector<const void*>{&mTarget}
+                                       : std::vector<const void*>{});
+        mController->setPeltoEnable(enabled);
+        mController->composite(false, false, 0);
+    }
+
+    int mTarget = 0;
     FakeCompositor mHost;
     std::unique_ptr<PeltoController> mController = mHost.create(/*useList=*/false);
 };
@@ -42,35 +53,34 @@ TEST_F(PeltoModeStateTest, transitionsCallTheHwcOnlyWhenCrossingOn) {
     ScopedFakeTrace trace(true);
     mHost.clearRecords();
 
-    mController->setPeltoState(kTempOff, 391);  // Off -> Temp Off: nothing else
+    compositeWith(true, false);  // Off -> Temp Off: nothing else
     EXPECT_THAT(mHost.timeline(), IsEmpty());
     EXPECT_EQ(dumpedState(*mController), "Temp Off 391");
 
-    mController->setPeltoState(kOn, 389);  // Temp Off -> On
+    compositeWith(true, true);  // Temp Off -> On
     EXPECT_THAT(mHost.timeline(), ElementsAre("on"));
     EXPECT_TRUE(mController->isOn());
+    compositeWith(true, true);  // same state: nothing at all
+    EXPECT_THAT(mHost.timeline(), ElementsAre("on"));
 
-    mController->setPeltoState(kOn, 551);  // same state: the reason is not stored
-    EXPECT_EQ(dumpedState(*mController), "On 389");
-
-    mController->setPeltoState(kTempOff, 547);  // On -> Temp Off: HWC off, no reset
+    compositeWith(true, false);  // On -> Temp Off: HWC off, no reset
     EXPECT_THAT(mHost.timeline(), ElementsAre("on", "off"));
 
-    mController->setPeltoState(kOff, 455);  // Temp Off -> Off: nothing else
+    compositeWith(false, false);  // Temp Off -> Off: nothing else
     EXPECT_THAT(mHost.timeline(), ElementsAre("on", "off"));
 
-    mController->setPeltoState(kOn, 551);  // Off -> On
+    compositeWith(true, true);  // Off -> On
     mHost.clearRecords();
-    mController->setPeltoState(kOff, 360);  // On -> Off: reset, then HWC off
+    mController->composite(true, false, 0);  // On -> Off: reset, then HWC off
     EXPECT_THAT(mHost.timeline(), ElementsAre("period", "off"));
     EXPECT_EQ(dumpedState(*mController), "Off 360");
 
     EXPECT_THAT(log.messages("PeltoController"),
                 ElementsAre("setPeltoState, Off -> Temp Off, 391\n",
                             "setPeltoState, Temp Off -> On, 389\n",
-                            "setPeltoState, On -> Temp Off, 547\n",
-                            "setPeltoState, Temp Off -> Off, 455\n",
-                            "setPeltoState, Off -> On, 551\n", "setPeltoState, On -> Off, 360\n",
+                            "setPeltoState, On -> Temp Off, 391\n",
+                            "setPeltoState, Temp Off -> Off, 394\n",
+                            "setPeltoState, Off -> On, 389\n", "setPeltoState, On -> Off, 360\n",
                             "from on to off, re-register vsync\n"));
     EXPECT_THAT(FakeTrace::instance().counters("PeltoState"),
                 ElementsAre(counter("PeltoState", 2), counter("PeltoState", 1),
@@ -78,50 +88,42 @@ TEST_F(PeltoModeStateTest, transitionsCallTheHwcOnlyWhenCrossingOn) {
                             counter("PeltoState", 1), counter("PeltoState", 0)));
 }
 
-TEST_F(PeltoModeStateTest, unknownStatesPrintAsUnknownAndCountAsNotOn) {
-    mController->setPeltoState(7, 1);
-    EXPECT_EQ(dumpedState(*mController), "Unknown 1");
-    mController->setPeltoState(-1, 2);
-    EXPECT_EQ(dumpedState(*mController), "Unknown 2");
-    EXPECT_FALSE(mController->isOn());
-    EXPECT_THAT(mHost.hwcCalls(), IsEmpty());
-    EXPECT_STREQ(peltoStateName(2), "Temp Off");
-    EXPECT_STREQ(peltoStateName(3), "Unknown");
-}
-
 TEST_F(PeltoModeStateTest, pendingBufferFlagFollowsTheTargetAndCommitWhileOn) {
-    ScopedFakeTrace trace(true);
     int layer = 0;
+    FakeCompositor host;
+    auto controller = host.create(/*useList=*/false);
+    ScopedFakeTrace trace(true);
     // No target yet: a null handle equals the null target.
-    mController->setHasPendingBuffer(nullptr);
-    mController->setTargetLayer(&layer);
-    mController->setHasPendingBuffer(&layer);
-    mController->setHasPendingBuffer(&mHost);  // another layer: ignored
-    mController->commit();                     // Off: unchanged
-    mController->setPeltoState(kOn, 389);
-    mController->commit();
-    mController->commit();  // traced again even though already false
+    controller->setHasPendingBuffer(nullptr);
+    controller->setTargetLayer(&layer);
+    controller->setHasPendingBuffer(&layer);
+    controller->setHasPendingBuffer(&mHost);  // another layer: ignored
+    controller->commit();                     // Off: unchanged
+    host.setVisibleLayers({&layer});
+    controller->setPeltoEnable(true);
+    controller->composite(false, false, 0);  // On
+    controller->commit();
+    controller->commit();  // traced again even though already false
     EXPECT_THAT(FakeTrace::instance().counters("PeltoHasPendingBuf"),
                 ElementsAre(counter("PeltoHasPendingBuf", 1), counter("PeltoHasPendingBuf", 1),
                             counter("PeltoHasPendingBuf", 0), counter("PeltoHasPendingBuf", 0)));
 
-    mController->setHasOtherUI(true);
+    controller->setHasOtherUI(true);
     EXPECT_THAT(FakeTrace::instance().counters("PeltoHasOtherUI"),
                 ElementsAre(counter("PeltoHasOtherUI", 1)));
     std::string out;
-    mController->dump(out);
+    controller->dump(out);
     EXPECT_THAT(out, ::testing::HasSubstr("HasOtherUI: 1\n"));
 }
 
 TEST_F(PeltoModeStateTest, setTargetLayerResetsThePaceOnlyForANewLayer) {
-    int a = 0;
     int b = 0;
     mHost.clearRecords();
-    mController->setTargetLayer(&a);
-    EXPECT_EQ(mHost.vsyncPeriodCalls(), 1);
-    mController->setTargetLayer(&a);
-    EXPECT_EQ(mHost.vsyncPeriodCalls(), 1);
+    mController->setTargetLayer(&mTarget);  // the target it already has
+    EXPECT_EQ(mHost.vsyncPeriodCalls(), 0);
     mController->setTargetLayer(&b);
+    EXPECT_EQ(mHost.vsyncPeriodCalls(), 1);
+    mController->setTargetLayer(&mTarget);
     EXPECT_EQ(mHost.vsyncPeriodCalls(), 2);
 
     mController->triggerVsyncCallback(false);
@@ -164,10 +166,14 @@ TEST(PeltoTraceLogTest, debugSwitchIsReadOnceAndGatesTheTraceLines) {
     controller->onActiveModeUpdated();
     EXPECT_EQ(log.count("PeltoController", "pelto2_sf_lib: onActiveModeUpdated"), 0u);
 
+    int target = 0;
+    controller->setTargetLayer(&target);
+    controller->setPeltoEnable(true);
+    host.setVisibleLayers({&target});
     // Switch on at the first read: each line is logged inside a section of its text.
     pelto_testing::resetDebugSwitch();
     FakeTrace::instance().clear();
-    controller->setPeltoState(kOn, 389);
+    controller->composite(false, false, 0);
     EXPECT_THAT(log.messages("PeltoController"),
                 ElementsAre("pelto2_sf_lib: setPeltoState, Off -> On, 389\n",
                             "setPeltoState, Off -> On, 389\n"));

@@ -154,13 +154,20 @@ TEST(PeltoStressTest, everyEntryPointFromEightThreadsKeepsTheInvariants) {
 
     // The target count agrees with the TargetLayer records: with nothing
     // visible, a composition says 413 exactly when there is no target record.
+    // A probe target ("video" is one under both rule files) first moves the
+    // state away from Off, so that the composition's reason shows.
+    int probe = 0;
+    host.setVsyncPeriod(16'666'666);
+    controller->registerLayer(&probe, "video#probe");
+    host.setVisibleBufferLayers({{&probe, 10}});
+    controller->composite(false, false, 1000);
+    ASSERT_EQ(dumpedState(*controller), "On 551");
+    controller->destroyLayer(&probe);
     std::string out;
     controller->dump(out);
     const size_t from = out.find("TargetLayer:\n") + 13;
     const bool hasTargetRecord = out.compare(from, 18, "TargetIgnoreLayer:") != 0;
     host.setVisibleBufferLayers({});
-    host.setVsyncPeriod(16'666'666);
-    controller->setPeltoState(1, 551);
     controller->composite(false, false, 1000);
     EXPECT_EQ(dumpedState(*controller), hasTargetRecord ? "Off 455" : "Off 413") << out;
 }

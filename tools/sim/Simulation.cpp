@@ -1,5 +1,7 @@
 #include "tools/sim/Simulation.h"
 
+#include "controller/PeltoTypes.h"
+
 #include <stdlib.h>
 #include <sys/mman.h>
 #include <unistd.h>
@@ -145,15 +147,15 @@ std::string Simulation::causeOf(int32_t reason) const {
             out += "; also on screen before: " + still;
         }
     };
-    switch (reason) {
-        case 547:
+    switch (static_cast<PeltoReason>(reason)) {
+        case PeltoReason::ExceptionRule:
             onScreen("ExceptionLayer", "exception layer");
             break;
-        case 511:
-        case 518:
+        case PeltoReason::OtherLayerNoGeneralRule:
+        case PeltoReason::GeneralRule:
             onScreen("Nobody", "not in the rule file");
             break;
-        case 455:
+        case PeltoReason::NoTargetVisible:
             for (const Layer& l : mLayers) {
                 if (l.registered && l.kind == "TargetLayer" && !isVisible(l)) {
                     add(l.scenario->name + " (target, not on screen)");
@@ -161,10 +163,10 @@ std::string Simulation::causeOf(int32_t reason) const {
             }
             if (out.empty()) out = "no layer the rule file targets is on screen";
             break;
-        case 394:
+        case PeltoReason::ApiTargetNotVisible:
             out = "the target layer is not on screen";
             break;
-        case 360:
+        case PeltoReason::ForceOff:
             out = "forceOff from the compositor";
             break;
         default:
