@@ -67,6 +67,8 @@ std::vector<HostileFile> hostileFiles() {
             {"objects nested far beyond the parser's limit",
              R"({"target_layers": )" + repeat(R"({"a": )", 100'000), "",
              "parse fail, Exceeded stackLimit in readValue()."},
+            {"nesting one past the parser's limit, closed", repeat("[", 1000) + "1" + repeat("]", 1000),
+             "", "parse fail, Exceeded stackLimit in readValue()."},
             {"nesting just within the limit where a name is expected",
              R"({"target_layers": [{"name": "t", "ignore_names": [)" + repeat("[", 900) +
                      repeat("]", 900) + "]}], " + kRest + "}",

@@ -105,10 +105,13 @@ TEST(PeltoLayerRegistryTest, reclassificationKeepsOrderAndStartsEveryRecordAfres
         PeltoLayerRegistry::classify(reclassification, *after);
         if (changedMeanwhile) {
             registry.add(PeltoLayerRegistry::prepare(layer(3), "game#1"), *before);
-            registry.remove(layer(3));
         }
         registry.apply(std::move(reclassification), *after);
 
+        if (changedMeanwhile) {
+            EXPECT_THAT(records(registry), ElementsAre("video#0:2", "game#0:1", "game#1:1"));
+            registry.remove(layer(3));
+        }
         EXPECT_THAT(records(registry), ElementsAre("video#0:2", "game#0:1"));
         EXPECT_EQ(registry.find(layer(1))->targetIgnoreInfo->id, 0);
         EXPECT_EQ(registry.find(layer(1))->area, 0);
