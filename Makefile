@@ -96,8 +96,9 @@ LATENCY_SECONDS ?= 10
 bench-latency: bench-build
 	build/default/bench/pelto_reload_latency --seconds=$(LATENCY_SECONDS)
 
-# libFuzzer targets under ASan+UBSan, each for FUZZ_SECONDS over a scratch
-# copy of its seed corpus; fails on any crash, leak, timeout or broken invariant.
+# libFuzzer targets under ASan+UBSan, side by side (one job each) for
+# FUZZ_SECONDS over a scratch copy of each seed corpus; fails on any crash,
+# leak, timeout or broken invariant.
 fuzz: deps
 	cmake --preset fuzz >/dev/null
 	cmake --build --preset fuzz -j $(JOBS) --target pelto_rule_file_fuzzer pelto_controller_fuzzer

@@ -10,24 +10,53 @@ namespace {
 
 std::atomic<int64_t> sNow{0};
 
+char gLayers[kSlots - 1];
+
 } // namespace
 
 void setClock(int64_t now) {
     sNow = now;
 }
 
+void advanceClock(int64_t step) {
+    sNow += step;
+}
+
 int64_t clockNow() {
     return sNow;
 }
 
+const void* slotPointer(size_t slot) {
+    slot %= kSlots;
+    return slot < kSlots - 1 ? &gLayers[slot] : nullptr;
+}
+
+FuzzHost::FuzzHost() {
+    for (sp<IBinder>& handle : mHandles) handle = new BBinder();
+    reset();
+}
+
+void FuzzHost::reset() {
+    mVisible.clear();
+    mPeriod = kDefaultPeriod;
+    for (std::atomic<int>& count : mBufferCounts) count = 1;
+}
+
+int FuzzHost::slotOf(const sp<IBinder>& handle) const {
+    for (size_t slot = 0; slot < kSlots; ++slot) {
+        if (mHandles[slot] == handle) return static_cast<int>(slot);
+    }
+    return -1;
+}
+
 PeltoController* FuzzHost::create(bool useList) {
     auto layerPtr = [this](const sp<IBinder>& handle) -> void* {
-        const auto it = mHandles.find(handle.get());
-        return it == mHandles.end() ? nullptr : const_cast<void*>(it->second.first);
+        const int slot = slotOf(handle);
+        return slot < 0 ? nullptr : const_cast<void*>(slotPointer(slot));
     };
     auto bufferCount = [this](const sp<IBinder>& handle) {
-        const auto it = mHandles.find(handle.get());
-        return it == mHandles.end() ? 0 : it->second.second;
+        const int slot = slotOf(handle);
+        return slot < 0 ? 0 : mBufferCounts[slot].load();
     };
     auto traverseLayers = [this](const PeltoController::LayerVisitor& visitor) {
         for (const VisibleLayer& layer : mVisible) visitor(layer.layerPtr);
@@ -41,28 +70,13 @@ PeltoController* FuzzHost::create(bool useList) {
     auto vsync = [this](bool) { ++mVsyncCallbacks; };
     auto invalidate = [] { check(false, "the event-queue invalidate callback was called"); };
     auto hwcOn = [this] {
-        check(!mHwcOn, "HWC mode switched on twice in a row");
-        mHwcOn = true;
+        check(!mHwcOn.exchange(true), "HWC mode switched on twice in a row");
     };
     auto hwcOff = [this] {
-        check(mHwcOn, "HWC mode switched off while not on");
-        mHwcOn = false;
+        check(mHwcOn.exchange(false), "HWC mode switched off while not on");
     };
     return createPeltoController(useList, layerPtr, bufferCount, traverseLayers,
                                  traverseBufferLayers, period, vsync, invalidate, hwcOn, hwcOff);
-}
-
-sp<IBinder> FuzzHost::makeHandle(const void* layerPtr) {
-    sp<IBinder> handle = new BBinder();
-    mHandles[handle.get()] = {layerPtr, 1};
-    return handle;
-}
-
-void FuzzHost::setBufferCount(const sp<IBinder>& handle, int bufferCount) {
-    const auto it = mHandles.find(handle.get());
-    if (it != mHandles.end()) {
-        it->second.second = bufferCount;
-    }
 }
 
 } // namespace android::fuzz

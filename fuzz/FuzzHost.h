@@ -1,9 +1,9 @@
 #pragma once
 
+#include <array>
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
-#include <map>
-#include <utility>
 #include <vector>
 
 #include <binder/IBinder.h>
@@ -16,13 +16,19 @@ namespace android::fuzz {
 // The fuzz program defines systemTime(): its monotonic clock is this value,
 // which only the fuzz input moves, so that a run can be replayed exactly.
 void setClock(int64_t now);
+void advanceClock(int64_t step);
 int64_t clockNow();
 
-// A lean compositor for the controller fuzzer: answers the nine callbacks
-// from state the input sets, and checks that the HWC mode is switched on and
-// off strictly in turn, starting with on. All of its state is touched on the
-// fuzzing thread, except the vsync-callback count and the vsync period, which
-// the controller's own threads may read or bump.
+// Layer slots: 0 to kSlots - 2 are layer pointers, the last one is null.
+constexpr size_t kSlots = 8;
+const void* slotPointer(size_t slot);
+
+// A lean compositor for the controller fuzzer, built once and reused by every
+// input: answers the nine callbacks from state the input sets, and checks that
+// the HWC mode is switched on and off strictly in turn, starting with on.
+// The visible set is set and read on the composing thread only; everything
+// else may be touched from the fuzzer's second thread and the controller's
+// own threads, so it is atomic.
 class FuzzHost {
 public:
     struct VisibleLayer {
@@ -31,29 +37,38 @@ public:
         bool focused = false;
     };
 
-    FuzzHost() = default;
+    static constexpr long kDefaultPeriod = 16'666'666;
+
+    FuzzHost();
     FuzzHost(const FuzzHost&) = delete;
     FuzzHost& operator=(const FuzzHost&) = delete;
 
     // A controller made through the exported entry point, with all nine callbacks.
     PeltoController* create(bool useList);
 
+    // Back to the state a new host starts in; the HWC record is left alone:
+    // it follows the controller, which is reset separately.
+    void reset();
+
     void setVisibleLayers(std::vector<VisibleLayer> layers) { mVisible = std::move(layers); }
     void setVsyncPeriod(long period) { mPeriod = period; }
     long vsyncPeriod() const { return mPeriod; }
-    // A handle that names layerPtr (null: a handle of no layer).
-    sp<IBinder> makeHandle(const void* layerPtr);
-    void setBufferCount(const sp<IBinder>& handle, int bufferCount);
+    // The handle of a slot's layer; the last slot's handle names no layer.
+    const sp<IBinder>& handle(size_t slot) const { return mHandles[slot % kSlots]; }
+    void setBufferCount(size_t slot, int bufferCount) { mBufferCounts[slot % kSlots] = bufferCount; }
 
     // Whether the last HWC call was "on" (false before any).
     bool hwcOn() const { return mHwcOn; }
 
 private:
+    int slotOf(const sp<IBinder>& handle) const;
+
     std::vector<VisibleLayer> mVisible;
-    std::atomic<long> mPeriod{16'666'666};
-    std::map<const IBinder*, std::pair<const void*, int>> mHandles;
+    std::atomic<long> mPeriod{kDefaultPeriod};
+    std::array<sp<IBinder>, kSlots> mHandles;
+    std::array<std::atomic<int>, kSlots> mBufferCounts{};
     std::atomic<int> mVsyncCallbacks{0};
-    bool mHwcOn = false;
+    std::atomic<bool> mHwcOn{false};
 };
 
 } // namespace android::fuzz

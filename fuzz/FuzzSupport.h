@@ -9,7 +9,7 @@ namespace android::fuzz {
 // Drops every liblog line, so that a run spends its time in the code under test.
 void silenceLog();
 
-// A rule file of this process's own (under $TMPDIR or /tmp, named after the
+// A rule file of this process's own (under $TMPDIR, else /dev/shm, else /tmp, named after the
 // pid), which PELTO_CONFIG_PATH points the loader at from the first call on.
 // The file is removed when the process exits normally.
 const std::string& ruleFilePath();

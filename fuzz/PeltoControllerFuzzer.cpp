@@ -1,67 +1,85 @@
-// The input is a script of entry-point calls against one controller and a fake
-// compositor: layers come and go from a small pool of pointers and names,
-// compositions run over a visible set the input chooses, transactions arrive,
-// the rules are reloaded from a few fixed files and the vsync period changes
-// (0, negative and huge included). After every call the fuzzer checks what a
-// compositor can observe: the dumped state, isOn(), the HWC on/off order, the
-// registry's target records and the outcome of each composition.
+// The input carries everything a controller sees: the mode, the rule file, the
+// debug switch, faults for the fence thread's platform calls, and two scripts of
+// entry-point calls with the host's answers (visible layers that repeat or
+// were never registered, buffer counts of any sign, vsync periods of any
+// value, fences that wait or fail). The first script runs on the fuzzing
+// thread and alone composes; the second runs at the same time on a second
+// thread (transactions, hints, reloads, dumps). The invariants a compositor
+// can observe are checked after every composition and at the end of each input.
+//
+// Layout: a setup byte, a construction byte, the rule file's text, "\n%%\n", the
+// composing script, "\n%%\n", the second thread's script (each part may be
+// empty). A script is a list of calls: an opcode byte and its arguments (Op).
+//
+// A controller is built once per mode and reused: each input starts by bringing
+// it back to what a new controller shows (no layers, the input's rules, Off with
+// reason -1, no pending buffer, no hints), so the input still decides everything. Set
+// PELTO_FUZZ_COMPARE_FRESH=1 to check that claim: every input is then also run
+// against a new controller, both scripts on one thread, and what the two runs
+// showed must be the same.
+#include <errno.h>
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
 #include <algorithm>
+#include <array>
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
 #include <iterator>
 #include <limits>
+#include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
+#include <android-base/properties.h>
 #include <ui/Fence.h>
 
+#include "config/PeltoConfig.h"
+#include "controller/FenceThreadCalls.h"
 #include "controller/PeltoEntryPoints.h"
 #include "fuzz/FuzzHost.h"
+#include "fuzz/FuzzInput.h"
 #include "fuzz/FuzzSupport.h"
+#include "fuzz/FuzzWorker.h"
+#include "trace/PeltoTraceLog.h"
 
 namespace android::fuzz {
 namespace {
 
-constexpr size_t kMaxCalls = 64;
+constexpr size_t kMaxCalls = 256;  // per script
+// A reload reads and parses the file: the costliest call by far. Past this
+// many in a script, Reload does nothing.
+constexpr int kMaxReloads = 4;
 constexpr int64_t kClockStart = 1'000'000'000'000;
 constexpr unsigned int kScreenArea = 1920 * 1080;
+constexpr std::string_view kSeparator = "\n%%\n";
+constexpr const char* kDebugProperty = "vendor.debug.sf.show_pelto2_trace";
 
-// Slots 0-6 are layers, slot 7 the null pointer.
-constexpr size_t kSlots = 8;
-char gLayers[kSlots - 1];
+// Reloaded before the input's own rules. A rule file rejected whole leaves
+// the general switches as they were, so they are first put back where a new
+// controller's configuration has them: both on.
+constexpr std::string_view kBaselineRules =
+        R"({"target_layers": [{}], "general_rule": {"on_when_has_other_layer": true,
+            "use_adaptive_timeout": true}})";
 
-const void* slotPointer(size_t slot) {
-    return slot < kSlots - 1 ? &gLayers[slot] : nullptr;
-}
+// The setup byte.
+constexpr uint8_t kSetupListMode = 1 << 0;
+constexpr uint8_t kSetupDebug = 1 << 1;
+constexpr uint8_t kSetupNoRuleFile = 1 << 2;
+// The construction byte that follows it: from this value up, the input gets a
+// controller of its own, built while the fence thread's platform calls named
+// by bits 0-3 fail (naming, SCHED_FIFO, niceness, foreground group).
+// Construction starts and joins two threads, which costs ten inputs on a
+// reused controller, so only one value in sixteen asks for it.
+constexpr uint8_t kNewControllerFrom = 0xf0;
 
-const char* const kNames[] = {"video#0",  "video#7", "game#1", "subtitle#0",
-                              "keyboard#0", "other#0", "video",  "game#1#2"};
-
-// The rule files the input switches between, with the names each makes targets.
-struct RuleFile {
-    const char* text;  // null: no file at all
-    std::vector<std::string> targets;
-    bool loads;
-};
-
-const RuleFile kRuleFiles[] = {
-        {R"({"target_layers": [{"name": "video", "ignore_names": ["subtitle"]}, {"name": "game"}],
-             "general_rule": {"on_when_has_other_layer": true, "use_adaptive_timeout": true},
-             "exception_rule": [
-               {"layer_screen_size_ratio": {"condition": "1 bigger", "value1": 30}},
-               {"name": "keyboard", "focus": true, "layer_screen_size_ratio":
-                 {"condition": "2 in_range", "value1": 10, "value2": 50}}]})",
-         {"video", "game"},
-         true},
-        {R"({"target_layers": [{"name": "game", "ignore_names": ["video"]}, {"name": "game#1"}],
-             "general_rule": {"on_when_has_other_layer": false, "use_adaptive_timeout": false},
-             "exception_rule": [{"focus": false}, {"name": "subtitle", "always_true": true},
-                                {"name": "keyboard"}]})",
-         {"game", "game#1"},
-         true},
-        {R"({"target_layers": [{"name": "video"})", {}, false},
-        {nullptr, {}, false},
-};
+const char* const kFixedNames[] = {"video#0", "video#7", "game#1",  "subtitle#0", "keyboard#0",
+                                   "other#0", "video",   "game#1#2", "",          "#"};
+constexpr size_t kMaxRuleNames = 6;
+constexpr size_t kMaxRuleNameLength = 64;
 
 const float kAreas[] = {0.0f,
                         1.0f,
@@ -77,79 +95,58 @@ const float kAreas[] = {0.0f,
                         std::numeric_limits<float>::max(),
                         std::numeric_limits<float>::denorm_min(),
                         1e-3f,
-                        1e30f};
+                        1e30f};  // index 15: a raw f32 follows
 
 const long kPeriods[] = {16'666'666, 8'333'333, 11'111'111,
                          33'333'333, 0,         -1,
                          1,          500'000'000, 500'000'001,
                          std::numeric_limits<long>::max(), std::numeric_limits<long>::min()};
 
+const int kBufferCounts[] = {0, 1, 2, 3, -1, -2, std::numeric_limits<int>::min(),
+                             std::numeric_limits<int>::max()};
+
 const int64_t kClockSteps[] = {0,          1'000'000,   4'000'000,     8'333'333,
                                16'666'666, 33'333'333, 100'000'000,   1'000'000'000,
                                10'000'000'000};
 
-// Input format: a setup byte (bit 0 list mode, bits 1-2 the rule file read at
-// construction), then up to kMaxCalls calls, each an opcode byte (taken modulo
-// Op::Count) followed by its argument bytes as listed. "slot" is a byte modulo 8.
+// Opcodes (a byte modulo the count). The first group runs on either thread,
+// the second only on the composing one. Arguments follow as listed; "slot" is
+// a byte modulo kSlots, the last slot being the null pointer.
 enum class Op : uint8_t {
-    Register,                 // slot in bits 0-2, name in bits 3-5
+    SetTransactionState,      // count (modulo 9), per element: slot in bits 0-2, bit 3 null
+                              // handle, bit 4 has buffer, bit 5 the unused flag, bits 6-7
+                              // fence kind; then the timestamp selector (9: a u64 follows)
+    SetBufferCount,           // slot, then an index into kBufferCounts (8 and up: a u32)
+    SetHasPendingBuffer,      // slot
+    SetHasOtherUI,            // bit 0
+    SetPreviousPresentFence,  // fence kind
+    SetSFInProgress,          // bit 0
+    OnActiveModeUpdated,
+    IsQ2QFull,
+    IsOn,
+    Commit,
+    Dump,
+    Reload,                   // at most kMaxReloads per script
+    AdvanceClock,             // index into kClockSteps, or a u32 of microseconds
+    SetVsyncPeriod,           // index into kPeriods, or a u64
+    QueueFence,               // fence kind
+    CalculateTimeout,
+    TimeoutCallback,
+    SharedCount,
+    Register = SharedCount,   // slot, then name: bits 0-3 the name, bit 4 "#digit" appended
     Destroy,                  // slot
     Composite,                // bit 0 forceOff, bit 1 compositeFlag, bits 2-3 screen
                               // (full, 0, 1, or a u32 that follows)
-    SetVisible,               // slot mask, then per slot: area in bits 0-3 (15: an f32
-                              // follows), bit 4 focused
-    SetVsyncPeriod,           // index into kPeriods, or a u64 that follows
-    AdvanceClock,             // index into kClockSteps, or a u32 of microseconds
-    SetTransactionState,      // count (modulo 5), per element: slot in bits 0-2, bit 3
-                              // null handle, bit 4 has buffer, bits 5-6 buffer count;
-                              // then the timestamp selector
-    IsOn,
-    IsQ2QFull,
-    Commit,
-    SetHasPendingBuffer,      // slot
-    SetHasOtherUI,            // bit 0
-    SetPreviousPresentFence,  // null, NO_FENCE or an invalid fence (modulo 3)
-    SetSFInProgress,          // bit 0
+    SetVisible,               // count (modulo 17), per entry: slot in bits 0-2, area in
+                              // bits 3-6 (15: an f32 follows), bit 7 focused
     SetTargetLayer,           // slot
     SetPeltoEnable,           // bit 0
-    OnActiveModeUpdated,
-    Dump,
-    Reload,                   // rule file (modulo 4)
-    CalculateTimeout,
-    TimeoutCallback,
     Count,
 };
 
-// Reads the input front to back; past its end every read gives 0.
-class Input {
-public:
-    Input(const uint8_t* data, size_t size) : mData(data), mSize(size) {}
-
-    bool empty() const { return mPos >= mSize; }
-    uint8_t byte() { return mPos < mSize ? mData[mPos++] : 0; }
-    uint32_t u32() {
-        uint32_t value = 0;
-        for (int i = 0; i < 4; ++i) value |= static_cast<uint32_t>(byte()) << (8 * i);
-        return value;
-    }
-    uint64_t u64() { return u32() | static_cast<uint64_t>(u32()) << 32; }
-    float f32() {
-        const uint32_t bits = u32();
-        float value;
-        std::memcpy(&value, &bits, sizeof(value));
-        return value;
-    }
-
-private:
-    const uint8_t* const mData;
-    const size_t mSize;
-    size_t mPos = 0;
-};
-
-int64_t wrappingSub(int64_t a, int64_t b) {
-    int64_t result;
-    __builtin_sub_overflow(a, b, &result);
-    return result;
+std::string lookupKey(const std::string& name) {
+    const size_t hash = name.rfind('#');
+    return hash == std::string::npos ? name : name.substr(0, hash);
 }
 
 int64_t wrappingAdd(int64_t a, int64_t b) {
@@ -158,50 +155,189 @@ int64_t wrappingAdd(int64_t a, int64_t b) {
     return result;
 }
 
-std::string lookupKey(const std::string& name) {
-    const size_t hash = name.rfind('#');
-    return hash == std::string::npos ? name : name.substr(0, hash);
+int64_t wrappingSub(int64_t a, int64_t b) {
+    int64_t result;
+    __builtin_sub_overflow(a, b, &result);
+    return result;
 }
 
-// The text after `label` up to the end of its line, or "?" when missing.
-std::string dumpedField(const std::string& dump, const std::string& label) {
-    const size_t start = dump.find(label);
-    if (start == std::string::npos) return "?";
-    const size_t from = start + label.size();
-    return dump.substr(from, dump.find('\n', from) - from);
-}
-
-// Layer lines (one tab deep) between "TargetLayer:" and "TargetIgnoreLayer:", or -1.
-int dumpedTargetRecords(const std::string& dump) {
-    const size_t begin = dump.find("TargetLayer:\n");
-    const size_t end = dump.find("TargetIgnoreLayer:\n");
-    if (begin == std::string::npos || end == std::string::npos || end < begin) return -1;
-    int count = 0;
-    size_t line = begin + std::strlen("TargetLayer:\n");
-    while (line < end) {
-        if (dump.compare(line, 1, "\t") == 0 && dump.compare(line, 2, "\t\t") != 0) ++count;
-        line = dump.find('\n', line) + 1;
+// Fence kinds: none, NO_FENCE, a signalled pipe, a descriptor that cannot be waited on.
+sp<Fence> makeFence(uint8_t kind) {
+    switch (kind % 4) {
+        case 0: return nullptr;
+        case 1: return Fence::NO_FENCE;
+        case 2: {
+            int fds[2];
+            if (pipe2(fds, O_CLOEXEC) != 0) return Fence::NO_FENCE;
+            close(fds[1]);
+            return sp<Fence>(new Fence(fds[0]));
+        }
+        default: return sp<Fence>(new Fence(std::numeric_limits<int>::max()));
     }
-    return count;
 }
 
-// What the script has done so far, as far as the invariants need it.
+// Faults for the fence thread's platform calls, read when a controller is built.
+std::atomic<unsigned> sFenceFaults{0};
+const FenceThreadCalls* sPlatformFenceCalls = nullptr;
+
+const FenceThreadCalls kFaultyFenceCalls = {
+        [](pthread_t thread, const char* name) {
+            return (sFenceFaults & 1) != 0 ? ERANGE : sPlatformFenceCalls->setName(thread, name);
+        },
+        [](pthread_t thread, int priority) {
+            return (sFenceFaults & 2) != 0 ? EPERM
+                                           : sPlatformFenceCalls->setFifoPriority(thread, priority);
+        },
+        [](int tid, int nice) {
+            return (sFenceFaults & 4) != 0 ? -1 : sPlatformFenceCalls->setNice(tid, nice);
+        },
+        [](int tid, SchedPolicy policy) {
+            return (sFenceFaults & 8) != 0 ? -EPERM
+                                           : sPlatformFenceCalls->setSchedPolicy(tid, policy);
+        },
+};
+
+// What the controller's dump says, as far as the invariants need it.
+struct DumpView {
+    std::string state;
+    int reason = 0;
+    bool hasLayers = false;
+    // Record names by section: TargetLayer, TargetIgnoreLayer, ExceptionLayer, Nobody.
+    std::array<std::vector<std::string>, 4> sections;
+};
+
+// The state block is the last one; the layer sections come just before it,
+// after the configuration's own text (which may hold anything a rule file
+// names). Registered names never hold a line break or a tab, so the sections
+// are found from the end.
+DumpView parseDump(const std::string& dump) {
+    static constexpr std::string_view kState = "==========\nPelto State: ";
+    static constexpr std::string_view kReason = "Pelto State Reason: ";
+    static constexpr std::string_view kLayers = "==========\nTargetLayer:\n";
+    static const char* const kHeadings[] = {"TargetLayer:", "TargetIgnoreLayer:",
+                                            "ExceptionLayer:", "Nobody:"};
+    DumpView view;
+    const size_t stateAt = dump.rfind(kState);
+    check(stateAt != std::string::npos, "the dump has no state block");
+    const size_t stateFrom = stateAt + kState.size();
+    const size_t stateEnd = dump.find('\n', stateFrom);
+    check(stateEnd != std::string::npos, "the dump ends inside its state block");
+    view.state = dump.substr(stateFrom, stateEnd - stateFrom);
+    check(dump.compare(stateEnd + 1, kReason.size(), kReason) == 0,
+          "the dump's state is not followed by its reason");
+    view.reason = std::atoi(dump.c_str() + stateEnd + 1 + kReason.size());
+
+    const size_t layersAt = dump.rfind(kLayers, stateAt);
+    if (layersAt == std::string::npos) return view;
+    view.hasLayers = true;
+    int section = -1;
+    for (size_t line = layersAt + std::strlen("==========\n"); line < stateAt;) {
+        const size_t end = dump.find('\n', line);
+        const std::string_view text(dump.data() + line, end - line);
+        line = end + 1;
+        if (text.substr(0, 2) == "\t\t") continue;
+        if (text.substr(0, 1) == "\t") {
+            check(section >= 0, "a layer record before any section heading");
+            view.sections[section].emplace_back(text.substr(1));
+            continue;
+        }
+        const auto heading = std::find(std::begin(kHeadings), std::end(kHeadings), text);
+        check(heading != std::end(kHeadings), "an unknown line among the layer sections");
+        section = static_cast<int>(heading - std::begin(kHeadings));
+    }
+    return view;
+}
+
+bool legalPair(bool useList, const std::string& state, int reason) {
+    const auto in = [reason](std::initializer_list<int> reasons) {
+        return std::find(reasons.begin(), reasons.end(), reason) != reasons.end();
+    };
+    if (useList) {
+        if (state == "Off") return in({-1, 360, 413, 455});
+        if (state == "On") return in({551});
+        if (state == "Temp Off") return in({511, 518, 547});
+    } else {
+        if (state == "Off") return in({-1, 360, 375, 394});
+        if (state == "On") return in({389});
+        if (state == "Temp Off") return in({391});
+    }
+    return false;
+}
+
+// What one input shares between its two scripts; set before they start.
+struct Run {
+    PeltoController* controller = nullptr;
+    FuzzHost* host = nullptr;
+    bool useList = false;
+    const PeltoConfig* rules = nullptr;  // the input's rules as a new loader reads them
+    const char* reloadLine = nullptr;    // what a reload must print first (list mode)
+    std::vector<std::string> names;      // names the scripts register
+    std::string* transcript = nullptr;   // what the composing script saw (compare mode)
+};
+
+// One script: its own input span and its own record of what it did.
 class Script {
 public:
-    Script(FuzzHost& host, PeltoController* controller, bool useList, size_t rules)
-          : mHost(host), mController(controller), mUseList(useList), mRules(rules) {
-        for (size_t slot = 0; slot < kSlots; ++slot) {
-            mHandles.push_back(mHost.makeHandle(slotPointer(slot)));
+    Script(const Run& run, std::string_view bytes, bool composing)
+          : mRun(run), mInput(bytes), mComposing(composing) {}
+
+    void run() {
+        const auto count = static_cast<uint8_t>(mComposing ? Op::Count : Op::SharedCount);
+        for (size_t call = 0; call < kMaxCalls && !mInput.empty(); ++call) {
+            const auto op = static_cast<Op>(mInput.byte() % count);
+            if (op == Op::Composite) {
+                composite();
+                continue;
+            }
+            runOne(op);
+            if (mComposing) {
+                // Only a composition changes the state, and the HWC follows it at once.
+                const bool on = ::isOn(mRun.controller);
+                check(on == mOn, "the state changed outside a composition");
+                check(on == mRun.host->hwcOn(), "the HWC mode disagrees with isOn()");
+            }
         }
     }
 
-    void run(Input& input) {
-        for (size_t call = 0; call < kMaxCalls && !input.empty(); ++call) {
-            const auto op = static_cast<Op>(input.byte() % static_cast<uint8_t>(Op::Count));
-            const std::string stateBefore = state();
-            const bool composed = runOne(op, input);
-            checkInvariants(composed ? nullptr : &stateBefore);
+    // The end of the input, once the other script has finished too.
+    void checkFinal() {
+        std::string out;
+        ::dump(mRun.controller, out);
+        record(out);
+        const DumpView view = parseDump(out);
+        check(legalPair(mRun.useList, view.state, view.reason),
+              "the state and its reason are not a pair this mode can give");
+        const bool on = ::isOn(mRun.controller);
+        check(on == (view.state == "On"), "isOn() disagrees with the dump");
+        check(on == mRun.host->hwcOn(), "the HWC mode disagrees with isOn()");
+        if (mRun.useList) {
+            check(view.hasLayers, "list mode: the dump has no layer sections");
+            std::array<std::vector<std::string>, 4> expected;
+            for (const Record& record : mRegistry) {
+                expected[expectedType(record.name)].push_back(record.name);
+            }
+            for (size_t type = 0; type < expected.size(); ++type) {
+                std::vector<std::string> dumped = view.sections[type];
+                std::sort(dumped.begin(), dumped.end());
+                std::sort(expected[type].begin(), expected[type].end());
+                check(dumped == expected[type],
+                      type == 0 ? "the dump's target records are not the registered targets"
+                                : "the dump's records are not the registered layers, each "
+                                  "classified by the current rules");
+            }
+        } else {
+            check(!view.hasLayers && out.find("TargetLayer:") == std::string::npos,
+                  "API mode: the dump lists layers");
         }
+
+        // The last composition of every input is forced off, which leaves the
+        // controller Off for the next one.
+        ::composite(mRun.controller, true, false, kScreenArea);
+        out.clear();
+        ::dump(mRun.controller, out);
+        check(parseDump(out).state == "Off", "a forced-off composition left the mode not Off");
+        check(!::isOn(mRun.controller) && !mRun.host->hwcOn(),
+              "after a forced-off composition the HWC mode is still on");
     }
 
 private:
@@ -210,14 +346,18 @@ private:
         std::string name;
     };
 
-    bool isTargetName(const std::string& name) const {
-        const auto& targets = kRuleFiles[mRules].targets;
-        return std::find(targets.begin(), targets.end(), lookupKey(name)) != targets.end();
+    // The section a name's record belongs in under the input's rules.
+    size_t expectedType(const std::string& name) const {
+        const std::string key = lookupKey(name);
+        if (mRun.rules->isTargetLayer(key, nullptr)) return 0;
+        if (mRun.rules->isTargetIgnoreLayer(key, nullptr)) return 1;
+        if (mRun.rules->isExceptionLayer(key, nullptr)) return 2;
+        return 3;
     }
 
     int registeredTargets() const {
         int count = 0;
-        for (const Record& record : mRegistry) count += isTargetName(record.name) ? 1 : 0;
+        for (const Record& record : mRegistry) count += expectedType(record.name) == 0 ? 1 : 0;
         return count;
     }
 
@@ -226,7 +366,7 @@ private:
         for (const auto& layer : mVisible) {
             for (const Record& record : mRegistry) {
                 if (record.layerPtr == layer.layerPtr) {
-                    if (isTargetName(record.name)) return true;
+                    if (expectedType(record.name) == 0) return true;
                     break;
                 }
             }
@@ -241,16 +381,14 @@ private:
         return false;
     }
 
-    std::string state() const {
-        std::string out;
-        ::dump(mController, out);
-        return dumpedField(out, "Pelto State: ");
+    void record(const std::string& text) {
+        if (mRun.transcript != nullptr) *mRun.transcript += text;
     }
 
     long timestamp(uint8_t selector) {
         const int64_t now = clockNow();
-        const int64_t period = mHost.vsyncPeriod();
-        switch (selector % 9) {
+        const int64_t period = mRun.host->vsyncPeriod();
+        switch (selector % 10) {
             case 0: return now;
             case 1: return wrappingSub(now, period);
             case 2: return wrappingSub(now, wrappingAdd(period, period));
@@ -259,247 +397,416 @@ private:
             case 5: return 0;
             case 6: return -1;
             case 7: return std::numeric_limits<long>::min();
-            default: return std::numeric_limits<long>::max();
+            case 8: return std::numeric_limits<long>::max();
+            default: return static_cast<long>(mInput.u64());
         }
     }
 
-    float area(Input& input, uint8_t selector) {
-        const size_t index = selector & 0x0f;
-        return index < std::size(kAreas) ? kAreas[index] : input.f32();
+    float area(uint8_t selector) {
+        return selector < std::size(kAreas) ? kAreas[selector] : mInput.f32();
     }
 
-    // Runs one call; true when it was a composition.
-    bool runOne(Op op, Input& input) {
+    std::string name(uint8_t selector) {
+        std::string name = mRun.names[(selector & 0x0f) % mRun.names.size()];
+        if ((selector & 0x10) != 0) name += "#" + std::to_string(selector >> 5);
+        return name;
+    }
+
+    void runOne(Op op) {
+        PeltoController* const ctl = mRun.controller;
         switch (op) {
+            case Op::SetTransactionState: {
+                std::vector<PeltoTransactionState> states;
+                const size_t count = mInput.byte() % 9;
+                for (size_t i = 0; i < count; ++i) {
+                    const uint8_t b = mInput.byte();
+                    const sp<IBinder>& handle = mRun.host->handle(b);
+                    states.emplace_back((b & 0x08) != 0 ? nullptr : handle, (b & 0x10) != 0,
+                                        (b & 0x20) != 0, makeFence(b >> 6));
+                }
+                ::setTransactionState(ctl, states, timestamp(mInput.byte()));
+                return;
+            }
+            case Op::SetBufferCount: {
+                const uint8_t slot = mInput.byte();
+                const uint8_t index = mInput.byte();
+                mRun.host->setBufferCount(slot, index < std::size(kBufferCounts)
+                                                        ? kBufferCounts[index]
+                                                        : static_cast<int>(mInput.u32()));
+                return;
+            }
+            case Op::SetHasPendingBuffer:
+                ::setHasPendingBuffer(ctl, slotPointer(mInput.byte()));
+                return;
+            case Op::SetHasOtherUI:
+                ::setHasOtherUI(ctl, (mInput.byte() & 1) != 0);
+                return;
+            case Op::SetPreviousPresentFence:
+                ::setPreviousPresentFence(ctl, makeFence(mInput.byte()));
+                return;
+            case Op::SetSFInProgress:
+                ::setSFInProgress(ctl, (mInput.byte() & 1) != 0);
+                return;
+            case Op::OnActiveModeUpdated:
+                ::onActiveModeUpdated(ctl);
+                return;
+            case Op::IsQ2QFull:
+                ::isQ2QFull(ctl);
+                return;
+            case Op::IsOn:
+                ::isOn(ctl);
+                return;
+            case Op::Commit:
+                ::commit(ctl);
+                return;
+            case Op::Dump: {
+                std::string out;
+                ::dump(ctl, out);
+                record(out);
+                return;
+            }
+            case Op::Reload: {
+                if (++mReloads > kMaxReloads) return;
+                std::string out;
+                ::reloadConfigThenDump(ctl, out);
+                record(out);
+                if (mRun.useList) {
+                    check(out.rfind(mRun.reloadLine, 0) == 0,
+                          "the reload's first line does not match the file");
+                } else {
+                    check(out.empty(), "API mode: a reload printed something");
+                }
+                return;
+            }
+            case Op::AdvanceClock: {
+                // The monotonic clock never goes back.
+                const size_t index = mInput.byte();
+                advanceClock(index < std::size(kClockSteps)
+                                     ? kClockSteps[index]
+                                     : static_cast<int64_t>(mInput.u32()) * 1000);
+                return;
+            }
+            case Op::SetVsyncPeriod: {
+                const size_t index = mInput.byte();
+                mRun.host->setVsyncPeriod(index < std::size(kPeriods)
+                                                  ? kPeriods[index]
+                                                  : static_cast<long>(mInput.u64()));
+                return;
+            }
+            case Op::QueueFence:
+                ctl->queueFence(makeFence(mInput.byte()));
+                return;
+            case Op::CalculateTimeout:
+                ctl->calculateTimeout();
+                return;
+            case Op::TimeoutCallback:
+                ctl->timeoutCallback();
+                return;
             case Op::Register: {
-                const uint8_t b = input.byte();
-                const void* layerPtr = slotPointer(b % kSlots);
-                const std::string name = kNames[(b >> 3) % std::size(kNames)];
-                ::registerLayer(mController, layerPtr, name);
-                if (mUseList && layerPtr != nullptr) mRegistry.push_back({layerPtr, name});
-                return false;
+                const void* layerPtr = slotPointer(mInput.byte());
+                const std::string layerName = name(mInput.byte());
+                ::registerLayer(ctl, layerPtr, layerName);
+                if (mRun.useList && layerPtr != nullptr) mRegistry.push_back({layerPtr, layerName});
+                return;
             }
             case Op::Destroy: {
-                const void* layerPtr = slotPointer(input.byte() % kSlots);
-                ::destroyLayer(mController, layerPtr);
+                const void* layerPtr = slotPointer(mInput.byte());
+                ::destroyLayer(ctl, layerPtr);
                 mRegistry.erase(std::remove_if(mRegistry.begin(), mRegistry.end(),
                                                [layerPtr](const Record& r) {
                                                    return r.layerPtr == layerPtr;
                                                }),
                                 mRegistry.end());
-                return false;
+                return;
             }
-            case Op::Composite:
-                composite(input);
-                return true;
             case Op::SetVisible: {
-                const uint8_t mask = input.byte();
+                const size_t count = mInput.byte() % 17;
                 mVisible.clear();
-                for (size_t slot = 0; slot < kSlots; ++slot) {
-                    if ((mask & (1u << slot)) == 0) continue;
-                    const uint8_t b = input.byte();
-                    mVisible.push_back({slotPointer(slot), area(input, b), (b & 0x10) != 0});
-                }
-                mHost.setVisibleLayers(mVisible);
-                return false;
-            }
-            case Op::SetVsyncPeriod: {
-                const size_t index = input.byte();
-                mHost.setVsyncPeriod(index < std::size(kPeriods)
-                                             ? kPeriods[index]
-                                             : static_cast<long>(input.u64()));
-                return false;
-            }
-            case Op::AdvanceClock: {
-                // The monotonic clock never goes back.
-                const size_t index = input.byte();
-                const int64_t step = index < std::size(kClockSteps)
-                        ? kClockSteps[index]
-                        : static_cast<int64_t>(input.u32()) * 1000;
-                setClock(clockNow() + step);
-                return false;
-            }
-            case Op::SetTransactionState: {
-                std::vector<PeltoTransactionState> states;
-                const size_t count = input.byte() % 5;
                 for (size_t i = 0; i < count; ++i) {
-                    const uint8_t b = input.byte();
-                    const sp<IBinder>& handle = mHandles[b % kSlots];
-                    mHost.setBufferCount(handle, (b >> 5) & 3);
-                    const bool hasBuffer = (b & 0x10) != 0;
-                    states.emplace_back((b & 0x08) != 0 ? nullptr : handle, hasBuffer, false,
-                                        hasBuffer ? Fence::NO_FENCE : nullptr);
+                    const uint8_t b = mInput.byte();
+                    mVisible.push_back({slotPointer(b), area((b >> 3) & 0x0f), (b & 0x80) != 0});
                 }
-                ::setTransactionState(mController, states, timestamp(input.byte()));
-                return false;
+                mRun.host->setVisibleLayers(mVisible);
+                return;
             }
-            case Op::IsOn:
-                ::isOn(mController);
-                return false;
-            case Op::IsQ2QFull:
-                ::isQ2QFull(mController);
-                return false;
-            case Op::Commit:
-                ::commit(mController);
-                return false;
-            case Op::SetHasPendingBuffer:
-                ::setHasPendingBuffer(mController, slotPointer(input.byte() % kSlots));
-                return false;
-            case Op::SetHasOtherUI:
-                ::setHasOtherUI(mController, (input.byte() & 1) != 0);
-                return false;
-            case Op::SetPreviousPresentFence: {
-                const uint8_t b = input.byte() % 3;
-                ::setPreviousPresentFence(mController, b == 0   ? sp<Fence>()
-                                                       : b == 1 ? Fence::NO_FENCE
-                                                                : sp<Fence>(new Fence()));
-                return false;
-            }
-            case Op::SetSFInProgress:
-                ::setSFInProgress(mController, (input.byte() & 1) != 0);
-                return false;
             case Op::SetTargetLayer:
-                mApiTarget = slotPointer(input.byte() % kSlots);
-                ::setTargetLayer(mController, mApiTarget);
-                return false;
+                mApiTarget = slotPointer(mInput.byte());
+                ::setTargetLayer(ctl, mApiTarget);
+                return;
             case Op::SetPeltoEnable:
-                mApiEnable = (input.byte() & 1) != 0;
-                ::setPeltoEnable(mController, mApiEnable);
-                return false;
-            case Op::OnActiveModeUpdated:
-                ::onActiveModeUpdated(mController);
-                return false;
-            case Op::Dump: {
-                std::string out;
-                ::dump(mController, out);
-                return false;
-            }
-            case Op::Reload:
-                reload(input.byte() % std::size(kRuleFiles));
-                return false;
-            case Op::CalculateTimeout:
-                mController->calculateTimeout();
-                return false;
-            case Op::TimeoutCallback:
-                mController->timeoutCallback();
-                return false;
+                mApiEnable = (mInput.byte() & 1) != 0;
+                ::setPeltoEnable(ctl, mApiEnable);
+                return;
+            case Op::Composite:
             case Op::Count:
-                break;
+                return;
         }
-        return false;
     }
 
-    void composite(Input& input) {
-        const uint8_t flags = input.byte();
+    void composite() {
+        const uint8_t flags = mInput.byte();
         const bool forceOff = (flags & 1) != 0;
         unsigned int screenArea = kScreenArea;
         switch ((flags >> 2) & 3) {
             case 1: screenArea = 0; break;
             case 2: screenArea = 1; break;
-            case 3: screenArea = input.u32(); break;
+            case 3: screenArea = mInput.u32(); break;
             default: break;
         }
-        const std::string before = state();
-        ::composite(mController, forceOff, (flags & 2) != 0, screenArea);
+        ::composite(mRun.controller, forceOff, (flags & 2) != 0, screenArea);
 
         std::string out;
-        ::dump(mController, out);
-        const std::string after = dumpedField(out, "Pelto State: ");
-        const std::string reason = dumpedField(out, "Pelto State Reason: ");
+        ::dump(mRun.controller, out);
+        record(out);
+        const DumpView view = parseDump(out);
+        check(legalPair(mRun.useList, view.state, view.reason),
+              "the state and its reason are not a pair this mode can give");
+        mOn = ::isOn(mRun.controller);
+        check(mOn == (view.state == "On"), "isOn() disagrees with the dump");
+        check(mOn == mRun.host->hwcOn(), "the HWC mode disagrees with isOn()");
+        const bool changed = view.state != mState;
+        mState = view.state;
         if (forceOff) {
-            check(after == "Off", "a forced-off composition left the mode not Off");
-        } else if (mUseList) {
-            const bool off = registeredTargets() == 0 || !targetVisible();
-            check((after == "Off") == off,
+            check(view.state == "Off", "a forced-off composition left the mode not Off");
+        } else if (mRun.useList) {
+            const int targets = registeredTargets();
+            check((view.state == "Off") == (targets == 0 || !targetVisible()),
                   "list mode: Off is not exactly 'no target registered or none visible'");
-            if (after != before) {
-                check((reason == "413") == (registeredTargets() == 0),
+            if (changed && view.state == "Off") {
+                check((view.reason == 413) == (targets == 0),
                       "list mode: reason 413 is not exactly 'no target registered'");
             }
         } else {
             const char* expected = mApiTarget == nullptr || !apiTargetVisible() ? "Off"
                     : mApiEnable                                               ? "On"
                                                                                : "Temp Off";
-            check(after == expected, "API mode: the state does not follow target and enable");
+            check(view.state == expected, "API mode: the state does not follow target and enable");
         }
     }
 
-    void reload(size_t rules) {
-        const RuleFile& file = kRuleFiles[rules];
-        writeRuleFile(reinterpret_cast<const uint8_t*>(file.text),
-                      file.text != nullptr ? std::strlen(file.text) : 0);
-        std::string out;
-        ::reloadConfigThenDump(mController, out);
-        if (!mUseList) {
-            check(out.empty(), "API mode: a reload printed something");
-            return;
-        }
-        mRules = rules;
-        const char* expected = file.loads ? "Reload Succeeded\n" : "Reload Failed\n";
-        check(out.rfind(expected, 0) == 0, "the reload's first line does not match the file");
-    }
-
-    // `stateBefore`: the state before a call that was not a composition,
-    // which cannot have changed it; null after a composition.
-    void checkInvariants(const std::string* stateBefore) const {
-        std::string out;
-        ::dump(mController, out);
-        const std::string dumped = dumpedField(out, "Pelto State: ");
-        check(dumped == "Off" || dumped == "On" || dumped == "Temp Off",
-              "the dumped state is not Off, On or Temp Off");
-        const bool on = ::isOn(mController);
-        check(on == (dumped == "On"), "isOn() disagrees with the dump");
-        check(on == mHost.hwcOn(), "the HWC mode disagrees with isOn()");
-        if (stateBefore != nullptr) {
-            check(dumped == *stateBefore, "the state changed outside a composition");
-        }
-        const int records = dumpedTargetRecords(out);
-        if (mUseList) {
-            check(records == registeredTargets(),
-                  "the dump's target records differ from the registered target layers");
-        } else {
-            check(records == -1, "API mode: the dump lists layers");
-        }
-    }
-
-    FuzzHost& mHost;
-    PeltoController* const mController;
-    const bool mUseList;
-    size_t mRules;
-    std::vector<sp<IBinder>> mHandles;
+    const Run& mRun;
+    FuzzInput mInput;
+    const bool mComposing;
+    bool mOn = false;
+    int mReloads = 0;
+    std::string mState = "Off";
     std::vector<Record> mRegistry;
     std::vector<FuzzHost::VisibleLayer> mVisible;
     const void* mApiTarget = nullptr;
     bool mApiEnable = false;
 };
 
+// The names the scripts register: fixed ones, then text between double quotes
+// in the rule file (escapes not decoded), so that names the file holds are used.
+std::vector<std::string> namesFor(std::string_view rules) {
+    std::vector<std::string> names(std::begin(kFixedNames), std::end(kFixedNames));
+    size_t start = std::string_view::npos;
+    size_t taken = 0;
+    for (size_t i = 0; i < rules.size() && taken < kMaxRuleNames; ++i) {
+        if (rules[i] != '"') continue;
+        if (start == std::string_view::npos) {
+            start = i + 1;
+            continue;
+        }
+        const std::string_view text = rules.substr(start, i - start);
+        start = std::string_view::npos;
+        if (text.size() <= kMaxRuleNameLength && text.find_first_of("\n\t") == text.npos) {
+            names.emplace_back(text);
+            ++taken;
+        }
+    }
+    return names;
+}
+
+// The controllers kept across inputs (list mode, API mode) and their host.
+struct Cache {
+    FuzzHost host;
+    std::array<PeltoController*, 2> controllers{};
+    // The rules each controller last reloaded (or was built with).
+    std::array<std::string, 2> controllerText;
+    std::array<bool, 2> controllerPresent{};
+    std::unique_ptr<PeltoConfig> defaults;  // switches and status of a new configuration
+    std::unique_ptr<PeltoConfig> model;     // the last input's rules, freshly loaded
+    std::string modelText;
+    bool modelPresent = false;
+    bool modelLoads = false;
+    FuzzWorker worker;
+    bool compareFresh = false;
+};
+
+Cache& cache() {
+    static Cache* cache = new Cache();  // never destroyed: its threads outlive exit handlers
+    return *cache;
+}
+
+void writeRules(std::string_view rules, bool present) {
+    writeRuleFile(present ? reinterpret_cast<const uint8_t*>(rules.data()) : nullptr,
+                  rules.size());
+}
+
+PeltoController* buildController(FuzzHost& host, bool useList, unsigned faults) {
+    sFenceFaults = faults;
+    pelto_testing::setFenceThreadCalls(&kFaultyFenceCalls);
+    PeltoController* controller = host.create(useList);
+    pelto_testing::setFenceThreadCalls(nullptr);
+    check(controller != nullptr, "createPeltoController returned null");
+    return controller;
+}
+
+// Brings a used controller back to what a new one shows under the input's
+// rules, which the rule file holds already; `loads`: whether they load.
+// Sets states directly, which only a composition may do: between inputs no
+// composition runs, so nothing else holds or needs the composition lock.
+NO_THREAD_SAFETY_ANALYSIS void resetController(PeltoController* ctl, std::string_view rules,
+                                               bool present, bool loads, bool reload) {
+    for (size_t slot = 0; slot < kSlots; ++slot) ::destroyLayer(ctl, slotPointer(slot));
+    ::setHasOtherUI(ctl, false);
+    ::setTargetLayer(ctl, nullptr);
+    ::setPeltoEnable(ctl, false);
+    ::onActiveModeUpdated(ctl);
+    // Off with reason -1, as at construction, through On, as only a change is
+    // recorded; while On, a commit clears the pending-buffer flag.
+    ::composite(ctl, true, false, kScreenArea);
+    ctl->setPeltoState(static_cast<int32_t>(PeltoState::On), 551);
+    ::commit(ctl);
+    ctl->setPeltoState(static_cast<int32_t>(PeltoState::Off), -1);
+    if (!reload) return;
+    std::string out;
+    if (!loads) {
+        // Rules that load set both switches; rules rejected whole set neither.
+        writeRules(kBaselineRules, true);
+        ::reloadConfigThenDump(ctl, out);
+        writeRules(rules, present);
+    }
+    ::reloadConfigThenDump(ctl, out);
+}
+
+// Runs both scripts, concurrently unless `serial`, then the final checks.
+void runScripts(const Run& run, std::string_view main, std::string_view second, bool serial) {
+    Script composing(run, main, true);
+    Script other(run, second, false);
+    if (serial || second.empty()) {
+        composing.run();
+        other.run();
+    } else {
+        FuzzWorker& worker = cache().worker;
+        worker.start([&other] { other.run(); });
+        composing.run();
+        worker.wait();
+    }
+    composing.checkFinal();
+}
+
+// Drops the lines a reused controller may show differently without the input
+// having a say: the load status, which once cleared stays cleared for the
+// controller's life and is read by nothing but the dump.
+std::string normalised(const std::string& transcript) {
+    std::string out;
+    size_t line = 0;
+    while (line < transcript.size()) {
+        size_t end = transcript.find('\n', line);
+        end = end == std::string::npos ? transcript.size() : end + 1;
+        if (transcript.compare(line, 22, "mLoadConfigSucceeded: ") != 0) {
+            out.append(transcript, line, end - line);
+        }
+        line = end;
+    }
+    return out;
+}
+
 } // namespace
 } // namespace android::fuzz
 
 extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
-    android::fuzz::silenceLog();
-    android::fuzz::ruleFilePath();
+    using namespace android::fuzz;
+    silenceLog();
+    ruleFilePath();
+    sPlatformFenceCalls = &android::fenceThreadCalls();
+    Cache& c = cache();
+    const char* compare = std::getenv("PELTO_FUZZ_COMPARE_FRESH");
+    c.compareFresh = compare != nullptr && compare[0] == '1';
+    writeRules(kBaselineRules, false);
+    c.defaults = std::make_unique<android::PeltoConfig>();
     return 0;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     using namespace android::fuzz;
-    Input input(data, size);
-    const uint8_t setup = input.byte();
-    const bool useList = (setup & 1) != 0;
-    const size_t rules = (setup >> 1) % std::size(kRuleFiles);
-    const RuleFile& file = kRuleFiles[rules];
-    writeRuleFile(reinterpret_cast<const uint8_t*>(file.text),
-                  file.text != nullptr ? std::strlen(file.text) : 0);
-    setClock(kClockStart);
+    Cache& c = cache();
+    std::string_view rest(reinterpret_cast<const char*>(data), size);
+    if (rest.empty()) return 0;
+    const auto setup = static_cast<uint8_t>(rest[0]);
+    const auto construction = static_cast<uint8_t>(rest.size() > 1 ? rest[1] : 0);
+    rest.remove_prefix(std::min<size_t>(rest.size(), 2));
+    const std::string_view rules = takeUntil(rest, kSeparator);
+    const std::string_view mainScript = takeUntil(rest, kSeparator);
+    const std::string_view secondScript = rest;
 
-    FuzzHost host;
-    android::PeltoController* controller = host.create(useList);
-    check(controller != nullptr, "createPeltoController returned null");
-    {
-        Script script(host, controller, useList, rules);
-        script.run(input);
+    const bool useList = (setup & kSetupListMode) != 0;
+    const bool rulesPresent = (setup & kSetupNoRuleFile) == 0;
+    const bool newController = construction >= kNewControllerFrom;
+    const unsigned faults = construction & 0x0f;
+    android::base::SetProperty(kDebugProperty, (setup & kSetupDebug) != 0 ? "true" : "false");
+    android::pelto_testing::resetDebugSwitch();
+
+    // The input's rules as a new loader reads them: lookups and the reload's
+    // outcome. Kept while inputs bring the same rules.
+    if (c.model == nullptr || c.modelText != rules || c.modelPresent != rulesPresent) {
+        writeRules(rules, rulesPresent);
+        c.model = android::PeltoConfig::makeReloadOf(*c.defaults);
+        c.modelLoads = c.model->loadConfig(true) == android::PeltoConfig::kLoadOk;
+        c.modelText = rules;
+        c.modelPresent = rulesPresent;
     }
-    destroyPeltoController(controller);
+    const bool loads = c.modelLoads;
+
+    Run run;
+    run.host = &c.host;
+    run.useList = useList;
+    run.rules = c.model.get();
+    run.reloadLine = loads ? "Reload Succeeded\n" : "Reload Failed\n";
+    run.names = namesFor(rules);
+
+    const size_t mode = useList ? 1 : 0;
+    android::PeltoController*& ctl = c.controllers[mode];
+    c.host.reset();
+    setClock(kClockStart);
+    if (ctl == nullptr || newController) {
+        destroyPeltoController(ctl);  // null: nothing
+        ctl = buildController(c.host, useList, faults);
+    } else {
+        // Rules that every reload since read from the same file need no reload.
+        const bool sameRules = c.controllerText[mode] == rules &&
+                c.controllerPresent[mode] == rulesPresent;
+        resetController(ctl, rules, rulesPresent, loads, !sameRules);
+        c.host.reset();
+        setClock(kClockStart);
+    }
+    c.controllerText[mode] = rules;
+    c.controllerPresent[mode] = rulesPresent;
+    run.controller = ctl;
+
+    if (!c.compareFresh) {
+        runScripts(run, mainScript, secondScript, false);
+        return 0;
+    }
+
+    // Compare mode: the reused controller, then a new one, each with both
+    // scripts on this thread; the two transcripts must match.
+    std::string reused;
+    run.transcript = &reused;
+    runScripts(run, mainScript, secondScript, true);
+
+    c.host.reset();
+    setClock(kClockStart);
+    writeRules(rules, rulesPresent);
+    android::PeltoController* fresh = buildController(c.host, useList, faults);
+    std::string fromNew;
+    run.controller = fresh;
+    run.transcript = &fromNew;
+    runScripts(run, mainScript, secondScript, true);
+    destroyPeltoController(fresh);
+    check(normalised(reused) == normalised(fromNew),
+          "a reused controller showed something a new one did not");
     return 0;
 }
