@@ -46,8 +46,8 @@ std::string millis(SimTime t) {
 } // namespace
 
 bool FrameTimesReader::open(std::string* error) {
-    if (mSpec.file.empty()) return true;
-    return mLines.open(mSpec.file, error);
+    if (mSource.file.empty()) return true;
+    return mLines.open(mSource.file, error);
 }
 
 bool FrameTimesReader::accept(SimTime at, const std::string& where) {
@@ -69,24 +69,24 @@ bool FrameTimesReader::accept(SimTime at, const std::string& where) {
 
 bool FrameTimesReader::parseLine(const std::string& line, SimTime* at) {
     std::string field;
-    size_t index = mSpec.columnIndex;
+    size_t index = mSource.columnIndex;
     if (!mHeaderSeen) {
         mHeaderSeen = true;
-        if (!mSpec.column.empty()) {
+        if (!mSource.column.empty()) {
             // The header names the column.
             for (size_t i = 0; fieldAt(line, i, &field); ++i) {
-                if (field == mSpec.column) {
+                if (field == mSource.column) {
                     mColumn = i;
                     return false;
                 }
             }
-            mError = mLines.where() + "no column \"" + mSpec.column + "\" in the header: " + line;
+            mError = mLines.where() + "no column \"" + mSource.column + "\" in the header: " + line;
             return false;
         }
         double ignored = 0;
         if (fieldAt(line, index, &field) && !parseNumber(field, &ignored)) return false;
     }
-    if (!mSpec.column.empty()) index = mColumn;
+    if (!mSource.column.empty()) index = mColumn;
     double value = 0;
     if (!fieldAt(line, index, &field)) {
         mError = mLines.where() + "no column " + std::to_string(index + 1) + " on this line";
@@ -96,20 +96,20 @@ bool FrameTimesReader::parseLine(const std::string& line, SimTime* at) {
         mError = mLines.where() + "\"" + field + "\" is not a number";
         return false;
     }
-    const double ns = value * mSpec.nanosPerUnit;
+    const double ns = value * mSource.nanosPerUnit;
     if (std::fabs(ns) > 9e18) {
         mError = mLines.where() + field + " is out of range";
         return false;
     }
-    *at = std::llround(ns) + mSpec.offset;
+    *at = std::llround(ns) + mSource.offset;
     return accept(*at, mLines.where());
 }
 
 bool FrameTimesReader::next(SimTime* at) {
     if (!mError.empty()) return false;
-    if (mSpec.file.empty()) {
-        if (mInlineIndex >= mSpec.inlineTimes.size()) return false;
-        *at = mSpec.inlineTimes[mInlineIndex];
+    if (mSource.file.empty()) {
+        if (mInlineIndex >= mSource.inlineTimes.size()) return false;
+        *at = mSource.inlineTimes[mInlineIndex];
         const std::string where = "times_ms[" + std::to_string(mInlineIndex++) + "]: ";
         return accept(*at, where);
     }
@@ -124,14 +124,14 @@ bool FrameTimesReader::next(SimTime* at) {
     return false;
 }
 
-bool scanFrameTimes(FrameTimes* spec, std::string* error) {
-    FrameTimesReader reader(*spec);
+bool scanFrameTimes(FrameTimes* source, std::string* error) {
+    FrameTimesReader reader(*source);
     if (!reader.open(error)) return false;
-    spec->count = 0;
+    source->count = 0;
     SimTime at = 0;
     while (reader.next(&at)) {
-        if (spec->count++ == 0) spec->first = at;
-        spec->last = at;
+        if (source->count++ == 0) source->first = at;
+        source->last = at;
     }
     if (!reader.error().empty()) {
         *error = reader.error();

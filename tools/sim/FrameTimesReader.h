@@ -14,7 +14,7 @@ namespace android::tools::sim {
 // header of column names.
 class FrameTimesReader {
 public:
-    explicit FrameTimesReader(const FrameTimes& spec) : mSpec(spec) {}
+    explicit FrameTimesReader(const FrameTimes& source) : mSource(source) {}
 
     bool open(std::string* error);
     // The next time; false at the end, or on an error (then error() says where).
@@ -25,7 +25,7 @@ private:
     bool parseLine(const std::string& line, SimTime* at);
     bool accept(SimTime at, const std::string& where);
 
-    const FrameTimes& mSpec;
+    const FrameTimes& mSource;
     LineReader mLines;
     size_t mInlineIndex = 0;
     bool mHeaderSeen = false;
@@ -38,6 +38,6 @@ private:
 
 // Reads all of a layer's times once: fills count, first and last, or says
 // what is wrong and where.
-bool scanFrameTimes(FrameTimes* spec, std::string* error);
+bool scanFrameTimes(FrameTimes* source, std::string* error);
 
 } // namespace android::tools::sim

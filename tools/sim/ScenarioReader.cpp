@@ -211,11 +211,11 @@ void ScenarioParser::readFrames(const Json::Value& value, const std::string& pat
 // "times_ms": [...], or "file" with "column", "unit"; both with "offset_ms".
 void ScenarioParser::readFrameTimes(JsonFields& fields, const Json::Value* times,
                                     const Json::Value* file, FrameSpec* frames) {
-    FrameTimes& spec = frames->times.emplace();
+    FrameTimes& source = frames->times.emplace();
     if (const auto* v = fields.optional("offset_ms")) {
         const double ms = readInRange(*v, fields.path("offset_ms"), -kMaxAbsMillis,
                                       kMaxAbsMillis, "-1e9 to 1e9", mErrors);
-        spec.offset = std::llround(ms * 1e6);
+        source.offset = std::llround(ms * 1e6);
     }
     const auto* column = fields.optional("column");
     const auto* unit = fields.optional("unit");
@@ -228,17 +228,17 @@ void ScenarioParser::readFrameTimes(JsonFields& fields, const Json::Value* times
             const double ms = readInRange((*times)[i], indexPath(fields.path("times_ms"), i),
                                           -kMaxAbsMillis, kMaxAbsMillis, "-1e9 to 1e9",
                                           mErrors);
-            spec.inlineTimes.push_back(std::llround(ms * 1e6) + spec.offset);
+            source.inlineTimes.push_back(std::llround(ms * 1e6) + source.offset);
         }
     } else {
         const std::string name = readString(*file, fields.path("file"), mErrors);
-        spec.file = !name.empty() && name[0] == '/'
+        source.file = !name.empty() && name[0] == '/'
                 ? name
                 : (std::filesystem::path(mDir) / name).lexically_normal().string();
         if (column != nullptr && column->isString()) {
-            spec.column = column->asString();
+            source.column = column->asString();
         } else if (column != nullptr) {
-            spec.columnIndex = static_cast<size_t>(readCount(*column, fields.path("column"),
+            source.columnIndex = static_cast<size_t>(readCount(*column, fields.path("column"),
                                                              mErrors));
         }
         if (unit != nullptr) {
@@ -247,13 +247,13 @@ void ScenarioParser::readFrameTimes(JsonFields& fields, const Json::Value* times
                     {"s", 1e9}, {"ms", 1e6}, {"us", 1e3}, {"ns", 1}};
             bool known = false;
             for (const auto& [n, scale] : kUnits) {
-                if (u == n) spec.nanosPerUnit = scale, known = true;
+                if (u == n) source.nanosPerUnit = scale, known = true;
             }
             if (!known) mErrors.fail(fields.path("unit"), "expected s, ms, us or ns");
         }
     }
     std::string error;
-    if (!mErrors.failed() && !scanFrameTimes(&spec, &error)) {
+    if (!mErrors.failed() && !scanFrameTimes(&source, &error)) {
         mErrors.fail(fields.path(times != nullptr ? "times_ms" : "file"), error);
     }
 }
