@@ -1,4 +1,5 @@
 #include "tools/sim/Expectations.h"
+#include "controller/PeltoTypes.h"
 
 #include <cinttypes>
 #include <cstdio>
@@ -7,7 +8,7 @@ namespace android::tools::sim {
 namespace {
 
 std::string stateWithReason(const StateChange& s) {
-    return std::string(stateName(s.to)) + " (reason " + std::to_string(s.reason) + ", since " +
+    return std::string(peltoStateName(s.to)) + " (reason " + std::to_string(s.reason) + ", since " +
             formatSeconds(s.at) + ")";
 }
 
@@ -20,7 +21,7 @@ ExpectationResult check(const Expectation& e, const RunRecord& record,
     switch (e.kind) {
         case Kind::StateAt: {
             const StateChange s = stateAt(record, e.at);
-            r.what = at + "state " + stateName(e.state) +
+            r.what = at + "state " + peltoStateName(e.state) +
                     (e.reason ? " with reason " + std::to_string(*e.reason) : "");
             r.passed = s.to == e.state && (!e.reason || *e.reason == s.reason);
             r.got = stateWithReason(s);
@@ -28,7 +29,7 @@ ExpectationResult check(const Expectation& e, const RunRecord& record,
         }
         case Kind::StateThroughout: {
             r.what = "from " + formatSeconds(e.window.from) + " to " +
-                    formatSeconds(e.window.to) + ": state " + stateName(e.state) + " throughout";
+                    formatSeconds(e.window.to) + ": state " + peltoStateName(e.state) + " throughout";
             const StateChange first = stateAt(record, e.window.from);
             r.passed = first.to == e.state;
             r.got = "at " + formatSeconds(e.window.from) + " " + stateWithReason(first);

@@ -1,4 +1,5 @@
 #include "tools/sim/HtmlReport.h"
+#include "controller/PeltoTypes.h"
 
 #include <algorithm>
 #include <cinttypes>
@@ -55,14 +56,13 @@ void writeRefreshTable(std::ostringstream& html, const RunSummary& summary) {
     html << "<h2>Panel refreshes (estimate, floor " << summary.refreshFloorHz
          << " Hz)</h2>\n<table>\n<tr><th>state</th><th>vsync cadence</th>"
             "<th>with the library's decisions</th><th>saved</th></tr>\n";
-    const char* names[] = {"Off", "On", "Temp Off"};
     char text[32];
     for (int s = 0; s <= 3; ++s) {
         const int64_t fixed = s < 3 ? r.fixed[s] : r.fixedTotal();
         const int64_t paced = s < 3 ? r.paced[s] : r.pacedTotal();
         if (s < 3 && fixed == 0) continue;
         snprintf(text, sizeof(text), "%.1f%%", savedPercent(fixed, paced));
-        html << "<tr><th>" << (s < 3 ? names[s] : "whole run") << "</th><td>" << fixed
+        html << "<tr><th>" << (s < 3 ? peltoStateName(s) : "whole run") << "</th><td>" << fixed
              << "</td><td>" << paced << "</td><td>" << text << "</td></tr>\n";
     }
     html << "</table>\n";
@@ -114,11 +114,10 @@ bool writeHtmlReport(const std::string& path, const Scenario& scenario, const Ru
 
     char text[160];
     html << "<h2>Summary</h2>\n<table>\n";
-    const char* names[] = {"Off", "On", "Temp Off"};
     for (int s = 0; s < 3; ++s) {
         snprintf(text, sizeof(text), "%s (%.1f%%)", formatSeconds(summary.timeInState[s]).c_str(),
                  100.0 * summary.timeInState[s] / scenario.duration);
-        html << "<tr><th>time " << names[s] << "</th><td>" << text << "</td></tr>\n";
+        html << "<tr><th>time " << peltoStateName(s) << "</th><td>" << text << "</td></tr>\n";
     }
     html << "<tr><th>HWC toggles</th><td>" << summary.hwcToggles() << " (" << summary.hwcOn
          << " on, " << summary.hwcOff << " off)</td></tr>\n";

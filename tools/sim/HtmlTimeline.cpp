@@ -1,4 +1,5 @@
 #include "tools/sim/HtmlTimeline.h"
+#include "controller/PeltoTypes.h"
 
 #include <algorithm>
 #include <cmath>
@@ -98,17 +99,17 @@ Json::Value stateLane(const Scenario& scenario, const RunRecord& record) {
     StateChange current{0, 0, 0, -1, {}};
     const auto add = [&](SimTime until) {
         if (until <= current.at) return;
-        const char* name = stateName(current.to);
+        const char* name = peltoStateName(current.to);
         Json::Value s = span(current.at, until, name,
                              std::string(name) + " from " + formatSeconds(current.at) + " to " +
                                      formatSeconds(until) + ", reason " +
                                      std::to_string(current.reason) + ": " +
-                                     reasonText(current.reason) +
+                                     peltoReasonText(current.reason) +
                                      (current.cause.empty() ? "" : "; why: " + current.cause));
         s.append(std::string(name) + " " + std::to_string(current.reason));
         s.append(std::to_string(current.reason));
         s.append(std::string(name) + " " + std::to_string(current.reason) + ": " +
-                 reasonText(current.reason));
+                 peltoReasonText(current.reason));
         spans.append(std::move(s));
     };
     for (const StateChange& change : record.states) {

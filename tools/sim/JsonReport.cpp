@@ -1,4 +1,5 @@
 #include "tools/sim/JsonReport.h"
+#include "controller/PeltoTypes.h"
 
 #include <algorithm>
 #include <fstream>
@@ -32,9 +33,8 @@ Json::Value runJson(const Scenario& scenario, const RunRecord& record, const Run
     out["input"] = scenario.path;
     out["duration_s"] = seconds(scenario.duration);
     out["compositions"] = Json::Int64(summary.compositions);
-    const char* names[] = {"Off", "On", "Temp Off"};
     for (int s = 0; s < 3; ++s) {
-        Json::Value& state = out["time_in_state"][names[s]];
+        Json::Value& state = out["time_in_state"][peltoStateName(s)];
         state["s"] = seconds(summary.timeInState[s]);
         state["percent"] = scenario.duration == 0
                 ? 0.0
@@ -57,7 +57,7 @@ Json::Value runJson(const Scenario& scenario, const RunRecord& record, const Run
     refreshes["with_decisions"] = Json::Int64(r.pacedTotal());
     refreshes["saved_percent"] = savedPercent(r.fixedTotal(), r.pacedTotal());
     for (int s = 0; s < 3; ++s) {
-        Json::Value& state = refreshes["by_state"][names[s]];
+        Json::Value& state = refreshes["by_state"][peltoStateName(s)];
         state["vsync_cadence"] = Json::Int64(r.fixed[s]);
         state["with_decisions"] = Json::Int64(r.paced[s]);
         state["saved_percent"] = savedPercent(r.fixed[s], r.paced[s]);
@@ -69,8 +69,8 @@ Json::Value runJson(const Scenario& scenario, const RunRecord& record, const Run
         const StateChange& c = record.states[i];
         Json::Value change;
         change["at_s"] = seconds(c.at);
-        change["from"] = stateName(c.from);
-        change["to"] = stateName(c.to);
+        change["from"] = peltoStateName(c.from);
+        change["to"] = peltoStateName(c.to);
         change["reason"] = c.reason;
         if (!c.cause.empty()) change["why"] = c.cause;
         out["state_changes"].append(change);

@@ -24,19 +24,11 @@ const char* timelineLabel(TimelineEntry::Kind kind) {
     return "";
 }
 
-const char* stateName(int32_t state) {
-    return peltoStateName(state);
-}
-
 int32_t stateFromName(const std::string& name) {
     for (int32_t state = 0; state <= 2; ++state) {
-        if (name == stateName(state)) return state;
+        if (name == peltoStateName(state)) return state;
     }
     return -1;
-}
-
-const char* reasonText(int32_t reason) {
-    return peltoReasonText(reason);
 }
 
 } // namespace android::tools::sim

@@ -104,11 +104,7 @@ struct RunRecord {
 // The timeline's column for each kind: "compositor", "screen", "state", ...
 const char* timelineLabel(TimelineEntry::Kind kind);
 
-// Names the library prints for its states: "Off", "On", "Temp Off", "Unknown".
-const char* stateName(int32_t state);
-// The state of a printed name, or -1.
+// The state of a name the library prints (peltoStateName), or -1.
 int32_t stateFromName(const std::string& name);
-// What a reason code says, for people.
-const char* reasonText(int32_t reason);
 
 } // namespace android::tools::sim

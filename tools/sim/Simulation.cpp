@@ -366,8 +366,8 @@ void Simulation::onLogLine(const LogLine& line) {
         change.cause = causeOf(change.reason);
         mState = change.to;
         char text[128];
-        snprintf(text, sizeof(text), "%s -> %s  (%d: %s)", stateName(change.from),
-                 stateName(change.to), change.reason, reasonText(change.reason));
+        snprintf(text, sizeof(text), "%s -> %s  (%d: %s)", peltoStateName(change.from),
+                 peltoStateName(change.to), change.reason, peltoReasonText(change.reason));
         note(TimelineEntry::Kind::State,
              text + (change.cause.empty() ? "" : "\n" + std::string(25, ' ') + "why: " +
                                                          change.cause));

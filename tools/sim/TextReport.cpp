@@ -1,4 +1,5 @@
 #include "tools/sim/TextReport.h"
+#include "controller/PeltoTypes.h"
 
 #include <cinttypes>
 
@@ -68,10 +69,9 @@ void printSummary(FILE* out, const Scenario& scenario, const RunSummary& summary
             " with the library's decisions: %.1f%% saved (estimate, floor %g Hz)\n",
             r.fixedTotal(), r.pacedTotal(), savedPercent(r.fixedTotal(), r.pacedTotal()),
             summary.refreshFloorHz);
-    const char* names[] = {"Off", "On", "Temp Off"};
     for (int s = 0; s < 3; ++s) {
         if (r.fixed[s] == 0) continue;
-        fprintf(out, "    while %-9s %" PRId64 " -> %" PRId64 " (%.1f%% saved)\n", names[s],
+        fprintf(out, "    while %-9s %" PRId64 " -> %" PRId64 " (%.1f%% saved)\n", peltoStateName(s),
                 r.fixed[s], r.paced[s], savedPercent(r.fixed[s], r.paced[s]));
     }
     if (summary.buffersPlayed > 0 || summary.framesSkipped > 0) {
