@@ -14,9 +14,13 @@ constexpr int32_t kTarget = static_cast<int32_t>(PeltoLayerType::TargetLayer);
 
 } // namespace
 
-std::string PeltoLayerRegistry::lookupKey(const std::string& name) {
+size_t PeltoLayerRegistry::lookupKeyLength(const std::string& name) {
     const size_t hash = name.rfind('#');
-    return hash == std::string::npos ? name : name.substr(0, hash);
+    return hash == std::string::npos ? name.size() : hash;
+}
+
+std::string PeltoLayerRegistry::lookupKey(const std::string& name) {
+    return name.substr(0, lookupKeyLength(name));
 }
 
 void PeltoLayerRegistry::classify(const PeltoConfig& rules, const std::string& key,
@@ -88,12 +92,33 @@ PeltoLayer* PeltoLayerRegistry::find(const void* layerPtr) {
     return indexed == mIndex.end() ? nullptr : &*indexed->second.first;
 }
 
-void PeltoLayerRegistry::setActiveTarget(const void* layerPtr) {
-    for (PeltoLayer& record : mLayers) {
-        if (record.type == kTarget) {
-            record.isActiveTarget = record.layerPtr == layerPtr;
+bool PeltoLayerRegistry::flagTargetRecords(const void* layerPtr, bool active) {
+    const auto indexed = mIndex.find(layerPtr);
+    if (indexed == mIndex.end()) {
+        return false;
+    }
+    // The pointer's records run from its first one; the walk ends at its last.
+    bool flagged = false;
+    size_t remaining = indexed->second.records;
+    for (auto it = indexed->second.first; remaining > 0 && it != mLayers.end(); ++it) {
+        if (it->layerPtr != layerPtr) continue;
+        --remaining;
+        if (it->type == kTarget) {
+            it->isActiveTarget = active;
+            flagged = true;
         }
     }
+    return flagged;
+}
+
+void PeltoLayerRegistry::setActiveTarget(const void* layerPtr) {
+    // Only the flagged pointer's records can carry the flag, so the change
+    // touches its records and the new target's, not the whole list: this
+    // runs in the first composition after every reload.
+    if (mFlagged != nullptr) {
+        flagTargetRecords(mFlagged, false);
+    }
+    mFlagged = flagTargetRecords(layerPtr, true) ? layerPtr : nullptr;
     const PeltoLayer* first = find(layerPtr);
     mActiveTarget = first != nullptr && first->isActiveTarget ? layerPtr : nullptr;
 }
@@ -105,34 +130,47 @@ bool PeltoLayerRegistry::isActiveTarget(const void* layerPtr) const {
 PeltoLayerRegistry::Reclassification PeltoLayerRegistry::snapshot() const {
     Reclassification reclassification;
     reclassification.generation = mGeneration;
-    reclassification.records.reserve(mLayers.size());
+    reclassification.keyEnds.reserve(mLayers.size());
     for (const PeltoLayer& record : mLayers) {
-        reclassification.records.push_back(PeltoLayer{record.layerPtr, record.name});
+        reclassification.keys.append(record.name, 0, lookupKeyLength(record.name));
+        reclassification.keyEnds.push_back(reclassification.keys.size());
     }
     return reclassification;
 }
 
 void PeltoLayerRegistry::classify(Reclassification& reclassification, const PeltoConfig& rules) {
-    for (PeltoLayer& record : reclassification.records) {
-        classify(rules, lookupKey(record.name), record);
+    reclassification.classified.assign(reclassification.keyEnds.size(), PeltoLayer{});
+    size_t begin = 0;
+    for (size_t i = 0; i < reclassification.keyEnds.size(); ++i) {
+        const size_t end = reclassification.keyEnds[i];
+        classify(rules, reclassification.keys.substr(begin, end - begin),
+                 reclassification.classified[i]);
+        begin = end;
     }
 }
 
 void PeltoLayerRegistry::apply(Reclassification&& reclassification, const PeltoConfig& rules) {
-    const bool unchanged = reclassification.generation == mGeneration;
+    const bool unchanged = reclassification.generation == mGeneration &&
+            reclassification.classified.size() == mLayers.size();
     mTargetCount = 0;
     mActiveTarget = nullptr;
-    auto classified = reclassification.records.begin();
+    auto classified = reclassification.classified.begin();
     for (PeltoLayer& record : mLayers) {
-        // Records keep their places, so the index and the list order stand.
-        std::string name = std::move(record.name);
+        // Records keep their places and names, so the index and the list
+        // order stand; everything else starts afresh.
+        PeltoLayer fresh;
         if (unchanged) {
-            record = std::move(*classified++);
+            fresh = *classified++;
         } else {
-            record = PeltoLayer{record.layerPtr, {}};
-            classify(rules, lookupKey(name), record);
+            classify(rules, lookupKey(record.name), fresh);
         }
-        record.name = std::move(name);
+        record.type = fresh.type;
+        record.targetInfo = fresh.targetInfo;
+        record.targetIgnoreInfo = fresh.targetIgnoreInfo;
+        record.exceptionRule = fresh.exceptionRule;
+        record.isActiveTarget = false;
+        record.area = 0.0f;
+        record.focused = false;
         if (record.type == kTarget) {
             ++mTargetCount;
         }

@@ -54,7 +54,11 @@ public:
     // the lock when layers came or went since the snapshot. Every record
     // starts afresh: no area, no focus, no active target.
     struct Reclassification {
-        std::vector<PeltoLayer> records;
+        // Every record's lookup key, back to back, and where each ends: one
+        // allocation for the copy under the lock instead of one per name.
+        std::string keys;
+        std::vector<size_t> keyEnds;
+        std::vector<PeltoLayer> classified;  // the rule fields of each record
         uint64_t generation = 0;
     };
     Reclassification snapshot() const;
@@ -66,7 +70,10 @@ public:
 
 private:
     static std::string lookupKey(const std::string& name);
+    static size_t lookupKeyLength(const std::string& name);
     static void classify(const PeltoConfig& rules, const std::string& key, PeltoLayer& record);
+    // Sets isActiveTarget on `layerPtr`'s target records; whether it has any.
+    bool flagTargetRecords(const void* layerPtr, bool active);
 
     std::list<PeltoLayer> mLayers;
     // First record of each pointer and how many it has, so that per-frame
@@ -80,6 +87,9 @@ private:
     // Counts additions and removals, so apply() can tell whether the records
     // classified aside are still the registry's.
     uint64_t mGeneration = 0;
+    // The last pointer made active: no other pointer's records carry
+    // isActiveTarget (a removal or a reload may have cleared its own since).
+    const void* mFlagged = nullptr;
     // The pointer whose first record carries isActiveTarget, or null.
     std::atomic<const void*> mActiveTarget{nullptr};
 };

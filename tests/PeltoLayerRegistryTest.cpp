@@ -117,6 +117,8 @@ TEST(PeltoLayerRegistryTest, reclassificationKeepsOrderAndStartsEveryRecordAfres
         EXPECT_EQ(registry.find(layer(1))->area, 0);
         EXPECT_EQ(registry.targetCount(), 1);
         EXPECT_FALSE(registry.isActiveTarget(layer(1)));
+        registry.setActiveTarget(layer(2));
+        EXPECT_THAT(records(registry), ElementsAre("video#0:2", "game#0:1*"));
     }
 }
 
