@@ -92,7 +92,7 @@ bench-callgrind: bench-build
 	scripts/bench-callgrind.sh $(BENCH)
 
 # Composite latency while other threads reload the rules or register layers.
-LATENCY_SECONDS ?= 10
+LATENCY_SECONDS ?= 5
 bench-latency: bench-build
 	build/default/bench/pelto_reload_latency --seconds=$(LATENCY_SECONDS)
 

@@ -2,8 +2,12 @@
 // destroy layers in bursts. A compositor thread composites every 0.5 ms on a
 // (64 registered, 16 visible) scene; each row of the table is one load running
 // beside it, and the last column compares its p99.9 with the quiet row's.
+// Before each reload row, a "parse only" row reads, parses and dumps the same
+// file beside composition without touching the controller: what the machine
+// itself adds when a second thread works, against which the reload row shows
+// the controller's own part.
 //
-//   pelto_reload_latency [--seconds=S]   (S per row, default 5)
+//   pelto_reload_latency [--seconds=S] [--rounds=N]   (S per row and round, default 5; N default 3)
 #include <unistd.h>
 
 #include <algorithm>
@@ -71,6 +75,11 @@ double percentile(std::vector<double>& sorted, double p) {
 
 // Composites on this thread every kCompositeInterval for `seconds` while `load`
 // runs on another until told to stop; returns each composite's duration.
+double median(std::vector<double> values) {
+    std::sort(values.begin(), values.end());
+    return values[values.size() / 2];
+}
+
 Row measure(ListModeRig& rig, const std::string& name, double seconds,
             const std::function<int(const std::atomic<bool>&)>& load) {
     Row row{name, {}, 0};
@@ -107,6 +116,22 @@ int reloadLoop(PeltoController& controller, const std::atomic<bool>& stop) {
     return reloads;
 }
 
+// The reload's work outside the controller: the same file read, parsed and
+// dumped into a configuration nobody uses.
+int parseLoop(const std::atomic<bool>& stop) {
+    int parses = 0;
+    const PeltoConfig defaults;
+    while (!stop) {
+        const std::unique_ptr<PeltoConfig> config = PeltoConfig::makeReloadOf(defaults);
+        config->loadConfig(true);
+        std::string text;
+        config->dump(text);
+        ++parses;
+        std::this_thread::sleep_for(kReloadInterval);
+    }
+    return parses;
+}
+
 int burstLoop(PeltoController& controller, const std::atomic<bool>& stop) {
     std::vector<char> layers(kBurstRegistrations);
     int bursts = 0;
@@ -129,11 +154,14 @@ int burstLoop(PeltoController& controller, const std::atomic<bool>& stop) {
 int main(int argc, char** argv) {
     using namespace android::bench;
     double seconds = 5.0;
+    int roundCount = 3;
     for (int i = 1; i < argc; ++i) {
         if (strncmp(argv[i], "--seconds=", 10) == 0) {
             seconds = atof(argv[i] + 10);
+        } else if (strncmp(argv[i], "--rounds=", 9) == 0 && atoi(argv[i] + 9) > 0) {
+            roundCount = atoi(argv[i] + 9);
         } else {
-            fprintf(stderr, "usage: %s [--seconds=S]\n", argv[0]);
+            fprintf(stderr, "usage: %s [--seconds=S] [--rounds=N]\n", argv[0]);
             return 2;
         }
     }
@@ -150,30 +178,57 @@ int main(int argc, char** argv) {
 
     android::PeltoController& controller = *rig.controller;
     const auto reloads = [&](const std::atomic<bool>& stop) { return reloadLoop(controller, stop); };
-    std::vector<Row> rows;
-    rows.push_back(measure(rig, "no load", seconds, nullptr));
-    for (const auto& [label, bytes] : {std::pair{"reload 1 KB rules", size_t{1} << 10},
-                                       std::pair{"reload 100 KB rules", size_t{100} << 10},
-                                       std::pair{"reload 1 MB rules", size_t{1} << 20}}) {
-        writeRules(bytes);
-        rows.push_back(measure(rig, label, seconds, reloads));
+    const auto bursts = [&](const std::atomic<bool>& stop) { return burstLoop(controller, stop); };
+    struct Load {
+        std::string name;
+        size_t ruleBytes;  // 0: the rule file is not rewritten
+        std::function<int(const std::atomic<bool>&)> loop;
+    };
+    std::vector<Load> loads = {{"no load", 0, nullptr}};
+    for (const auto& [size, bytes] : {std::pair{"1 KB", size_t{1} << 10},
+                                      std::pair{"100 KB", size_t{100} << 10},
+                                      std::pair{"1 MB", size_t{1} << 20}}) {
+        loads.push_back({std::string("parse only ") + size + " rules", bytes, parseLoop});
+        loads.push_back({std::string("reload ") + size + " rules", bytes, reloads});
     }
-    rows.push_back(measure(rig, "1,000-registration bursts", seconds,
-                           [&](const std::atomic<bool>& stop) { return burstLoop(controller, stop); }));
+    loads.push_back({"1,000-registration bursts", 0, bursts});
+
+    // Rounds run every row in turn, so a burst of noise from the machine
+    // lands in one round of a row, and the median round discards it.
+    std::vector<std::vector<Row>> rounds(loads.size());
+    for (int round = 0; round < roundCount; ++round) {
+        for (size_t i = 0; i < loads.size(); ++i) {
+            if (loads[i].ruleBytes != 0) writeRules(loads[i].ruleBytes);
+            rounds[i].push_back(measure(rig, loads[i].name, seconds, loads[i].loop));
+        }
+    }
     std::remove(path.c_str());
 
-    printf("composite latency, (%zu, %zu) scene, one composite every %lld us, %.0f s a row\n",
-           kRegistered, kVisible, static_cast<long long>(kCompositeInterval.count()), seconds);
+    printf("composite latency, (%zu, %zu) scene, one composite every %lld us, %d rounds of %.0f s "
+           "a row; each percentile is the median of the rounds', the max the largest\n",
+           kRegistered, kVisible, static_cast<long long>(kCompositeInterval.count()), roundCount,
+           seconds);
     printf("| load | composites | load ops | p50 us | p99 us | p99.9 us | max us | p99.9 / quiet |\n");
     printf("|---|---|---|---|---|---|---|---|\n");
     double quiet = 0;
-    for (Row& row : rows) {
-        std::sort(row.latenciesUs.begin(), row.latenciesUs.end());
-        const double p999 = percentile(row.latenciesUs, 0.999);
-        if (quiet == 0) quiet = p999;
-        printf("| %s | %zu | %d | %.1f | %.1f | %.1f | %.1f | %.2f |\n", row.name.c_str(),
-               row.latenciesUs.size(), row.loadOps, percentile(row.latenciesUs, 0.5),
-               percentile(row.latenciesUs, 0.99), p999, row.latenciesUs.back(), p999 / quiet);
+    for (size_t i = 0; i < loads.size(); ++i) {
+        size_t composites = 0;
+        int loadOps = 0;
+        double max = 0;
+        std::vector<double> p50, p99, p999;
+        for (Row& row : rounds[i]) {
+            std::sort(row.latenciesUs.begin(), row.latenciesUs.end());
+            composites += row.latenciesUs.size();
+            loadOps += row.loadOps;
+            max = std::max(max, row.latenciesUs.back());
+            p50.push_back(percentile(row.latenciesUs, 0.5));
+            p99.push_back(percentile(row.latenciesUs, 0.99));
+            p999.push_back(percentile(row.latenciesUs, 0.999));
+        }
+        const double rowP999 = median(p999);
+        if (i == 0) quiet = rowP999;
+        printf("| %s | %zu | %d | %.1f | %.1f | %.1f | %.1f | %.2f |\n", loads[i].name.c_str(),
+               composites, loadOps, median(p50), median(p99), rowP999, max, rowP999 / quiet);
     }
     return 0;
 }
