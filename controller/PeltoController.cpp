@@ -10,7 +10,6 @@
 
 #include <log/log.h>
 
-#include "controller/FenceThreadCalls.h"
 #include "scheduler/PeltoTimer.h"
 
 namespace android {
@@ -30,10 +29,25 @@ PeltoController::PeltoController(bool useList, GetLayerPtrFromHandle getLayerPtr
                                  TriggerVsyncCallback triggerVsyncCallback,
                                  HostCallback triggerEventQueueInvalidate,
                                  HostCallback setHwcPeltoOn, HostCallback setHwcPeltoOff)
+      : PeltoController(useList, std::move(getLayerPtrFromHandle),
+                        std::move(getBufferCountFromHandle), std::move(traverseVisibleLayers),
+                        std::move(traverseVisibleBufferLayers), std::move(getCurrentVsyncPeriod),
+                        std::move(triggerVsyncCallback), std::move(triggerEventQueueInvalidate),
+                        std::move(setHwcPeltoOn), std::move(setHwcPeltoOff), PlatformCalls{}) {}
+
+PeltoController::PeltoController(bool useList, GetLayerPtrFromHandle getLayerPtrFromHandle,
+                                 GetBufferCountFromHandle getBufferCountFromHandle,
+                                 TraverseVisibleLayers traverseVisibleLayers,
+                                 TraverseVisibleBufferLayers traverseVisibleBufferLayers,
+                                 GetCurrentVsyncPeriod getCurrentVsyncPeriod,
+                                 TriggerVsyncCallback triggerVsyncCallback,
+                                 HostCallback triggerEventQueueInvalidate,
+                                 HostCallback setHwcPeltoOn, HostCallback setHwcPeltoOff,
+                                 const PlatformCalls& platform)
       : mUseList(useList),
         mHasPendingBuffer("PeltoHasPendingBuf", false),
         mState("PeltoState", static_cast<int32_t>(PeltoState::Off)),
-        mPeltoTimer(std::make_unique<scheduler::PeltoTimer>("Pelto")),
+        mPeltoTimer(std::make_unique<scheduler::PeltoTimer>("Pelto", platform.timer)),
         mHasOtherUI("PeltoHasOtherUI", false),
         mGetLayerPtrFromHandle(std::move(getLayerPtrFromHandle)),
         mGetBufferCountFromHandle(std::move(getBufferCountFromHandle)),
@@ -64,10 +78,10 @@ PeltoController::PeltoController(bool useList, GetLayerPtrFromHandle getLayerPtr
     }
 
     resetFps();
-    startFenceThread();
+    startFenceThread(platform.fenceThread);
 }
 
-void PeltoController::startFenceThread() {
+void PeltoController::startFenceThread(const FenceThreadCalls& calls) {
 #ifdef __ANDROID__
     mFenceThread = std::thread(&PeltoController::fenceLoop, this);
     const pid_t tid = pthread_gettid_np(mFenceThread.native_handle());
@@ -84,7 +98,6 @@ void PeltoController::startFenceThread() {
 #endif
 
     // Each refusal is logged and tolerated: the loop works at any priority.
-    const FenceThreadCalls& calls = fenceThreadCalls();
     if (calls.setName(mFenceThread.native_handle(), "PeltoFenceLoop") != 0) {
         ALOGI("pthread_setname_np fail");
     }

@@ -20,11 +20,13 @@
 #include <utils/StrongPointer.h>
 
 #include "config/PeltoConfig.h"
+#include "controller/FenceThreadCalls.h"
 #include "controller/PeltoExport.h"
 #include "controller/PeltoLayer.h"
 #include "controller/PeltoTypes.h"
 #include "controller/PeltoLayerRegistry.h"
 #include "controller/PeltoQ2QRing.h"
+#include "scheduler/TimerSyscalls.h"
 #include "trace/PeltoTracedOrdinal.h"
 
 namespace android {
@@ -79,6 +81,15 @@ public:
     using TriggerVsyncCallback = std::function<void(bool)>;
     using HostCallback = std::function<void()>;
 
+    // The platform calls the controller's own threads make: the fence thread's
+    // naming and priority calls and the timer's descriptor calls.
+    struct PlatformCalls {
+        FenceThreadCalls fenceThread = realFenceThreadCalls();
+        scheduler::TimerSyscalls timer = scheduler::realTimerSyscalls();
+    };
+
+    // Starts the fence thread and the timer; every callback but the traversal
+    // of the other mode must be set.
     PELTO_EXPORT PeltoController(bool useList, GetLayerPtrFromHandle getLayerPtrFromHandle,
                                  GetBufferCountFromHandle getBufferCountFromHandle,
                                  TraverseVisibleLayers traverseVisibleLayers,
@@ -87,6 +98,17 @@ public:
                                  TriggerVsyncCallback triggerVsyncCallback,
                                  HostCallback triggerEventQueueInvalidate,
                                  HostCallback setHwcPeltoOn, HostCallback setHwcPeltoOff);
+    // As above, with the controller's threads making `platform`'s calls: how
+    // tests and the fuzzer make them fail. Not exported.
+    PeltoController(bool useList, GetLayerPtrFromHandle getLayerPtrFromHandle,
+                    GetBufferCountFromHandle getBufferCountFromHandle,
+                    TraverseVisibleLayers traverseVisibleLayers,
+                    TraverseVisibleBufferLayers traverseVisibleBufferLayers,
+                    GetCurrentVsyncPeriod getCurrentVsyncPeriod,
+                    TriggerVsyncCallback triggerVsyncCallback,
+                    HostCallback triggerEventQueueInvalidate, HostCallback setHwcPeltoOn,
+                    HostCallback setHwcPeltoOff, const PlatformCalls& platform);
+    // Ends and joins the fence thread and the timer's thread.
     PELTO_EXPORT ~PeltoController();
 
     PeltoController(const PeltoController&) = delete;
@@ -186,7 +208,7 @@ private:
         return mRegistry;
     }
     void cancelPendingAlarms() EXCLUDES(mAlarmListMutex);
-    void startFenceThread();
+    void startFenceThread(const FenceThreadCalls& calls);
     void visitBufferLayerLocked(const void* layerPtr, float area, bool focused)
             REQUIRES(mCompositionMutex, mLayerMutex);
 

@@ -49,7 +49,7 @@ int FuzzHost::slotOf(const sp<IBinder>& handle) const {
     return -1;
 }
 
-PeltoController* FuzzHost::create(bool useList) {
+PeltoController* FuzzHost::create(bool useList, const PeltoController::PlatformCalls& platform) {
     auto layerPtr = [this](const sp<IBinder>& handle) -> void* {
         const int slot = slotOf(handle);
         return slot < 0 ? nullptr : const_cast<void*>(slotPointer(slot));
@@ -75,8 +75,11 @@ PeltoController* FuzzHost::create(bool useList) {
     auto hwcOff = [this] {
         check(mHwcOn.exchange(false), "HWC mode switched off while not on");
     };
-    return createPeltoController(useList, layerPtr, bufferCount, traverseLayers,
-                                 traverseBufferLayers, period, vsync, invalidate, hwcOn, hwcOff);
+    // Built as createPeltoController() builds it, with the input's platform
+    // calls; destroyPeltoController() deletes it.
+    return new PeltoController(useList, layerPtr, bufferCount, traverseLayers,
+                               traverseBufferLayers, period, vsync, invalidate, hwcOn, hwcOff,
+                               platform);
 }
 
 } // namespace android::fuzz

@@ -43,8 +43,8 @@ public:
     FuzzHost(const FuzzHost&) = delete;
     FuzzHost& operator=(const FuzzHost&) = delete;
 
-    // A controller made through the exported entry point, with all nine callbacks.
-    PeltoController* create(bool useList);
+    // A controller with all nine callbacks, its threads making `platform`'s calls.
+    PeltoController* create(bool useList, const PeltoController::PlatformCalls& platform);
 
     // Back to the state a new host starts in; the HWC record is left alone:
     // it follows the controller, which is reset separately.

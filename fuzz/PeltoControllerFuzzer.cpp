@@ -1,5 +1,5 @@
 // The input carries everything a controller sees: the mode, the rule file, the
-// debug switch, faults for the fence thread's platform calls, and two scripts of
+// debug switch, faults for the fence thread's and the timer's platform calls, and two scripts of
 // entry-point calls with the host's answers (visible layers that repeat or
 // were never registered, buffer counts of any sign, vsync periods of any
 // value, fences that wait or fail). The first script runs on the fuzzing
@@ -7,7 +7,8 @@
 // thread (transactions, hints, reloads, dumps). The invariants a compositor
 // can observe are checked after every composition and at the end of each input.
 //
-// Layout: a setup byte, a construction byte, the rule file's text, "\n%%\n", the
+// Layout: a setup byte (mode, debug switch, rule file present, timer faults),
+// a construction byte, the rule file's text, "\n%%\n", the
 // composing script, "\n%%\n", the second thread's script (each part may be
 // empty). A script is a list of calls: an opcode byte and its arguments (Op).
 //
@@ -23,6 +24,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <array>
 #include <cstdint>
 #include <cstdlib>
@@ -69,6 +71,9 @@ constexpr std::string_view kBaselineRules =
 constexpr uint8_t kSetupListMode = 1 << 0;
 constexpr uint8_t kSetupDebug = 1 << 1;
 constexpr uint8_t kSetupNoRuleFile = 1 << 2;
+// Bits 3-5 name a timer call that fails during the input (0: none; see
+// kTimerFaultCalls), bits 6-7 how many times in a row, less one.
+constexpr int kSetupTimerFaultShift = 3;
 // The construction byte that follows it: from this value up, the input gets a
 // controller of its own, built while the fence thread's platform calls named
 // by bits 0-3 fail (naming, SCHED_FIFO, niceness, foreground group).
@@ -178,7 +183,7 @@ sp<Fence> makeFence(uint8_t kind) {
 
 // Faults for the fence thread's platform calls, read when a controller is built.
 std::atomic<unsigned> sFenceFaults{0};
-const FenceThreadCalls* sPlatformFenceCalls = nullptr;
+const FenceThreadCalls* sPlatformFenceCalls = &realFenceThreadCalls();
 
 const FenceThreadCalls kFaultyFenceCalls = {
         [](pthread_t thread, const char* name) {
@@ -196,6 +201,70 @@ const FenceThreadCalls kFaultyFenceCalls = {
                                            : sPlatformFenceCalls->setSchedPolicy(tid, policy);
         },
 };
+
+// Faults for the timer's descriptor calls, armed at the start of each input
+// and cleared at its end. A new controller meets them while its timer builds
+// its loop and starts its first wait; its thread then retries, backing off,
+// while the input runs and after.
+enum TimerFaultCall : unsigned {
+    kNoTimerFault,
+    kTimerfdCreate,
+    kEpollCreate,
+    kPipe2,
+    kEpollCtl,
+    kTimerfdSettime,
+    kEpollWait,
+    kTimerRead,
+};
+std::atomic<unsigned> sTimerFaultCall{kNoTimerFault};
+std::atomic<int> sTimerFaultsLeft{0};
+
+void armTimerFaults(uint8_t setup) {
+    sTimerFaultsLeft = 1 + (setup >> 6);
+    sTimerFaultCall = (setup >> kSetupTimerFaultShift) & 7;
+}
+
+void clearTimerFaults() {
+    sTimerFaultCall = kNoTimerFault;
+}
+
+// Whether this call of `call` fails; sets errno when it does.
+bool timerCallFails(TimerFaultCall call) {
+    if (sTimerFaultCall.load() != call || sTimerFaultsLeft.fetch_sub(1) <= 0) return false;
+    errno = call == kEpollWait ? EINTR : EMFILE;
+    return true;
+}
+
+const scheduler::TimerSyscalls& real() {
+    return scheduler::realTimerSyscalls();
+}
+
+scheduler::TimerSyscalls faultyTimerSyscalls() {
+    scheduler::TimerSyscalls calls;
+    calls.timerfd_create = [](int clockId, int flags) {
+        return timerCallFails(kTimerfdCreate) ? -1 : real().timerfd_create(clockId, flags);
+    };
+    calls.timerfd_settime = [](int fd, int flags, const itimerspec* value, itimerspec* old) {
+        return timerCallFails(kTimerfdSettime) ? -1 : real().timerfd_settime(fd, flags, value, old);
+    };
+    calls.epoll_create1 = [](int flags) {
+        return timerCallFails(kEpollCreate) ? -1 : real().epoll_create1(flags);
+    };
+    calls.epoll_ctl = [](int epollFd, int op, int fd, epoll_event* event) {
+        return timerCallFails(kEpollCtl) ? -1 : real().epoll_ctl(epollFd, op, fd, event);
+    };
+    calls.epoll_wait = [](int epollFd, epoll_event* events, int max, int timeout) {
+        return timerCallFails(kEpollWait) ? -1 : real().epoll_wait(epollFd, events, max, timeout);
+    };
+    calls.pipe2 = [](int fds[2], int flags) {
+        return timerCallFails(kPipe2) ? -1 : real().pipe2(fds, flags);
+    };
+    calls.read = [](int fd, void* buffer, size_t count) -> ssize_t {
+        return timerCallFails(kTimerRead) ? -1 : real().read(fd, buffer, count);
+    };
+    calls.write = real().write;  // the destructor's wake-up
+    return calls;
+}
 
 // What the controller's dump says, as far as the invariants need it.
 struct DumpView {
@@ -646,11 +715,10 @@ void writeRules(std::string_view rules, bool present) {
 
 PeltoController* buildController(FuzzHost& host, bool useList, unsigned faults) {
     sFenceFaults = faults;
-    pelto_testing::setFenceThreadCalls(&kFaultyFenceCalls);
-    PeltoController* controller = host.create(useList);
-    pelto_testing::setFenceThreadCalls(nullptr);
-    check(controller != nullptr, "createPeltoController returned null");
-    return controller;
+    PeltoController::PlatformCalls platform;
+    platform.fenceThread = kFaultyFenceCalls;
+    platform.timer = faultyTimerSyscalls();
+    return host.create(useList, platform);
 }
 
 // Brings a used controller back to what a new one shows under the input's
@@ -721,7 +789,6 @@ extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
     using namespace android::fuzz;
     silenceLog();
     ruleFilePath();
-    sPlatformFenceCalls = &android::fenceThreadCalls();
     Cache& c = cache();
     const char* compare = std::getenv("PELTO_FUZZ_COMPARE_FRESH");
     c.compareFresh = compare != nullptr && compare[0] == '1';
@@ -771,6 +838,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     android::PeltoController*& ctl = c.controllers[mode];
     c.host.reset();
     setClock(kClockStart);
+    armTimerFaults(setup);
     if (ctl == nullptr || newController) {
         destroyPeltoController(ctl);  // null: nothing
         ctl = buildController(c.host, useList, faults);
@@ -788,6 +856,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
     if (!c.compareFresh) {
         runScripts(run, mainScript, secondScript, false);
+        clearTimerFaults();
         return 0;
     }
 
@@ -800,12 +869,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     c.host.reset();
     setClock(kClockStart);
     writeRules(rules, rulesPresent);
+    armTimerFaults(setup);
     android::PeltoController* fresh = buildController(c.host, useList, faults);
     std::string fromNew;
     run.controller = fresh;
     run.transcript = &fromNew;
     runScripts(run, mainScript, secondScript, true);
     destroyPeltoController(fresh);
+    clearTimerFaults();
     check(normalised(reused) == normalised(fromNew),
           "a reused controller showed something a new one did not");
     return 0;

@@ -16,6 +16,15 @@ import os
  SET_PELTO_ENABLE) = range(23)
 
 LIST, DEBUG, NO_RULE_FILE = 1, 2, 4
+# Setup bits 3-5: the timer call that fails; bits 6-7: how many times, less one.
+(TIMERFD_CREATE, EPOLL_CREATE, PIPE2, EPOLL_CTL, TIMERFD_SETTIME, EPOLL_WAIT,
+ TIMER_READ) = range(1, 8)
+
+
+def timer_fault(call, times):
+    return call << 3 | (times - 1) << 6
+
+
 REUSE, NEW_CONTROLLER = 0, 0xf0  # the construction byte; | faults on a new one
 SEPARATOR = b"\n%%\n"
 NULL_SLOT = 7
@@ -95,6 +104,12 @@ SEEDS = {
     "list_broken_and_missing_rules": seed(LIST, RULES_BROKEN,
         register(0, VIDEO) + composite() + [RELOAD] + composite(force_off=True),
         [RELOAD, RELOAD, QUEUE_FENCE, 2, QUEUE_FENCE, 3], construction=NEW_CONTROLLER | 0x0f),
+    "list_timer_cannot_build_its_loop": seed(LIST | timer_fault(PIPE2, 4), RULES_A,
+        register(0, VIDEO) + visible((0, FULL_SCREEN, False)) + composite() + frames(0, 3),
+        [RELOAD, DUMP], construction=NEW_CONTROLLER),
+    "api_timer_wait_fails": seed(timer_fault(EPOLL_WAIT, 2), b"",
+        [SET_TARGET_LAYER, 0] + visible((0, FULL_SCREEN, True)) + [SET_PELTO_ENABLE, 1]
+        + composite() + frames(0, 2), construction=NEW_CONTROLLER | 0x05),
     "list_no_rule_file": seed(LIST | NO_RULE_FILE, b"",
         register(0, VIDEO) + visible((0, FULL_SCREEN, False)) + composite() + [RELOAD]),
     "api_target_enable": seed(DEBUG, b"",

@@ -14,7 +14,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "controller/FenceThreadCalls.h"
 #include "controller/PeltoController.h"
 #include "support/FakeCompositor.h"
 #include "support/RuleFile.h"
@@ -30,7 +29,9 @@ using test::FakeTrace;
 using test::LogCapture;
 using test::ScopedFakeTrace;
 using test::ScopedRuleFile;
+using ::testing::Contains;
 using ::testing::ElementsAre;
+using ::testing::Field;
 using ::testing::IsEmpty;
 
 // Names of this process's threads, from /proc.
@@ -141,17 +142,18 @@ TEST(PeltoControllerLifecycleTest, theOtherModesTraversalMayBeEmpty) {
 
 TEST(PeltoControllerLifecycleTest, threadSetupRefusalsAreLoggedAndConstructionCompletes) {
     static std::atomic<int> attempts{0};
-    static const FenceThreadCalls kRefuseAll = {
+    PeltoController::PlatformCalls refuseAll;
+    refuseAll.fenceThread = {
             [](pthread_t, const char*) { return ++attempts, ERANGE; },
             [](pthread_t, int) { return ++attempts, EPERM; },
             [](int, int) { return ++attempts, -1; },
             [](int, SchedPolicy) { return ++attempts, -1; },
     };
+    // The timer cannot make its loop either: its thread keeps retrying.
+    refuseAll.timer.pipe2 = [](int*, int) { return errno = EMFILE, -1; };
     LogCapture log;
     FakeCompositor host;
-    pelto_testing::setFenceThreadCalls(&kRefuseAll);
-    auto refused = host.create(/*useList=*/false);
-    pelto_testing::setFenceThreadCalls(nullptr);
+    auto refused = host.create(/*useList=*/false, refuseAll);
 
     EXPECT_EQ(attempts, 4);  // every step is tried after a refusal
     EXPECT_THAT(log.lines("PeltoController"),
@@ -163,9 +165,13 @@ TEST(PeltoControllerLifecycleTest, threadSetupRefusalsAreLoggedAndConstructionCo
                                           "set HAL_PRIORITY_URGENT_DISPLAY fail"},
                             test::LogLine{ANDROID_LOG_ERROR, "PeltoController",
                                           "set SP_FOREGROUND fail"}));
-    // The loop runs all the same.
+    EXPECT_THAT(log.lines("SchedulerTimer"),
+                Contains(Field(&test::LogLine::message, "could not create TimerDispatch mPipes")));
+    // The fence loop runs all the same, and teardown does not wait for the
+    // timer's next attempt.
     refused->timeoutCallback();
     EXPECT_THAT(host.vsyncCallbacks(), ElementsAre(true));
+    refused.reset();
 }
 
 // Builds a controller with the callback at `missing` (0-based, factory order)

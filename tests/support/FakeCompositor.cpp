@@ -5,11 +5,12 @@ namespace android::test {
 
 FakeCompositor::FakeCompositor() = default;
 
-std::unique_ptr<PeltoController> FakeCompositor::create(bool useList) {
+std::unique_ptr<PeltoController> FakeCompositor::create(
+        bool useList, const PeltoController::PlatformCalls& platform) {
     return std::make_unique<PeltoController>(
             useList, getLayerPtrFromHandle(), getBufferCountFromHandle(), traverseVisibleLayers(),
             traverseVisibleBufferLayers(), getCurrentVsyncPeriod(), triggerVsyncCallback(),
-            triggerEventQueueInvalidate(), setHwcPeltoOn(), setHwcPeltoOff());
+            triggerEventQueueInvalidate(), setHwcPeltoOn(), setHwcPeltoOff(), platform);
 }
 
 PeltoController::GetLayerPtrFromHandle FakeCompositor::getLayerPtrFromHandle() {

@@ -28,8 +28,10 @@ public:
 
     FakeCompositor();
 
-    // The controller in the given mode with all nine callbacks.
-    std::unique_ptr<PeltoController> create(bool useList);
+    // The controller in the given mode with all nine callbacks, its threads
+    // making `platform`'s calls.
+    std::unique_ptr<PeltoController> create(bool useList,
+                                            const PeltoController::PlatformCalls& platform = {});
 
     // The nine callbacks, for tests that build a controller by hand.
     PeltoController::GetLayerPtrFromHandle getLayerPtrFromHandle();
