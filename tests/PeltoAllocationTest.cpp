@@ -64,6 +64,7 @@ protected:
 };
 
 TEST_F(PeltoAllocationTest, steadyListCompositionAllocatesNothing) {
+    SKIP_WITHOUT_RULE_FILE_PATH();
     startListMode(256, 64);
 
     AllocationCounter counter;
@@ -103,6 +104,7 @@ TEST_F(PeltoAllocationTest, steadyApiCompositionAllocatesNothing) {
 }
 
 TEST_F(PeltoAllocationTest, activeTargetTransactionsAllocateNothingOnceTheRingIsFull) {
+    SKIP_WITHOUT_RULE_FILE_PATH();
     startListMode(256, 64);
     const sp<IBinder> target = LeanCompositor::handleFor(mScene.activeTarget);
     const sp<Fence> fence = new Fence();

@@ -49,6 +49,7 @@ const std::string kMayStayOnRules = rules(false, R"(
 
 class PeltoCompositionTest : public ::testing::Test {
 protected:
+    void SetUp() override { SKIP_WITHOUT_RULE_FILE_PATH(); }
     void start(const std::string& ruleText) {
         mRules = std::make_unique<ScopedRuleFile>(ruleText);
         mController = mHost.create(/*useList=*/true);

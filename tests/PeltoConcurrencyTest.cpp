@@ -30,6 +30,7 @@ constexpr const char* kRulesB = R"({"target_layers": [{"name": "video"}, {"name"
     "exception_rule": [{"layer_screen_size_ratio": {"condition": "1", "value1": 99}}]})";
 
 TEST(PeltoConcurrencyTest, reloadsNeverShowCompositionAHalfBuiltRegistry) {
+    SKIP_WITHOUT_RULE_FILE_PATH();
     ScopedRuleFile rules(kRulesA);
     FakeCompositor host;
     auto controller = host.create(/*useList=*/true);

@@ -102,6 +102,7 @@ TEST(PeltoControllerLifecycleTest, teardownWhileOnCallsNoCallback) {
 
 TEST(PeltoControllerLifecycleTest, constructionCallsOnlyTheVsyncPeriodOnceAndTracesFourCounters) {
     ScopedFakeTrace trace(true);
+    SKIP_WITHOUT_RULE_FILE_PATH();
     ScopedRuleFile rules(kRules);
     FakeCompositor host;
     auto controller = host.create(/*useList=*/true);

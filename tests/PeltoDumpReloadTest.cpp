@@ -54,6 +54,7 @@ constexpr const char* kConfigText =
 
 class PeltoDumpReloadTest : public ::testing::Test {
 protected:
+    void SetUp() override { SKIP_WITHOUT_RULE_FILE_PATH(); }
     PeltoDumpReloadTest() {
         mController->registerLayer(kVideo, "video#0");
         mController->registerLayer(kSubtitle, "subtitle#0");
@@ -144,7 +145,6 @@ TEST_F(PeltoDumpReloadTest, failedReloadLeavesNoRulesAndIsReported) {
 }
 
 TEST_F(PeltoDumpReloadTest, reloadRefusesPathsThatCouldStallOrExhaustIt) {
-    SKIP_WITHOUT_RULE_FILE_PATH();
     mHost.setVisibleBufferLayers({{kVideo, 5000}});
     mController->composite(false, false, 10000);
     const std::string path = mRules.path();

@@ -132,6 +132,7 @@ TEST_F(PeltoModeStateTest, setTargetLayerResetsThePaceOnlyForANewLayer) {
 }
 
 TEST(PeltoModeStateListTest, apiCallsUnderListModeLogAnErrorButStoreTheirValue) {
+    SKIP_WITHOUT_RULE_FILE_PATH();
     test::ScopedRuleFile rules(R"({"target_layers": [{"name": "video"}],
         "general_rule": {"on_when_has_other_layer": false, "use_adaptive_timeout": true}})");
     LogCapture log;

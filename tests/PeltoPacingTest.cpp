@@ -243,6 +243,7 @@ TEST_F(PeltoPacingTest, gatedLinesTellWhatTheTransactionPathDecided) {
 }
 
 TEST(PeltoPacingListTest, onlyTheActiveTargetOfTheRegistryIsSampled) {
+    SKIP_WITHOUT_RULE_FILE_PATH();
     test::ScopedRuleFile rules(R"({"target_layers": [{"name": "video"}, {"name": "game"}],
         "general_rule": {"on_when_has_other_layer": true, "use_adaptive_timeout": true}})");
     FakeClock clock;

@@ -72,6 +72,7 @@ private:
 };
 
 TEST(PeltoStressTest, everyEntryPointFromEightThreadsKeepsTheInvariants) {
+    SKIP_WITHOUT_RULE_FILE_PATH();
     ScopedRuleFile rules(kRulesA);
     FakeCompositor host;
     auto controller = host.create(/*useList=*/true);
