@@ -183,22 +183,22 @@ sp<Fence> makeFence(uint8_t kind) {
 
 // Faults for the fence thread's platform calls, read when a controller is built.
 std::atomic<unsigned> sFenceFaults{0};
-const FenceThreadCalls* sPlatformFenceCalls = &realFenceThreadCalls();
 
 const FenceThreadCalls kFaultyFenceCalls = {
         [](pthread_t thread, const char* name) {
-            return (sFenceFaults & 1) != 0 ? ERANGE : sPlatformFenceCalls->setName(thread, name);
+            return (sFenceFaults & 1) != 0 ? ERANGE : realFenceThreadCalls().setName(thread, name);
         },
         [](pthread_t thread, int priority) {
-            return (sFenceFaults & 2) != 0 ? EPERM
-                                           : sPlatformFenceCalls->setFifoPriority(thread, priority);
+            return (sFenceFaults & 2) != 0
+                    ? EPERM
+                    : realFenceThreadCalls().setFifoPriority(thread, priority);
         },
         [](int tid, int nice) {
-            return (sFenceFaults & 4) != 0 ? -1 : sPlatformFenceCalls->setNice(tid, nice);
+            return (sFenceFaults & 4) != 0 ? -1 : realFenceThreadCalls().setNice(tid, nice);
         },
         [](int tid, SchedPolicy policy) {
             return (sFenceFaults & 8) != 0 ? -EPERM
-                                           : sPlatformFenceCalls->setSchedPolicy(tid, policy);
+                                           : realFenceThreadCalls().setSchedPolicy(tid, policy);
         },
 };
 
