@@ -23,14 +23,40 @@ std::string PeltoLayerRegistry::lookupKey(const std::string& name) {
     return name.substr(0, lookupKeyLength(name));
 }
 
-void PeltoLayerRegistry::classify(const PeltoConfig& rules, const std::string& key,
-                                  PeltoLayer& record) {
-    if (rules.isTargetLayer(key, &record.targetInfo)) {
-        record.type = kTarget;
-    } else if (rules.isTargetIgnoreLayer(key, &record.targetIgnoreInfo)) {
-        record.type = static_cast<int32_t>(PeltoLayerType::TargetIgnoreLayer);
-    } else if (rules.isExceptionLayer(key, &record.exceptionRule)) {
-        record.type = static_cast<int32_t>(PeltoLayerType::ExceptionLayer);
+PeltoLayerRegistry::RuleFields PeltoLayerRegistry::classify(const PeltoConfig& rules,
+                                                            const std::string& key) {
+    RuleFields fields;
+    if (rules.isTargetLayer(key, &fields.targetInfo)) {
+        fields.type = kTarget;
+    } else if (rules.isTargetIgnoreLayer(key, &fields.targetIgnoreInfo)) {
+        fields.type = static_cast<int32_t>(PeltoLayerType::TargetIgnoreLayer);
+    } else if (rules.isExceptionLayer(key, &fields.exceptionRule)) {
+        fields.type = static_cast<int32_t>(PeltoLayerType::ExceptionLayer);
+    }
+    return fields;
+}
+
+void PeltoLayerRegistry::setRuleFields(PeltoLayer& record, const RuleFields& fields) {
+    record.type = fields.type;
+    record.targetInfo = fields.targetInfo;
+    record.targetIgnoreInfo = fields.targetIgnoreInfo;
+    record.exceptionRule = fields.exceptionRule;
+}
+
+template <typename Visit>
+void PeltoLayerRegistry::forEachRecordOf(const void* layerPtr, const IndexEntry& entry,
+                                         Visit visit) {
+    // No record of this pointer comes before its first one, and the walk ends
+    // with the last of its records.
+    auto it = entry.first;
+    size_t remaining = entry.records;
+    while (remaining > 0 && it != mLayers.end()) {
+        if (it->layerPtr != layerPtr) {
+            ++it;
+            continue;
+        }
+        --remaining;
+        it = visit(it);
     }
 }
 
@@ -44,7 +70,7 @@ PeltoLayerRegistry::Pending PeltoLayerRegistry::prepare(const void* layerPtr,
 
 void PeltoLayerRegistry::add(Pending&& pending, const PeltoConfig& rules) {
     PeltoLayer& record = pending.node.front();
-    classify(rules, pending.key, record);
+    setRuleFields(record, classify(rules, pending.key));
     if (record.type == kTarget) {
         ++mTargetCount;
     }
@@ -61,30 +87,22 @@ void PeltoLayerRegistry::remove(const void* layerPtr) {
     if (indexed == mIndex.end()) {
         return;
     }
-    // No record of this pointer comes before its first one, and the walk ends
-    // with the last of its records.
-    auto it = indexed->second.first;
-    size_t remaining = indexed->second.records;
+    const IndexEntry entry = indexed->second;
     mIndex.erase(indexed);
     ++mGeneration;
     if (mActiveTarget.load() == layerPtr) {
         mActiveTarget = nullptr;
     }
-    while (remaining > 0 && it != mLayers.end()) {
-        if (it->layerPtr != layerPtr) {
-            ++it;
-            continue;
-        }
-        if (it->type == kTarget) {
+    forEachRecordOf(layerPtr, entry, [this](auto record) {
+        if (record->type == kTarget) {
             if (mTargetCount > 0) {
                 --mTargetCount;
             } else {
                 ALOGE("mTargetCandidateCount < 0");
             }
         }
-        it = mLayers.erase(it);
-        --remaining;
-    }
+        return mLayers.erase(record);
+    });
 }
 
 PeltoLayer* PeltoLayerRegistry::find(const void* layerPtr) {
@@ -92,22 +110,22 @@ PeltoLayer* PeltoLayerRegistry::find(const void* layerPtr) {
     return indexed == mIndex.end() ? nullptr : &*indexed->second.first;
 }
 
-bool PeltoLayerRegistry::flagTargetRecords(const void* layerPtr, bool active) {
+PeltoLayerRegistry::Flagged PeltoLayerRegistry::flagTargetRecords(const void* layerPtr,
+                                                                  bool active) {
+    Flagged flagged;
     const auto indexed = mIndex.find(layerPtr);
     if (indexed == mIndex.end()) {
-        return false;
+        return flagged;
     }
-    // The pointer's records run from its first one; the walk ends at its last.
-    bool flagged = false;
-    size_t remaining = indexed->second.records;
-    for (auto it = indexed->second.first; remaining > 0 && it != mLayers.end(); ++it) {
-        if (it->layerPtr != layerPtr) continue;
-        --remaining;
-        if (it->type == kTarget) {
-            it->isActiveTarget = active;
-            flagged = true;
+    const auto first = indexed->second.first;
+    forEachRecordOf(layerPtr, indexed->second, [&flagged, first, active](auto record) {
+        if (record->type == kTarget) {
+            record->isActiveTarget = active;
+            flagged.any = true;
+            flagged.first = flagged.first || record == first;
         }
-    }
+        return std::next(record);
+    });
     return flagged;
 }
 
@@ -118,9 +136,9 @@ void PeltoLayerRegistry::setActiveTarget(const void* layerPtr) {
     if (mFlagged != nullptr) {
         flagTargetRecords(mFlagged, false);
     }
-    mFlagged = flagTargetRecords(layerPtr, true) ? layerPtr : nullptr;
-    const PeltoLayer* first = find(layerPtr);
-    mActiveTarget = first != nullptr && first->isActiveTarget ? layerPtr : nullptr;
+    const Flagged flagged = flagTargetRecords(layerPtr, true);
+    mFlagged = flagged.any ? layerPtr : nullptr;
+    mActiveTarget = flagged.first ? layerPtr : nullptr;
 }
 
 bool PeltoLayerRegistry::isActiveTarget(const void* layerPtr) const {
@@ -139,12 +157,12 @@ PeltoLayerRegistry::Reclassification PeltoLayerRegistry::snapshot() const {
 }
 
 void PeltoLayerRegistry::classify(Reclassification& reclassification, const PeltoConfig& rules) {
-    reclassification.classified.assign(reclassification.keyEnds.size(), PeltoLayer{});
+    reclassification.classified.clear();
+    reclassification.classified.reserve(reclassification.keyEnds.size());
     size_t begin = 0;
-    for (size_t i = 0; i < reclassification.keyEnds.size(); ++i) {
-        const size_t end = reclassification.keyEnds[i];
-        classify(rules, reclassification.keys.substr(begin, end - begin),
-                 reclassification.classified[i]);
+    for (const size_t end : reclassification.keyEnds) {
+        reclassification.classified.push_back(
+                classify(rules, reclassification.keys.substr(begin, end - begin)));
         begin = end;
     }
 }
@@ -158,16 +176,7 @@ void PeltoLayerRegistry::apply(Reclassification&& reclassification, const PeltoC
     for (PeltoLayer& record : mLayers) {
         // Records keep their places and names, so the index and the list
         // order stand; everything else starts afresh.
-        PeltoLayer fresh;
-        if (unchanged) {
-            fresh = *classified++;
-        } else {
-            classify(rules, lookupKey(record.name), fresh);
-        }
-        record.type = fresh.type;
-        record.targetInfo = fresh.targetInfo;
-        record.targetIgnoreInfo = fresh.targetIgnoreInfo;
-        record.exceptionRule = fresh.exceptionRule;
+        setRuleFields(record, unchanged ? *classified++ : classify(rules, lookupKey(record.name)));
         record.isActiveTarget = false;
         record.area = 0.0f;
         record.focused = false;

@@ -53,12 +53,19 @@ public:
     // apply() under it with the same rules. apply() classifies again under
     // the lock when layers came or went since the snapshot. Every record
     // starts afresh: no area, no focus, no active target.
+    // What the rules say of one record.
+    struct RuleFields {
+        int32_t type = static_cast<int32_t>(PeltoLayerType::Nobody);
+        const PeltoTargetLayerInfo* targetInfo = nullptr;
+        const PeltoTargetIgnoreInfo* targetIgnoreInfo = nullptr;
+        const PeltoExceptionRule* exceptionRule = nullptr;
+    };
     struct Reclassification {
         // Every record's lookup key, back to back, and where each ends: one
         // allocation for the copy under the lock instead of one per name.
         std::string keys;
         std::vector<size_t> keyEnds;
-        std::vector<PeltoLayer> classified;  // the rule fields of each record
+        std::vector<RuleFields> classified;
         uint64_t generation = 0;
     };
     Reclassification snapshot() const;
@@ -71,9 +78,21 @@ public:
 private:
     static std::string lookupKey(const std::string& name);
     static size_t lookupKeyLength(const std::string& name);
-    static void classify(const PeltoConfig& rules, const std::string& key, PeltoLayer& record);
-    // Sets isActiveTarget on `layerPtr`'s target records; whether it has any.
-    bool flagTargetRecords(const void* layerPtr, bool active);
+    static RuleFields classify(const PeltoConfig& rules, const std::string& key);
+    static void setRuleFields(PeltoLayer& record, const RuleFields& fields);
+
+    struct IndexEntry;
+    // Calls `visit` on each of the entry's records, in list order. `visit`
+    // returns the iterator to go on from, so that it may erase the record.
+    template <typename Visit>
+    void forEachRecordOf(const void* layerPtr, const IndexEntry& entry, Visit visit);
+    // Sets isActiveTarget on `layerPtr`'s target records. Returns whether any
+    // record was flagged and whether the first one was.
+    struct Flagged {
+        bool any = false;
+        bool first = false;
+    };
+    Flagged flagTargetRecords(const void* layerPtr, bool active);
 
     std::list<PeltoLayer> mLayers;
     // First record of each pointer and how many it has, so that per-frame
