@@ -26,6 +26,7 @@
 #include "controller/PeltoTypes.h"
 #include "controller/PeltoLayerRegistry.h"
 #include "controller/PeltoQ2QRing.h"
+#include "controller/SpinThenBlockMutex.h"
 #include "scheduler/TimerSyscalls.h"
 #include "trace/PeltoTracedOrdinal.h"
 
@@ -217,7 +218,9 @@ private:
     // Serialises reloads; see the lock order above.
     std::mutex mReloadMutex ACQUIRED_BEFORE(mLayerMutex);
 
-    mutable std::mutex mLayerMutex;
+    // Polls briefly before it sleeps: registrations hold it for well under a
+    // microsecond, and a composition that slept on it would lose tens.
+    mutable SpinThenBlockMutex mLayerMutex;
     // The rules in use (list mode). Immutable once published: a reload builds
     // new rules aside and swaps the pointer, and a dump formats the rules it
     // took a reference to without holding the lock.
