@@ -3,11 +3,14 @@
 // (64 registered, 16 visible) scene; each row of the table is one load running
 // beside it, and the last column compares its p99.9 with the quiet row's.
 // Before each reload row, a "parse only" row reads, parses and dumps the same
-// file beside composition without touching the controller: what the machine
-// itself adds when a second thread works, against which the reload row shows
+// file beside composition without touching the controller, and before the
+// bursts row the same bursts go into another controller: what the machine
+// itself adds when a second thread works, against which the next row shows
 // the controller's own part.
 //
-//   pelto_reload_latency [--seconds=S] [--rounds=N]   (S per row and round, default 5; N default 3)
+//   pelto_reload_latency [--seconds=S] [--rounds=N] [--only=TEXT]
+//     S: seconds per row and round, default 5; N: rounds, default 3;
+//     TEXT: run only the rows whose name contains it, after the quiet row.
 #include <unistd.h>
 
 #include <algorithm>
@@ -155,13 +158,16 @@ int main(int argc, char** argv) {
     using namespace android::bench;
     double seconds = 5.0;
     int roundCount = 3;
+    std::string only;
     for (int i = 1; i < argc; ++i) {
         if (strncmp(argv[i], "--seconds=", 10) == 0) {
             seconds = atof(argv[i] + 10);
         } else if (strncmp(argv[i], "--rounds=", 9) == 0 && atoi(argv[i] + 9) > 0) {
             roundCount = atoi(argv[i] + 9);
+        } else if (strncmp(argv[i], "--only=", 7) == 0) {
+            only = argv[i] + 7;
         } else {
-            fprintf(stderr, "usage: %s [--seconds=S] [--rounds=N]\n", argv[0]);
+            fprintf(stderr, "usage: %s [--seconds=S] [--rounds=N] [--only=TEXT]\n", argv[0]);
             return 2;
         }
     }
@@ -169,6 +175,9 @@ int main(int argc, char** argv) {
     installCountingLogger();
 
     ListModeRig rig(kRegistered, kVisible);
+    // The bursts' control: the same registrations into a controller of their
+    // own, which shares nothing with the composited one but the machine.
+    ListModeRig bystander(kRegistered, kVisible);
     const std::string path = "/tmp/pelto_reload_latency_" + std::to_string(getpid()) + ".json";
     const auto writeRules = [&](size_t bytes) {
         std::ofstream(path, std::ios::trunc) << paddedRules(rig.scene.ruleFile, bytes);
@@ -179,6 +188,9 @@ int main(int argc, char** argv) {
     android::PeltoController& controller = *rig.controller;
     const auto reloads = [&](const std::atomic<bool>& stop) { return reloadLoop(controller, stop); };
     const auto bursts = [&](const std::atomic<bool>& stop) { return burstLoop(controller, stop); };
+    const auto bystanderBursts = [&](const std::atomic<bool>& stop) {
+        return burstLoop(*bystander.controller, stop);
+    };
     struct Load {
         std::string name;
         size_t ruleBytes;  // 0: the rule file is not rewritten
@@ -191,7 +203,14 @@ int main(int argc, char** argv) {
         loads.push_back({std::string("parse only ") + size + " rules", bytes, parseLoop});
         loads.push_back({std::string("reload ") + size + " rules", bytes, reloads});
     }
+    loads.push_back({"1,000-registration bursts into another controller", 0, bystanderBursts});
     loads.push_back({"1,000-registration bursts", 0, bursts});
+    // The quiet row stays first: every other row is compared with it.
+    loads.erase(std::remove_if(loads.begin() + 1, loads.end(),
+                               [&only](const Load& load) {
+                                   return load.name.find(only) == std::string::npos;
+                               }),
+                loads.end());
 
     // Rounds run every row in turn, so a burst of noise from the machine
     // lands in one round of a row, and the median round discards it.
