@@ -46,12 +46,13 @@ mutate controller/PeltoComposition.cpp "                if (match == alwaysOn) {
 mutate controller/PeltoLayerRegistry.cpp "    if (mActiveTarget.load() == layerPtr) {
         mActiveTarget = nullptr;
     }" "" "PeltoLayerRegistry*"
-mutate controller/PeltoLayerRegistry.cpp "reclassification.generation == mGeneration;" "true;" "PeltoLayerRegistry*"
+mutate controller/PeltoLayerRegistry.cpp "reclassification.generation == mGeneration &&" "" "PeltoLayerRegistry*"
 mutate controller/PeltoQ2QRing.cpp "mQ2QDurations.size() >= kMinDurationsForAverage" "mQ2QDurations.size() > kMinDurationsForAverage" "PeltoPacing*"
 mutate controller/PeltoDump.cpp "        mConfig.swap(rules);" "        mConfig.swap(rules);
         mConfig.swap(rules);" "PeltoDumpReload*"
 mutate config/PeltoRuleFileReader.cpp "    if (!S_ISREG(st.st_mode)) {" "    if (S_ISDIR(st.st_mode)) {" "PeltoDumpReload*"
 mutate config/PeltoRuleFileReader.cpp "if (++depth > kMaxRuleFileNesting) {" "if (++depth > kMaxRuleFileNesting + 1) {" "PeltoHostile*"
+mutate controller/SpinThenBlockMutex.h "if (mHeld.load(std::memory_order_relaxed) || !mMutex.try_lock()) {" "if (mHeld.load(std::memory_order_relaxed)) {" "SpinThenBlockMutex*"
 
 cmake --build --preset default -j "$(nproc)" --target pelto_unit_tests >/dev/null 2>&1
 exit $survived

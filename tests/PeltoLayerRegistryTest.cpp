@@ -104,13 +104,17 @@ TEST(PeltoLayerRegistryTest, reclassificationKeepsOrderAndStartsEveryRecordAfres
         PeltoLayerRegistry::Reclassification reclassification = registry.snapshot();
         PeltoLayerRegistry::classify(reclassification, *after);
         if (changedMeanwhile) {
+            // A destroy and a registration between the snapshot and the swap:
+            // as many records as were classified, but not the same ones.
+            registry.remove(layer(1));
             registry.add(PeltoLayerRegistry::prepare(layer(3), "game#1"), *before);
         }
         registry.apply(std::move(reclassification), *after);
 
         if (changedMeanwhile) {
-            EXPECT_THAT(records(registry), ElementsAre("video#0:2", "game#0:1", "game#1:1"));
-            registry.remove(layer(3));
+            EXPECT_THAT(records(registry), ElementsAre("game#0:1", "game#1:1"));
+            EXPECT_EQ(registry.targetCount(), 2);
+            continue;
         }
         EXPECT_THAT(records(registry), ElementsAre("video#0:2", "game#0:1"));
         EXPECT_EQ(registry.find(layer(1))->targetIgnoreInfo->id, 0);

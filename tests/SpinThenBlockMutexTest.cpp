@@ -12,7 +12,7 @@ namespace {
 
 // Threads that take the lock for a moment each, over and over, lose no update
 // to a plain counter: both the polling and the sleeping path exclude.
-TEST(SpinThenBlockMutexTest, ExcludesWhetherItPollsOrSleeps) {
+TEST(SpinThenBlockMutexTest, excludesWhetherItPollsOrSleeps) {
     SpinThenBlockMutex mutex;
     long counter = 0;
     constexpr int kThreads = 4;
