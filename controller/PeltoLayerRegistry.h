@@ -48,11 +48,6 @@ public:
     // the answer is published wherever it changes, under the owner's lock.
     bool isActiveTarget(const void* layerPtr) const;
 
-    // A reload in three steps, so that the owner holds its lock for the copy
-    // and the swap only: snapshot() under the lock, classify() without it,
-    // apply() under it with the same rules. apply() classifies again under
-    // the lock when layers came or went since the snapshot. Every record
-    // starts afresh: no area, no focus, no active target.
     // What the rules say of one record.
     struct RuleFields {
         int32_t type = static_cast<int32_t>(PeltoLayerType::Nobody);
@@ -60,6 +55,12 @@ public:
         const PeltoTargetIgnoreInfo* targetIgnoreInfo = nullptr;
         const PeltoExceptionRule* exceptionRule = nullptr;
     };
+
+    // A reload in three steps, so that the owner holds its lock for the copy
+    // and the swap only: snapshot() under the lock, classify() without it,
+    // apply() under it with the same rules. apply() classifies again under
+    // the lock when layers came or went since the snapshot. Every record
+    // starts afresh: no area, no focus, no active target.
     struct Reclassification {
         // Every record's lookup key, back to back, and where each ends: one
         // allocation for the copy under the lock instead of one per name.

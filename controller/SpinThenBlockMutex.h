@@ -12,10 +12,9 @@ namespace android {
 //
 // The registry lock is held for under a microsecond by a registration or a
 // destroy, but a compositor that finds it taken would otherwise sleep in the
-// kernel, and being woken again costs tens of microseconds: most of a frame's
-// budget for the decision when a burst of registrations runs beside it. A
-// holder that is preempted still costs only the bounded spin, then the waiter
-// sleeps as on a plain mutex.
+// kernel, and being woken again costs tens of microseconds, several times
+// what a whole composition takes. A holder that is preempted costs a waiter
+// the bounded poll, then the waiter sleeps as on a plain mutex.
 class CAPABILITY("mutex") SpinThenBlockMutex {
 public:
     // How long lock() polls before it sleeps: longer than a registration, a
