@@ -59,11 +59,7 @@ private:
     // Reads the hint first, so that pollers share the cache line instead of
     // taking it from the holder on every poll.
     bool tryLockIfFree() TRY_ACQUIRE(true) {
-        if (mHeld.load(std::memory_order_relaxed) || !mMutex.try_lock()) {
-            return false;
-        }
-        mHeld.store(true, std::memory_order_relaxed);
-        return true;
+        return !mHeld.load(std::memory_order_relaxed) && try_lock();
     }
 
     // Tells the core this is a spin-wait, so it yields to a sibling hardware

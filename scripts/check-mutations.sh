@@ -52,7 +52,7 @@ mutate controller/PeltoDump.cpp "        mConfig.swap(rules);" "        mConfig.
         mConfig.swap(rules);" "PeltoDumpReload*"
 mutate config/PeltoRuleFileReader.cpp "    if (!S_ISREG(st.st_mode)) {" "    if (S_ISDIR(st.st_mode)) {" "PeltoDumpReload*"
 mutate config/PeltoRuleFileReader.cpp "if (++depth > kMaxRuleFileNesting) {" "if (++depth > kMaxRuleFileNesting + 1) {" "PeltoHostile*"
-mutate controller/SpinThenBlockMutex.h "if (mHeld.load(std::memory_order_relaxed) || !mMutex.try_lock()) {" "if (mHeld.load(std::memory_order_relaxed)) {" "SpinThenBlockMutex*"
+mutate controller/SpinThenBlockMutex.h "return !mHeld.load(std::memory_order_relaxed) && try_lock();" "return !mHeld.load(std::memory_order_relaxed);" "SpinThenBlockMutex*"
 
 cmake --build --preset default -j "$(nproc)" --target pelto_unit_tests >/dev/null 2>&1
 exit $survived
