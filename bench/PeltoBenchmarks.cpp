@@ -64,48 +64,6 @@ void BM_CompositeListFloor(benchmark::State& state) {
     }
 }
 
-// How long the registry lock is held per composition: the host's traversal,
-// which runs under mLayerMutex, timed from inside the host, in real time, and
-// its share of the composition's real time. The clock reads themselves add
-// about one read (BM_ClockRead) to each interval.
-void BM_CompositeListLockHeld(benchmark::State& state) {
-    ListModeRig rig(state.range(0), state.range(1));
-    const auto inner = rig.host.traverseVisibleBufferLayers();
-    int64_t heldNs = 0;
-    PeltoController controller(
-            /*useList=*/true, rig.host.getLayerPtrFromHandle(),
-            rig.host.getBufferCountFromHandle(), rig.host.traverseVisibleLayers(),
-            [&inner, &heldNs](PeltoController::BufferLayerVisitor visitor) {
-                const nsecs_t start = systemTime(SYSTEM_TIME_MONOTONIC);
-                inner(std::move(visitor));
-                heldNs += systemTime(SYSTEM_TIME_MONOTONIC) - start;
-            },
-            rig.host.getCurrentVsyncPeriod(), rig.host.triggerVsyncCallback(),
-            rig.host.triggerEventQueueInvalidate(), rig.host.setHwcPeltoOn(),
-            rig.host.setHwcPeltoOff());
-    for (const auto& registration : rig.scene.registrations) {
-        controller.registerLayer(registration.layerPtr, registration.name);
-    }
-    const auto composite = [&controller] {
-        controller.composite(false, true, test::LayerScene::kScreenArea);
-    };
-    for (int i = 0; i < 4; ++i) {
-        composite();
-    }
-    heldNs = 0;
-    NoLogGuard guard(state);
-    const nsecs_t start = systemTime(SYSTEM_TIME_MONOTONIC);
-    for (auto _ : state) {
-        composite();
-    }
-    const auto loopNs = static_cast<double>(systemTime(SYSTEM_TIME_MONOTONIC) - start);
-    // Both in real time: the time under the lock per composition, and its
-    // share of the composition's real time in this loop.
-    state.counters["held_ns"] = benchmark::Counter(static_cast<double>(heldNs),
-                                                   benchmark::Counter::kAvgIterations);
-    state.counters["held_share"] = loopNs > 0 ? static_cast<double>(heldNs) / loopNs : 0.0;
-}
-
 void BM_ClockRead(benchmark::State& state) {
     for (auto _ : state) {
         benchmark::DoNotOptimize(systemTime(SYSTEM_TIME_MONOTONIC));
@@ -226,10 +184,6 @@ void transactionCases(benchmark::internal::Benchmark* b) {
 BENCHMARK(BM_CompositeList)->Apply(listSizes)->Apply(addMinMaxStatistics);
 BENCHMARK(BM_CompositeListFloor)->Apply(listSizes)->Apply(addMinMaxStatistics);
 BENCHMARK(BM_CompositeListTraced)
-        ->ArgNames({"registered", "visible"})
-        ->Args({256, 64})
-        ->Apply(addMinMaxStatistics);
-BENCHMARK(BM_CompositeListLockHeld)
         ->ArgNames({"registered", "visible"})
         ->Args({256, 64})
         ->Apply(addMinMaxStatistics);

@@ -23,17 +23,19 @@ PeltoExceptionRuleInput exceptionInput(float area, bool focused, unsigned int sc
 
 void PeltoController::composite(bool forceOff, bool compositeFlag, unsigned int screenArea) {
     std::lock_guard composition(mCompositionMutex);
+    std::optional<Decision> decision;
     if (forceOff) {
-        setPeltoState(Decision{State::Off, Reason::ForceOff});
-        return;
+        decision = Decision{State::Off, Reason::ForceOff};
+    } else {
+        mCompositeFlag = compositeFlag;
+        decision = mUseList ? decideList(screenArea) : std::optional(decideApi());
     }
-    mCompositeFlag = compositeFlag;
-    // The decision is made under the registry's lock; the state change, with
-    // its HWC callback, comes after that lock is released.
-    const std::optional<Decision> decision =
-            mUseList ? decideList(screenArea) : std::optional(decideApi());
+    // The state change, with its HWC callback, comes after the registry's
+    // lock is released.
     if (decision) {
-        setPeltoState(*decision);
+        std::lock_guard state(mStateMutex);
+        setPeltoStateLocked(static_cast<int32_t>(decision->state),
+                            static_cast<int32_t>(decision->reason));
     }
 }
 
@@ -60,85 +62,122 @@ PeltoExceptionRuleInput PeltoController::prepareExceptionInput(const PeltoLayer&
     return exceptionInput(layer.area, layer.focused, screenArea);
 }
 
-void PeltoController::visitBufferLayerLocked(const void* layerPtr, float area, bool focused) {
-    PeltoLayer* found = mRegistry.find(layerPtr);
-    if (found == nullptr) {
-        ALOGW("%p not found in mLayers", layerPtr);
-        return;
-    }
-    PeltoLayer& record = *found;
-    record.area = area;
-    record.focused = focused;
-
-    const VisitedLayer visit{&record, area, focused};
+std::optional<PeltoController::Decision> PeltoController::decideList(unsigned int screenArea) {
     CompositionScratch& s = mScratch;
-    switch (static_cast<uint32_t>(record.type)) {
-        case static_cast<uint32_t>(PeltoLayerType::Nobody):
-            s.otherLayers.push_back(visit);
-            break;
-        case static_cast<uint32_t>(PeltoLayerType::TargetLayer):
-            s.targetCandidates.push_back(visit);
-            if (record.isActiveTarget) {
-                s.activeTarget = s.targetCandidates.size() - 1;
+    {
+        std::lock_guard lock(mLayerMutex);
+        if (mConfig == nullptr) {
+            return std::nullopt;
+        }
+        if (mRegistry.targetCount() < 1) {
+            return Decision{State::Off, Reason::NoTargetRegistered};
+        }
+    }
+
+    // The host traverses its layers with no controller lock held, so it may
+    // take its own locks; the visitor only records what it is given, and
+    // captures only `this`, so that passing it allocates nothing.
+    s.visits.clear();
+    mTraverseVisibleBufferLayers(
+            [this](const void* layerPtr, float area, bool focused) NO_THREAD_SAFETY_ANALYSIS {
+                // Called synchronously, inside the traversal, on this thread,
+                // which holds mCompositionMutex.
+                mScratch.visits.push_back(Visit{layerPtr, area, focused, nullptr});
+            });
+
+    // A new active target measures the pace afresh from the host's period,
+    // which is read with no controller lock held. The visits are then sorted
+    // again, since layers may have come or gone meanwhile; the second pass
+    // has the period, so there are at most two.
+    std::optional<int64_t> newTargetPeriod;
+    for (;;) {
+        {
+            std::lock_guard lock(mLayerMutex);
+            if (mRegistry.targetCount() < 1) {
+                return Decision{State::Off, Reason::NoTargetRegistered};
             }
-            break;
-        case static_cast<uint32_t>(PeltoLayerType::TargetIgnoreLayer):
-            s.ignoreLayers.push_back(visit);
-            break;
-        case static_cast<uint32_t>(PeltoLayerType::ExceptionLayer):
-            s.exceptionLayers.push_back(visit);
-            break;
-        default:
-            ALOGW("layer has invalid type %s", record.name.c_str());
-            s.otherLayers.push_back(visit);
-            break;
+            classifyVisitsLocked();
+            const bool needsPeriod = !s.targetCandidates.empty() &&
+                    s.activeTarget == kNoActiveTarget && !newTargetPeriod.has_value();
+            if (!needsPeriod) {
+                logUnsortedVisitsLocked();
+                if (s.targetCandidates.empty()) {
+                    return Decision{State::Off, Reason::NoTargetVisible};
+                }
+                // The active target sticks while it is visible; otherwise the
+                // first visible candidate takes over.
+                if (s.activeTarget == kNoActiveTarget) {
+                    s.activeTarget = 0;
+                    const PeltoLayer& chosen = *s.targetCandidates[0].record;
+                    // Reset before the new target is published, so a
+                    // transaction that finds it active samples into the emptied ring.
+                    resetFpsWith(*newTargetPeriod);
+                    mRegistry.setActiveTarget(chosen.layerPtr);
+                    ALOGI("active target layer: %s", chosen.name.c_str());
+                }
+                return applyRulesLocked(screenArea);
+            }
+        }
+        newTargetPeriod = mGetCurrentVsyncPeriod();
     }
 }
 
-std::optional<PeltoController::Decision> PeltoController::decideList(unsigned int screenArea) {
+void PeltoController::classifyVisitsLocked() {
     CompositionScratch& s = mScratch;
     s.targetCandidates.clear();
     s.otherLayers.clear();
     s.ignoreLayers.clear();
     s.exceptionLayers.clear();
     s.activeTarget = kNoActiveTarget;
+    s.unsorted = 0;
+    for (Visit& visit : s.visits) {
+        PeltoLayer* record = mRegistry.find(visit.layerPtr);
+        visit.record = record;
+        if (record == nullptr) {
+            ++s.unsorted;
+            continue;
+        }
+        record->area = visit.area;
+        record->focused = visit.focused;
 
-    // Rule records, and the registry's records that the working lists point
-    // to, stay valid for the whole decision: a reload, a registration and a
-    // destroy wait for it.
-    std::lock_guard lock(mLayerMutex);
-    if (mConfig == nullptr) {
-        return std::nullopt;
+        const VisitedLayer layer{record, visit.area, visit.focused};
+        switch (static_cast<uint32_t>(record->type)) {
+            case static_cast<uint32_t>(PeltoLayerType::Nobody):
+                s.otherLayers.push_back(layer);
+                break;
+            case static_cast<uint32_t>(PeltoLayerType::TargetLayer):
+                s.targetCandidates.push_back(layer);
+                if (record->isActiveTarget) {
+                    s.activeTarget = s.targetCandidates.size() - 1;
+                }
+                break;
+            case static_cast<uint32_t>(PeltoLayerType::TargetIgnoreLayer):
+                s.ignoreLayers.push_back(layer);
+                break;
+            case static_cast<uint32_t>(PeltoLayerType::ExceptionLayer):
+                s.exceptionLayers.push_back(layer);
+                break;
+            default:
+                ++s.unsorted;
+                s.otherLayers.push_back(layer);
+                break;
+        }
     }
-    if (mRegistry.targetCount() < 1) {
-        return Decision{State::Off, Reason::NoTargetRegistered};
-    }
+}
 
-    // Captures only `this`, so the visitor fits std::function's inline
-    // storage and passing it allocates nothing.
-    mTraverseVisibleBufferLayers(
-            [this](const void* layerPtr, float area, bool focused) NO_THREAD_SAFETY_ANALYSIS {
-                // The host calls the visitor synchronously, inside the
-                // traversal, while this thread holds both locks.
-                visitBufferLayerLocked(layerPtr, area, focused);
-            });
-
-    if (s.targetCandidates.empty()) {
-        return Decision{State::Off, Reason::NoTargetVisible};
+void PeltoController::logUnsortedVisitsLocked() {
+    CompositionScratch& s = mScratch;
+    if (s.unsorted == 0) {
+        return;
     }
-
-    // The active target sticks while it is visible; otherwise the first
-    // visible candidate takes over and the pace is measured afresh.
-    if (s.activeTarget == kNoActiveTarget) {
-        s.activeTarget = 0;
-        const PeltoLayer& chosen = *s.targetCandidates[0].record;
-        // Reset before the new target is published, so a transaction that
-        // finds it active samples into the emptied ring.
-        resetFps();
-        mRegistry.setActiveTarget(chosen.layerPtr);
-        ALOGI("active target layer: %s", chosen.name.c_str());
+    for (const Visit& visit : s.visits) {
+        if (visit.record == nullptr) {
+            ALOGW("%p not found in mLayers", visit.layerPtr);
+        } else if (static_cast<uint32_t>(visit.record->type) >
+                   static_cast<uint32_t>(PeltoLayerType::ExceptionLayer)) {
+            ALOGW("layer has invalid type %s", visit.record->name.c_str());
+        }
     }
-    return applyRulesLocked(screenArea);
 }
 
 PeltoController::Decision PeltoController::applyRulesLocked(unsigned int screenArea) {

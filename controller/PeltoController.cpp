@@ -72,6 +72,15 @@ PeltoController::PeltoController(bool useList, GetLayerPtrFromHandle getLayerPtr
     LOG_ALWAYS_FATAL_IF(mSetHwcPeltoOn == nullptr, "mSetHwcPeltoOn is nullptr");
     LOG_ALWAYS_FATAL_IF(mSetHwcPeltoOff == nullptr, "mSetHwcPeltoOff is nullptr");
 
+    // The working lists grow to the largest composition seen; this covers a
+    // typical one from the first, so that it allocates nothing either.
+    constexpr size_t kTypicalVisibleLayers = 32;
+    mScratch.visits.reserve(kTypicalVisibleLayers);
+    for (auto* list : {&mScratch.targetCandidates, &mScratch.otherLayers, &mScratch.ignoreLayers,
+                       &mScratch.exceptionLayers}) {
+        list->reserve(kTypicalVisibleLayers);
+    }
+
     if (mUseList) {
         mConfig = std::make_shared<const PeltoConfig>();
         mUseAdaptiveTimeout = mConfig->useAdaptiveTimeout();

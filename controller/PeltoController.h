@@ -43,33 +43,51 @@ using PeltoTransactionState = std::tuple<sp<IBinder>, bool, bool, sp<Fence>>;
 // its content-paced (Pelto) mode, measures the active target layer's
 // queue-to-queue pace and asks the compositor for vsync callbacks.
 //
-// Lock order. A thread that holds one of these never takes one listed above it:
+// Lock order. A thread that holds a lock takes only locks listed below it:
 //   mCompositionMutex  taken by composite() alone, for the whole call: it
-//                      serialises compositions, so state changes and the HWC
-//                      toggles that follow them happen in one order.
+//                      serialises compositions and guards their scratch lists.
 //   mReloadMutex       taken by reloadConfigThenDump() alone: one reload at a
-//                      time. Never on a per-frame path, so the file read and
-//                      parse under it hold up nothing but another reload.
+//                      time. The file read and parse under it hold up nothing
+//                      but another reload.
 //   mLayerMutex        the registry and the rules its records point into
-//                      (mConfig); held across the host's buffer-layer traversal
-//                      and the list-mode decision. A reload swaps in rules
-//                      parsed beforehand and reclassifies every record under
-//                      it, so nobody sees the registry half reloaded.
-//   leaf locks         mQ2QRing's mQ2QMutex, mPresentFenceMutex, mSFInProgressMutex,
-//                      mAlarmListMutex, mFenceMutex: never two at once.
+//                      (mConfig). A reload swaps in rules parsed beforehand and
+//                      reclassifies every record under it, so nobody sees the
+//                      registry half reloaded. Never held with mStateMutex.
+//   mStateMutex        taken by composite() and setPeltoState(): a state
+//                      change and the HWC toggle that follows it, in one order.
+//   mQ2QRing's lock, mPresentFenceMutex, mSFInProgressMutex, mAlarmListMutex,
+//   mFenceMutex        one at a time, under mLayerMutex or mStateMutex (a
+//                      pacing reset) or alone.
+//   a traced value's own lock (under mQ2QRing's lock, mStateMutex or alone) and
+//   the timer's lock (under mAlarmListMutex) come last and take nothing.
 //
-// Which lock each host callback runs under:
-//   mTraverseVisibleBufferLayers  mCompositionMutex and mLayerMutex.
-//   mTraverseVisibleLayers        mCompositionMutex.
-//   mSetHwcPeltoOn/Off            mCompositionMutex only, which no entry point
-//                                 but composite() takes: a host may take its
-//                                 own locks in them and call any other entry
-//                                 point while holding those locks.
-//   mGetCurrentVsyncPeriod        mQ2QMutex when the pacing ring is reset, and
-//                                 mLayerMutex too when a new active target
-//                                 resets it during a list-mode composition.
-//   the others                    no controller lock.
-// No callback may call back into the controller on the same thread.
+// Host callbacks. No callback runs while the controller holds a lock that an
+// entry point which does not call that callback itself also takes, so a host
+// may take its own locks inside a callback and hold them across calls of any
+// other entry point. Each runs on the thread of the entry point that calls it:
+//   mTraverseVisibleBufferLayers  composite() (list mode); under
+//                                 mCompositionMutex only. The visitor records
+//                                 what it is given; the registry is read
+//                                 after the traversal has returned.
+//   mTraverseVisibleLayers        composite() (API mode); under mCompositionMutex only.
+//   mGetCurrentVsyncPeriod        composite() (a new active target, or On to
+//                                 Off), setPeltoState() (On to Off),
+//                                 setTransactionState(), onActiveModeUpdated(),
+//                                 setTargetLayer(), isQ2QFull(), resetFps()
+//                                 and calculateTimeout(); under at most
+//                                 mCompositionMutex and mStateMutex.
+//   mSetHwcPeltoOn/Off            composite() and setPeltoState(); under
+//                                 mStateMutex (and mCompositionMutex in composite()).
+//   mGetLayerPtrFromHandle, mGetBufferCountFromHandle
+//                                 setTransactionState(); no controller lock.
+//   mTriggerVsyncCallback         setTransactionState(), triggerVsyncCallback()
+//                                 and timeoutCallback(), and the fence thread;
+//                                 no controller lock.
+//   mTriggerEventQueueInvalidate  never called.
+// A host that holds a plain lock of its own across an entry point must not take
+// it in a callback that entry point calls, and no callback may call back into
+// the controller on the same thread: neither the host's locks nor the
+// controller's are recursive.
 class PeltoController {
 public:
     using GetLayerPtrFromHandle = std::function<void*(const sp<IBinder>&)>;
@@ -138,14 +156,14 @@ public:
     // Passes `enable` to the host's vsync callback.
     PELTO_EXPORT void triggerVsyncCallback(bool enable);
     // Records a new state with its reason, logs and traces it, resets the pace
-    // on On -> Off and switches the HWC when crossing On. Only a composition
-    // changes the state, so the HWC toggles follow the state changes in order.
-    PELTO_EXPORT void setPeltoState(int32_t state, int32_t reason) REQUIRES(mCompositionMutex);
+    // on On -> Off and switches the HWC when crossing On. Serialised with the
+    // compositions' state changes, so the HWC toggles follow them in order.
+    PELTO_EXPORT void setPeltoState(int32_t state, int32_t reason) EXCLUDES(mStateMutex);
 
     // Composition-time decision.
     // Decides the state for this composition (forceOff: Off, reason 360).
     PELTO_EXPORT void composite(bool forceOff, bool compositeFlag, unsigned int screenArea)
-            EXCLUDES(mCompositionMutex, mLayerMutex);
+            EXCLUDES(mCompositionMutex, mLayerMutex, mStateMutex);
     // Whether layerPtr is the layer being paced. Lock-free: per transaction.
     PELTO_EXPORT bool isActiveTargetLayer(const void* layerPtr) const EXCLUDES(mLayerMutex);
     // The rule input of a record: its area as a percentage of screenArea, and its focus.
@@ -196,22 +214,24 @@ private:
         PeltoState state;
         PeltoReason reason;
     };
-    void setPeltoState(Decision decision) REQUIRES(mCompositionMutex) {
-        setPeltoState(static_cast<int32_t>(decision.state), static_cast<int32_t>(decision.reason));
-    }
+    void setPeltoStateLocked(int32_t state, int32_t reason) REQUIRES(mStateMutex);
     // The decision of one composition in each mode; nullopt leaves the state as it is.
     std::optional<Decision> decideList(unsigned int screenArea) REQUIRES(mCompositionMutex)
             EXCLUDES(mLayerMutex);
     Decision decideApi() REQUIRES(mCompositionMutex);
+    // Sorts the layers the traversal reported by their records' types.
+    void classifyVisitsLocked() REQUIRES(mCompositionMutex, mLayerMutex);
+    // Logs the visits that classifyVisitsLocked() could not sort.
+    void logUnsortedVisitsLocked() REQUIRES(mCompositionMutex, mLayerMutex);
     Decision applyRulesLocked(unsigned int screenArea) REQUIRES(mCompositionMutex, mLayerMutex);
+    // resetFps() with the period already read from the host.
+    void resetFpsWith(int64_t period) EXCLUDES(mPresentFenceMutex, mSFInProgressMutex);
     // The registry for its lock-free query, isActiveTarget().
     const PeltoLayerRegistry& registryLockFree() const NO_THREAD_SAFETY_ANALYSIS {
         return mRegistry;
     }
     void cancelPendingAlarms() EXCLUDES(mAlarmListMutex);
     void startFenceThread(const FenceThreadCalls& calls);
-    void visitBufferLayerLocked(const void* layerPtr, float area, bool focused)
-            REQUIRES(mCompositionMutex, mLayerMutex);
 
     const bool mUseList;
 
@@ -230,6 +250,8 @@ private:
     // Mode state. Each is read and written whole, without a controller lock.
     std::atomic<bool> mPeltoEnable{false};
     std::atomic<const void*> mTargetLayer{nullptr};
+    // Serialises state changes with the HWC toggles that follow them.
+    std::mutex mStateMutex;
     PeltoTracedOrdinal<bool> mHasPendingBuffer;
     PeltoTracedOrdinal<int32_t> mState;
     // The state and the reason it was set with, published as one value after
@@ -267,27 +289,37 @@ private:
     std::mutex mSFInProgressMutex;
     bool mSFInProgress GUARDED_BY(mSFInProgressMutex) = false;
 
-    // One visit of the list-mode traversal: the layer's record, and the area
-    // and focus that the visit reported (a layer visited twice keeps each
-    // visit's own). The record stays in place while the composition holds
-    // mLayerMutex, which covers the traversal and the decision.
+    // One layer the list-mode traversal reported, and its record, looked up
+    // once the traversal has returned (null: not registered).
+    struct Visit {
+        const void* layerPtr;
+        float area;
+        bool focused;
+        const PeltoLayer* record;
+    };
+    // A visit sorted by its record's type: the record, and the area and focus
+    // that the visit reported (a layer visited twice keeps each visit's own).
+    // The record stays in place while the composition holds mLayerMutex.
     struct VisitedLayer {
         const PeltoLayer* record;
         float area;
         bool focused;
     };
-    // Working lists of one list-mode composition, by type, in traversal
-    // order. Cleared, not freed, so that a steady composition allocates nothing.
+    // Working lists of one list-mode composition, in traversal order. Cleared,
+    // not freed, so that a steady composition allocates nothing.
     struct CompositionScratch {
+        std::vector<Visit> visits;
         std::vector<VisitedLayer> targetCandidates;
         std::vector<VisitedLayer> otherLayers;
         std::vector<VisitedLayer> ignoreLayers;
         std::vector<VisitedLayer> exceptionLayers;
         // Position of the active target in targetCandidates, or kNoActiveTarget.
         size_t activeTarget = 0;
+        // Visits of unregistered layers or of records of no known type.
+        size_t unsorted = 0;
     };
     static constexpr size_t kNoActiveTarget = static_cast<size_t>(-1);
-    std::mutex mCompositionMutex ACQUIRED_BEFORE(mReloadMutex);
+    std::mutex mCompositionMutex ACQUIRED_BEFORE(mReloadMutex, mStateMutex);
     CompositionScratch mScratch GUARDED_BY(mCompositionMutex);
 
     const GetLayerPtrFromHandle mGetLayerPtrFromHandle;

@@ -50,6 +50,11 @@ void PeltoController::triggerVsyncCallback(bool enable) {
 }
 
 void PeltoController::setPeltoState(int32_t state, int32_t reason) {
+    std::lock_guard lock(mStateMutex);
+    setPeltoStateLocked(state, reason);
+}
+
+void PeltoController::setPeltoStateLocked(int32_t state, int32_t reason) {
     const int32_t oldState = mState.get();
     if (state != oldState) {
         char text[96];

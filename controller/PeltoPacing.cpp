@@ -6,6 +6,7 @@
 #include <utils/Timers.h>
 
 #include "controller/PeltoController.h"
+#include "controller/SaturatingSub.h"
 #include "trace/PeltoTraceLog.h"
 
 namespace android {
@@ -18,18 +19,15 @@ constexpr float kVsyncRequestFraction = 0.9f;
 // pace would count as too fast.
 constexpr float kQ2QTooFastFraction = 0.85f;
 
-int64_t saturatingSub(int64_t a, int64_t b) {
-    int64_t result;
-    if (__builtin_sub_overflow(a, b, &result)) {
-        return b < 0 ? std::numeric_limits<int64_t>::max() : std::numeric_limits<int64_t>::min();
-    }
-    return result;
-}
-
 } // namespace
 
 void PeltoController::resetFps() {
-    mQ2QRing.reset(mGetCurrentVsyncPeriod);
+    // The host's period is read before any controller lock is taken.
+    resetFpsWith(mGetCurrentVsyncPeriod());
+}
+
+void PeltoController::resetFpsWith(int64_t period) {
+    mQ2QRing.reset(period);
     {
         std::lock_guard lock(mPresentFenceMutex);
         mPreviousPresentFence = nullptr;
@@ -47,8 +45,7 @@ int64_t PeltoController::getQ2QAvgPeriod() {
 bool PeltoController::isQ2QFull() {
     const int64_t avgPeriod = getQ2QAvgPeriod();
     if (avgPeriod != 0) {
-        const auto period = static_cast<double>(mGetCurrentVsyncPeriod());
-        if (period * PeltoQ2QRing::kKeepsUpFactor > static_cast<double>(avgPeriod)) {
+        if (PeltoQ2QRing::keepsUp(mGetCurrentVsyncPeriod(), avgPeriod)) {
             traceLog("pelto2_sf_lib: isQ2QFull, return true, avgQ2QPeriod=%ld",
                      static_cast<long>(avgPeriod));
             return true;

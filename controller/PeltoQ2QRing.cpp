@@ -5,18 +5,11 @@
 #include <cmath>
 #include <limits>
 
+#include "controller/SaturatingSub.h"
 #include "trace/PeltoTraceLog.h"
 
 namespace android {
 namespace {
-
-int64_t saturatingSub(int64_t a, int64_t b) {
-    int64_t result;
-    if (__builtin_sub_overflow(a, b, &result)) {
-        return b < 0 ? std::numeric_limits<int64_t>::max() : std::numeric_limits<int64_t>::min();
-    }
-    return result;
-}
 
 int64_t pauseThreshold(int64_t period) {
     int64_t threshold;
@@ -42,10 +35,10 @@ uint64_t PeltoQ2QRing::capacityFor(int64_t period) {
     return static_cast<uint64_t>(perSecond) >> 1;
 }
 
-void PeltoQ2QRing::reset(const GetPeriod& getPeriod) {
+void PeltoQ2QRing::reset(int64_t period) {
     std::lock_guard lock(mQ2QMutex);
     traceLog("pelto2_sf_lib: resetFpsLocked");
-    resetLocked(getPeriod());
+    resetLocked(period);
 }
 
 void PeltoQ2QRing::resetLocked(int64_t period) {
@@ -57,15 +50,30 @@ void PeltoQ2QRing::resetLocked(int64_t period) {
     mMaxQueueCount = capacityFor(period);
 }
 
-void PeltoQ2QRing::sample(int64_t now, const GetPeriod& getPeriod) {
-    std::lock_guard lock(mQ2QMutex);
-
+bool PeltoQ2QRing::pausedBefore(int64_t now) const {
     // Clock differences saturate instead of overflowing.
-    if (saturatingSub(now, mLastQueueTime) > pauseThreshold(mCurrentPeriod)) {
-        traceLog("pelto2_sf_lib: resetFpsLocked");
-        resetLocked(getPeriod());
-    }
+    return saturatingSub(now, mLastQueueTime) > pauseThreshold(mCurrentPeriod);
+}
 
+void PeltoQ2QRing::sample(int64_t now, const GetPeriod& getPeriod) {
+    {
+        std::lock_guard lock(mQ2QMutex);
+        if (!pausedBefore(now)) {
+            sampleLocked(now);
+            return;
+        }
+    }
+    // A pause: the ring starts afresh, sized for the period the host reports
+    // now. The host is asked with the lock released; a reset by another
+    // thread in the meantime changes nothing, since this one follows it.
+    const int64_t period = getPeriod();
+    std::lock_guard lock(mQ2QMutex);
+    traceLog("pelto2_sf_lib: resetFpsLocked");
+    resetLocked(period);
+    sampleLocked(now);
+}
+
+void PeltoQ2QRing::sampleLocked(int64_t now) {
     if (mLastQueueTime < 0) {
         mLastQueueTime = now;
         mQ2QFps = 0;
@@ -108,11 +116,13 @@ int64_t PeltoQ2QRing::avgPeriod() const {
     return mAvgQ2QPeriod;
 }
 
+bool PeltoQ2QRing::keepsUp(int64_t period, int64_t avgPeriod) {
+    return static_cast<double>(period) * kKeepsUpFactor > static_cast<double>(avgPeriod);
+}
+
 bool PeltoQ2QRing::keepsUpOrIdle() const {
     std::lock_guard lock(mQ2QMutex);
-    return static_cast<float>(mCurrentPeriod) * static_cast<float>(kKeepsUpFactor) >
-                   static_cast<float>(mAvgQ2QPeriod) ||
-           mLastQueueTime == -1;
+    return keepsUp(mCurrentPeriod, mAvgQ2QPeriod) || mLastQueueTime == -1;
 }
 
 void PeltoQ2QRing::dump(std::ostream& os) const {

@@ -22,12 +22,12 @@ public:
 
     PeltoQ2QRing();
 
-    // Empties the ring and sizes it for the period `getPeriod` returns, which
-    // it calls once, under mQ2QMutex.
-    void reset(const GetPeriod& getPeriod) EXCLUDES(mQ2QMutex);
+    // Empties the ring and sizes it for `period`.
+    void reset(int64_t period) EXCLUDES(mQ2QMutex);
     // Records a buffer of the active target queued at `now`. A buffer more
-    // than kPausePeriods vsyncs after the last starts the measurement afresh
-    // (calling `getPeriod` for the reset).
+    // than kPausePeriods vsyncs after the last starts the measurement afresh,
+    // sized for the period `getPeriod` returns; it is called with mQ2QMutex
+    // released, since it is the host's code.
     void sample(int64_t now, const GetPeriod& getPeriod) EXCLUDES(mQ2QMutex);
 
     // The average duration, or 0 while fewer than five are in.
@@ -35,6 +35,9 @@ public:
     // Whether the pace is within 10 % of the period the ring was sized for,
     // or nothing has been queued since the last reset.
     bool keepsUpOrIdle() const EXCLUDES(mQ2QMutex);
+    // Whether an average period keeps up with the display's `period`: at most
+    // kKeepsUpFactor times as long.
+    static bool keepsUp(int64_t period, int64_t avgPeriod);
 
     // The dump's four "Fps" lines, under one hold of the lock.
     void dump(std::ostream& os) const EXCLUDES(mQ2QMutex);
@@ -54,6 +57,8 @@ public:
 
 private:
     void resetLocked(int64_t period) REQUIRES(mQ2QMutex);
+    void sampleLocked(int64_t now) REQUIRES(mQ2QMutex);
+    bool pausedBefore(int64_t now) const REQUIRES(mQ2QMutex);
 
     mutable std::mutex mQ2QMutex;
     int64_t mAvgQ2QPeriod GUARDED_BY(mQ2QMutex) = 0;

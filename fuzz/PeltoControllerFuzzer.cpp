@@ -723,10 +723,8 @@ PeltoController* buildController(FuzzHost& host, bool useList, unsigned faults) 
 
 // Brings a used controller back to what a new one shows under the input's
 // rules, which the rule file holds already; `loads`: whether they load.
-// Sets states directly, which only a composition may do: between inputs no
-// composition runs, so nothing else holds or needs the composition lock.
-NO_THREAD_SAFETY_ANALYSIS void resetController(PeltoController* ctl, std::string_view rules,
-                                               bool present, bool loads, bool reload) {
+void resetController(PeltoController* ctl, std::string_view rules, bool present, bool loads,
+                     bool reload) {
     for (size_t slot = 0; slot < kSlots; ++slot) ::destroyLayer(ctl, slotPointer(slot));
     ::setHasOtherUI(ctl, false);
     ::setTargetLayer(ctl, nullptr);

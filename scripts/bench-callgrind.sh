@@ -42,14 +42,16 @@ for pair in "compositeList:list-mode composite, (256, 64)" \
   printf '| %s | %d | %d | %s |\n' "${pair#*:}" "$library" "$floor" "$(ratio "$library" "$floor")"
 done
 
-# The part of a list-mode composite that runs under mLayerMutex: the host's
-# traversal, with the controller's visitor, as called from compositeList.
-traversal='*LeanCompositor::traverseVisibleBufferLayers() const::{lambda*}>::_M_invoke(*'
+# The part of a list-mode composite that runs under mLayerMutex: sorting the
+# visited layers by their records and applying the rules. The host's
+# traversal runs before, with no lock held.
 whole=$(count compositeList)
-held=$(count compositeList "$traversal")
-printf '\nlist-mode composite (256, 64): %d of %d instructions per call (%s) inside the traversal,\n' \
+sorting=$(count compositeList '*PeltoController::classifyVisitsLocked(*')
+rules=$(count compositeList '*PeltoController::applyRulesLocked(*')
+held=$((sorting + rules))
+printf '\nlist-mode composite (256, 64): %d of %d instructions per call (%s) sort the visits and\n' \
   "$held" "$whole" "$(ratio "$((held * 100))" "$whole")%"
-echo 'which runs under mLayerMutex'
+echo 'apply the rules under mLayerMutex'
 
 small=$(count compositeList "" --scene=64,16)
 large=$(count compositeList "" --scene=1024,256)

@@ -52,6 +52,10 @@ mutate controller/PeltoDump.cpp "        mConfig.swap(rules);" "        mConfig.
         mConfig.swap(rules);" "PeltoDumpReload*"
 mutate config/PeltoRuleFileReader.cpp "    if (!S_ISREG(st.st_mode)) {" "    if (S_ISDIR(st.st_mode)) {" "PeltoDumpReload*"
 mutate config/PeltoRuleFileReader.cpp "if (++depth > kMaxRuleFileNesting) {" "if (++depth > kMaxRuleFileNesting + 1) {" "PeltoHostile*"
+mutate controller/PeltoQ2QRing.cpp "    const int64_t period = getPeriod();
+    std::lock_guard lock(mQ2QMutex);" "    std::lock_guard lock(mQ2QMutex);
+    const int64_t period = getPeriod();" "PeltoHostLockMatrix*"
+mutate controller/PeltoComposition.cpp "resetFpsWith(*newTargetPeriod);" "resetFps();" "PeltoHostLockMatrix*"
 mutate controller/SpinThenBlockMutex.h "return !mHeld.load(std::memory_order_relaxed) && try_lock();" "return !mHeld.load(std::memory_order_relaxed);" "SpinThenBlockMutex*"
 
 cmake --build --preset default -j "$(nproc)" --target pelto_unit_tests >/dev/null 2>&1
