@@ -13,21 +13,26 @@ constexpr const char* kSeparator = "==========\n";
 } // namespace
 
 void PeltoController::dump(std::string& out) const {
-    // The rules and the layer sections are taken under one hold of the lock,
-    // so they show one configuration; the rules are formatted after it is
-    // released, from the reference taken, however large they are.
+    // The rules and the records are taken under one hold of the lock, so they
+    // show one configuration; both are formatted after it is released, so a
+    // composition never waits for the text, however many layers there are.
     std::shared_ptr<const PeltoConfig> config;
-    std::ostringstream os;
+    PeltoLayerRegistry::DumpSnapshot layers;
     {
         std::lock_guard lock(mLayerMutex);
         config = mConfig;
         if (mUseList) {
-            os << kSeparator;
-            mRegistry.dump(os);
+            mRegistry.snapshotForDump(layers);
         }
     }
     if (config != nullptr) {
         config->dump(out);
+    }
+
+    std::ostringstream os;
+    if (mUseList) {
+        os << kSeparator;
+        PeltoLayerRegistry::dump(layers, os);
     }
 
     os << kSeparator;

@@ -186,33 +186,59 @@ void PeltoLayerRegistry::apply(Reclassification&& reclassification, const PeltoC
     }
 }
 
-void PeltoLayerRegistry::dump(std::ostream& os) const {
-    // One section per type; each walks the whole list, so records keep their
+void PeltoLayerRegistry::snapshotForDump(DumpSnapshot& snapshot) const {
+    snapshot.names.clear();
+    snapshot.records.clear();
+    snapshot.records.reserve(mLayers.size());
+    for (const PeltoLayer& layer : mLayers) {
+        DumpSnapshot::Record record{layer.type,     false,      0, layer.isActiveTarget,
+                                    layer.area,     layer.focused, 0};
+        if (layer.type == kTarget && layer.targetInfo != nullptr) {
+            record.hasId = true;
+            record.id = layer.targetInfo->id;
+        } else if (layer.type == static_cast<int32_t>(PeltoLayerType::TargetIgnoreLayer) &&
+                   layer.targetIgnoreInfo != nullptr) {
+            record.hasId = true;
+            record.id = layer.targetIgnoreInfo->id;
+        }
+        snapshot.names += layer.name;
+        record.nameEnd = snapshot.names.size();
+        snapshot.records.push_back(record);
+    }
+}
+
+void PeltoLayerRegistry::dump(const DumpSnapshot& snapshot, std::ostream& os) {
+    // One section per type; each walks every record, so records keep their
     // registration order. `details` writes the type's own lines of a record.
-    const auto section = [&os, this](PeltoLayerType type, auto details) {
+    const auto section = [&os, &snapshot](PeltoLayerType type, auto details) {
         os << peltoLayerTypeName(static_cast<int32_t>(type)) << ":\n";
-        for (const PeltoLayer& layer : mLayers) {
-            if (layer.type != static_cast<int32_t>(type)) continue;
-            os << "\t" << layer.name << "\n";
-            details(layer);
-            os << "\t\tarea: " << layer.area << " focused: " << layer.focused << "\n";
+        size_t nameBegin = 0;
+        for (const DumpSnapshot::Record& record : snapshot.records) {
+            const size_t begin = nameBegin;
+            nameBegin = record.nameEnd;
+            if (record.type != static_cast<int32_t>(type)) continue;
+            os << "\t";
+            os.write(snapshot.names.data() + begin, static_cast<std::streamsize>(record.nameEnd - begin));
+            os << "\n";
+            details(record);
+            os << "\t\tarea: " << record.area << " focused: " << record.focused << "\n";
         }
     };
-    section(PeltoLayerType::TargetLayer, [&os](const PeltoLayer& layer) {
-        if (layer.targetInfo != nullptr) {
-            os << "\t\tid: " << layer.targetInfo->id << "\n";
+    section(PeltoLayerType::TargetLayer, [&os](const DumpSnapshot::Record& record) {
+        if (record.hasId) {
+            os << "\t\tid: " << record.id << "\n";
         }
-        if (layer.isActiveTarget) {
+        if (record.isActiveTarget) {
             os << "\t\tcurrent active\n";
         }
     });
-    section(PeltoLayerType::TargetIgnoreLayer, [&os](const PeltoLayer& layer) {
-        if (layer.targetIgnoreInfo != nullptr) {
-            os << "\t\ttargetId: " << layer.targetIgnoreInfo->id << "\n";
+    section(PeltoLayerType::TargetIgnoreLayer, [&os](const DumpSnapshot::Record& record) {
+        if (record.hasId) {
+            os << "\t\ttargetId: " << record.id << "\n";
         }
     });
-    section(PeltoLayerType::ExceptionLayer, [](const PeltoLayer&) {});
-    section(PeltoLayerType::Nobody, [](const PeltoLayer&) {});
+    section(PeltoLayerType::ExceptionLayer, [](const DumpSnapshot::Record&) {});
+    section(PeltoLayerType::Nobody, [](const DumpSnapshot::Record&) {});
 }
 
 } // namespace android

@@ -73,8 +73,29 @@ public:
     static void classify(Reclassification& reclassification, const PeltoConfig& rules);
     void apply(Reclassification&& reclassification, const PeltoConfig& rules);
 
+    // What the dump shows of every record, copied under the owner's lock so
+    // that it is formatted after the lock is released.
+    struct DumpSnapshot {
+        struct Record {
+            int32_t type;
+            // The target's id (TargetLayer) or the id of the target it
+            // belongs to (TargetIgnoreLayer), when the record has its rule.
+            bool hasId;
+            int32_t id;
+            bool isActiveTarget;
+            float area;
+            bool focused;
+            // Where the record's name ends in `names`.
+            size_t nameEnd;
+        };
+        // Every record's full name, back to back: one buffer to fill under
+        // the lock instead of one allocation per name.
+        std::string names;
+        std::vector<Record> records;
+    };
+    void snapshotForDump(DumpSnapshot& snapshot) const;
     // The four sections of the dump, one per type, records in registration order.
-    void dump(std::ostream& os) const;
+    static void dump(const DumpSnapshot& snapshot, std::ostream& os);
 
 private:
     static std::string lookupKey(const std::string& name);
