@@ -7,10 +7,14 @@
 // bursts row the same bursts go into another controller: what the machine
 // itself adds when a second thread works, against which the next row shows
 // the controller's own part.
+// The last two rows composite a (2000 registered, 16 visible) scene: quiet,
+// then while another thread dumps the controller every 5 ms; the dumps row is
+// compared with that quiet row, not the first one.
 //
 //   pelto_reload_latency [--seconds=S] [--rounds=N] [--only=TEXT]
 //     S: seconds per row and round, default 5; N: rounds, default 3;
-//     TEXT: run only the rows whose name contains it, after the quiet row.
+//     TEXT: run only the rows whose name contains it, after the first quiet
+//     row and the quiet row of their own scene.
 #include <unistd.h>
 
 #include <algorithm>
@@ -21,6 +25,7 @@
 #include <cstring>
 #include <fstream>
 #include <functional>
+#include <map>
 #include <string>
 #include <thread>
 #include <vector>
@@ -41,6 +46,8 @@ constexpr auto kCompositeInterval = std::chrono::microseconds(500);
 constexpr auto kReloadInterval = std::chrono::milliseconds(5);
 constexpr int kBurstRegistrations = 1000;
 constexpr auto kBurstInterval = std::chrono::milliseconds(50);
+constexpr size_t kLargeRegistered = 2000;
+constexpr auto kDumpInterval = std::chrono::milliseconds(5);
 
 // The scene's rules with padding targets appended until the text has at least
 // `bytes` bytes; the scene's own targets keep their ids, so it stays On.
@@ -135,6 +142,17 @@ int parseLoop(const std::atomic<bool>& stop) {
     return parses;
 }
 
+int dumpLoop(PeltoController& controller, const std::atomic<bool>& stop) {
+    int dumps = 0;
+    while (!stop) {
+        std::string out;
+        controller.dump(out);
+        ++dumps;
+        std::this_thread::sleep_for(kDumpInterval);
+    }
+    return dumps;
+}
+
 int burstLoop(PeltoController& controller, const std::atomic<bool>& stop) {
     std::vector<char> layers(kBurstRegistrations);
     int bursts = 0;
@@ -178,6 +196,8 @@ int main(int argc, char** argv) {
     // The bursts' control: the same registrations into a controller of their
     // own, which shares nothing with the composited one but the machine.
     ListModeRig bystander(kRegistered, kVisible);
+    // The dumps' scene: the same visible layers among many more registered ones.
+    ListModeRig large(kLargeRegistered, kVisible);
     const std::string path = "/tmp/pelto_reload_latency_" + std::to_string(getpid()) + ".json";
     const auto writeRules = [&](size_t bytes) {
         std::ofstream(path, std::ios::trunc) << paddedRules(rig.scene.ruleFile, bytes);
@@ -191,26 +211,46 @@ int main(int argc, char** argv) {
     const auto bystanderBursts = [&](const std::atomic<bool>& stop) {
         return burstLoop(*bystander.controller, stop);
     };
+    const auto dumps = [&](const std::atomic<bool>& stop) {
+        return dumpLoop(*large.controller, stop);
+    };
     struct Load {
         std::string name;
         size_t ruleBytes;  // 0: the rule file is not rewritten
-        std::function<int(const std::atomic<bool>&)> loop;
+        std::function<int(const std::atomic<bool>&)> loop;  // null: a quiet row
+        ListModeRig* rig;  // the scene composited
     };
-    std::vector<Load> loads = {{"no load", 0, nullptr}};
+    std::vector<Load> loads = {{"no load", 0, nullptr, &rig}};
     for (const auto& [size, bytes] : {std::pair{"1 KB", size_t{1} << 10},
                                       std::pair{"100 KB", size_t{100} << 10},
                                       std::pair{"1 MB", size_t{1} << 20}}) {
-        loads.push_back({std::string("parse only ") + size + " rules", bytes, parseLoop});
-        loads.push_back({std::string("reload ") + size + " rules", bytes, reloads});
+        loads.push_back({std::string("parse only ") + size + " rules", bytes, parseLoop, &rig});
+        loads.push_back({std::string("reload ") + size + " rules", bytes, reloads, &rig});
     }
-    loads.push_back({"1,000-registration bursts into another controller", 0, bystanderBursts});
-    loads.push_back({"1,000-registration bursts", 0, bursts});
-    // The quiet row stays first: every other row is compared with it.
-    loads.erase(std::remove_if(loads.begin() + 1, loads.end(),
-                               [&only](const Load& load) {
-                                   return load.name.find(only) == std::string::npos;
-                               }),
-                loads.end());
+    loads.push_back(
+            {"1,000-registration bursts into another controller", 0, bystanderBursts, &rig});
+    loads.push_back({"1,000-registration bursts", 0, bursts, &rig});
+    const std::string largeScene = "(" + std::to_string(kLargeRegistered) + ", " +
+            std::to_string(kVisible) + ") scene";
+    loads.push_back({"no load, " + largeScene, 0, nullptr, &large});
+    loads.push_back({"dumps every " + std::to_string(kDumpInterval.count()) + " ms, " + largeScene,
+                     0, dumps, &large});
+    // A loaded row is compared with the quiet row of its scene, which comes
+    // before it. The first quiet row always stays; another stays when a row of
+    // its scene is chosen.
+    const auto chosen = [&only](const Load& load) {
+        return load.name.find(only) != std::string::npos;
+    };
+    std::vector<Load> kept;
+    for (size_t i = 0; i < loads.size(); ++i) {
+        const Load& load = loads[i];
+        const bool quietOfChosen =
+                !load.loop && std::any_of(loads.begin(), loads.end(), [&](const Load& other) {
+                    return other.rig == load.rig && chosen(other);
+                });
+        if (i == 0 || chosen(load) || quietOfChosen) kept.push_back(load);
+    }
+    loads = std::move(kept);
 
     // Rounds run every row in turn, so a burst of noise from the machine
     // lands in one round of a row, and the median round discards it.
@@ -218,18 +258,20 @@ int main(int argc, char** argv) {
     for (int round = 0; round < roundCount; ++round) {
         for (size_t i = 0; i < loads.size(); ++i) {
             if (loads[i].ruleBytes != 0) writeRules(loads[i].ruleBytes);
-            rounds[i].push_back(measure(rig, loads[i].name, seconds, loads[i].loop));
+            rounds[i].push_back(measure(*loads[i].rig, loads[i].name, seconds, loads[i].loop));
         }
     }
     std::remove(path.c_str());
 
-    printf("composite latency, (%zu, %zu) scene, one composite every %lld us, %d rounds of %.0f s "
-           "a row; each percentile is the median of the rounds', the max the largest\n",
+    printf("composite latency, (%zu, %zu) scene unless the row names another, one composite "
+           "every %lld us, %d rounds of %.0f s a row; each percentile is the median of the "
+           "rounds', the max the largest; p99.9 / quiet is over the no-load row of the row's "
+           "own scene\n",
            kRegistered, kVisible, static_cast<long long>(kCompositeInterval.count()), roundCount,
            seconds);
     printf("| load | composites | load ops | p50 us | p99 us | p99.9 us | max us | p99.9 / quiet |\n");
     printf("|---|---|---|---|---|---|---|---|\n");
-    double quiet = 0;
+    std::map<const ListModeRig*, double> quiet;  // each scene's quiet p99.9
     for (size_t i = 0; i < loads.size(); ++i) {
         size_t composites = 0;
         int loadOps = 0;
@@ -245,9 +287,10 @@ int main(int argc, char** argv) {
             p999.push_back(percentile(row.latenciesUs, 0.999));
         }
         const double rowP999 = median(p999);
-        if (i == 0) quiet = rowP999;
+        if (!loads[i].loop) quiet[loads[i].rig] = rowP999;
         printf("| %s | %zu | %d | %.1f | %.1f | %.1f | %.1f | %.2f |\n", loads[i].name.c_str(),
-               composites, loadOps, median(p50), median(p99), rowP999, max, rowP999 / quiet);
+               composites, loadOps, median(p50), median(p99), rowP999, max,
+               rowP999 / quiet[loads[i].rig]);
     }
     return 0;
 }

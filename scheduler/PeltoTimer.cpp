@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cinttypes>
+#include <cstdarg>
 #include <cstdio>
 #include <cstring>
 
@@ -52,6 +53,27 @@ std::chrono::milliseconds retryDelay(uint64_t failedRuns) {
 constexpr const char* kDebugStateNames[] = {"Reset",   "Running",    "Waiting",
                                             "Reading", "InCallback", "Terminated"};
 
+void prepareDispatchThread() {
+    sched_param param = {};
+    param.sched_priority = kDispatchPriority;
+    if (pthread_setschedparam(pthread_self(), SCHED_FIFO, &param) != 0) {
+        ALOGW("Failed to set SCHED_FIFO on dispatch thread");
+    }
+    if (pthread_setname_np(pthread_self(), "TimerDispatch") != 0) {
+        ALOGW("Failed to set thread name on dispatch thread");
+    }
+}
+
+// Marks one wakeup of the dispatch loop in the trace. Only traced wakeups are numbered.
+void traceIteration(uint64_t& iteration) {
+    if (ATRACE_ENABLED()) {
+        char name[kIterationNameSize];
+        snprintf(name, sizeof(name), "%s%lu", "TimerIteration #", iteration++);
+        ATRACE_BEGIN(name);
+        ATRACE_END();
+    }
+}
+
 } // namespace
 
 PeltoTimer::PeltoTimer(const char* name) : PeltoTimer(name, realTimerSyscalls()) {}
@@ -85,10 +107,7 @@ void PeltoTimer::resetLocked() {
     mEpollFd.reset(mSyscalls.epoll_create1(EPOLL_CLOEXEC));
     int pipes[2];
     if (mSyscalls.pipe2(pipes, O_NONBLOCK | O_CLOEXEC) != 0) {
-        // Within a streak of failed runs only the first failure is told in full.
-        if (mFailedRuns == 0) {
-            ALOGE("could not create TimerDispatch mPipes");
-        }
+        logFirstFailure("could not create TimerDispatch mPipes");
         return;
     }
     mPipes[0].reset(pipes[0]);
@@ -195,106 +214,119 @@ bool PeltoTimer::waitToRetry() {
 
 bool PeltoTimer::dispatch() {
     setDebugState(DebugState::Running);
-
-    sched_param param = {};
-    param.sched_priority = kDispatchPriority;
-    if (pthread_setschedparam(pthread_self(), SCHED_FIFO, &param) != 0) {
-        ALOGW("Failed to set SCHED_FIFO on dispatch thread");
+    prepareDispatchThread();
+    const LoopFds fds = loopFds();
+    if (!setUpEpoll(fds)) {
+        return true;
     }
-    if (pthread_setname_np(pthread_self(), "TimerDispatch") != 0) {
-        ALOGW("Failed to set thread name on dispatch thread");
-    }
+    return runLoop(fds);
+}
 
+PeltoTimer::LoopFds PeltoTimer::loopFds() const {
     // Only this thread replaces the descriptors, and not during a run, so copies stay valid.
-    int alarmFd;
-    int epollFd;
-    int controlFd;
-    {
-        std::lock_guard lock(mMutex);
-        alarmFd = mAlarmFd.get();
-        epollFd = mEpollFd.get();
-        controlFd = mPipes[0].get();
-    }
+    std::lock_guard lock(mMutex);
+    return {mAlarmFd.get(), mEpollFd.get(), mPipes[0].get()};
+}
 
-    epoll_event timerEvent = {};
-    timerEvent.events = EPOLLIN;
-    timerEvent.data.u32 = kTimerTag;
-    if (mSyscalls.epoll_ctl(epollFd, EPOLL_CTL_ADD, alarmFd, &timerEvent) == -1) {
-        if (mFailedRuns == 0) {
-            ALOGE("Error adding timer fd to epoll dispatch loop");
-        }
-        return true;
-    }
+bool PeltoTimer::setUpEpoll(const LoopFds& fds) {
+    return addToEpoll(fds.epoll, fds.alarm, kTimerTag,
+                      "Error adding timer fd to epoll dispatch loop") &&
+            addToEpoll(fds.epoll, fds.control, kTerminateTag,
+                       "Error adding control fd to dispatch loop");
+}
 
-    epoll_event terminateEvent = {};
-    terminateEvent.events = EPOLLIN;
-    terminateEvent.data.u32 = kTerminateTag;
-    if (mSyscalls.epoll_ctl(epollFd, EPOLL_CTL_ADD, controlFd, &terminateEvent) == -1) {
-        if (mFailedRuns == 0) {
-            ALOGE("Error adding control fd to dispatch loop");
-        }
-        return true;
+bool PeltoTimer::addToEpoll(int epollFd, int fd, uint32_t tag, const char* failure) {
+    epoll_event event = {};
+    event.events = EPOLLIN;
+    event.data.u32 = tag;
+    if (mSyscalls.epoll_ctl(epollFd, EPOLL_CTL_ADD, fd, &event) == -1) {
+        logFirstFailure("%s", failure);
+        return false;
     }
+    return true;
+}
 
+bool PeltoTimer::runLoop(const LoopFds& fds) {
     uint64_t iteration = 0;
     while (true) {
-        setDebugState(DebugState::Waiting);
         epoll_event events[kMaxEvents];
-        const int eventCount = mSyscalls.epoll_wait(epollFd, events, kMaxEvents, -1);
-        const int error = errno;
-        setDebugState(DebugState::Running);
-
-        if (ATRACE_ENABLED()) {
-            char name[kIterationNameSize];
-            snprintf(name, sizeof(name), "%s%lu", "TimerIteration #", iteration++);
-            ATRACE_BEGIN(name);
-            ATRACE_END();
-        }
+        int error = 0;
+        const int eventCount = waitForEvents(fds.epoll, events, error);
+        traceIteration(iteration);
 
         if (eventCount == -1) {
             if (error == EINTR) {
                 continue;
             }
-            if (mFailedRuns == 0) {
-                ALOGE("Error waiting on epoll: %s", strerror(error));
-            }
+            logFirstFailure("Error waiting on epoll: %s", strerror(error));
             return true;
         }
-        if (mFailedRuns != 0) {
-            ALOGI("Dispatch loop running again after %" PRIu64 " failed runs", mFailedRuns);
-            mFailedRuns = 0;
-        }
-
-        for (int i = 0; i < eventCount; i++) {
-            switch (events[i].data.u32) {
-                case kTimerTag: {
-                    setDebugState(DebugState::Reading);
-                    // Drains the expiry count; its value does not matter, each wakeup runs
-                    // the action once.
-                    uint64_t expirations;
-                    mSyscalls.read(alarmFd, &expirations, sizeof(expirations));
-                    setDebugState(DebugState::Running);
-
-                    std::function<void()> callback;
-                    {
-                        std::lock_guard lock(mMutex);
-                        callback = mCallback;
-                        mAlarmState = kAlarmFired;
-                    }
-                    if (callback) {
-                        setDebugState(DebugState::InCallback);
-                        callback();
-                        setDebugState(DebugState::Running);
-                    }
-                    break;
-                }
-                case kTerminateTag:
-                    ALOGE("Terminated");
-                    setDebugState(DebugState::Running);
-                    return false;
-            }
+        endFailureStreak();
+        if (!handleEvents(events, eventCount, fds.alarm)) {
+            return false;
         }
     }
+}
+
+int PeltoTimer::waitForEvents(int epollFd, epoll_event* events, int& error) {
+    setDebugState(DebugState::Waiting);
+    const int eventCount = mSyscalls.epoll_wait(epollFd, events, kMaxEvents, -1);
+    error = errno;
+    setDebugState(DebugState::Running);
+    return eventCount;
+}
+
+bool PeltoTimer::handleEvents(const epoll_event* events, int eventCount, int alarmFd) {
+    for (int i = 0; i < eventCount; i++) {
+        switch (events[i].data.u32) {
+            case kTimerTag:
+                handleExpiry(alarmFd);
+                break;
+            case kTerminateTag:
+                ALOGE("Terminated");
+                setDebugState(DebugState::Running);
+                return false;
+        }
+    }
+    return true;
+}
+
+void PeltoTimer::handleExpiry(int alarmFd) {
+    setDebugState(DebugState::Reading);
+    // Drains the expiry count; its value does not matter, each wakeup runs the action once.
+    uint64_t expirations;
+    mSyscalls.read(alarmFd, &expirations, sizeof(expirations));
+    setDebugState(DebugState::Running);
+
+    std::function<void()> callback;
+    {
+        std::lock_guard lock(mMutex);
+        callback = mCallback;
+        mAlarmState = kAlarmFired;
+    }
+    if (callback) {
+        setDebugState(DebugState::InCallback);
+        callback();
+        setDebugState(DebugState::Running);
+    }
+}
+
+void PeltoTimer::endFailureStreak() {
+    if (mFailedRuns != 0) {
+        ALOGI("Dispatch loop running again after %" PRIu64 " failed runs", mFailedRuns);
+        mFailedRuns = 0;
+    }
+}
+
+void PeltoTimer::logFirstFailure(const char* format, ...) const {
+    // Within a streak of failed runs only the first failure is told in full.
+    if (mFailedRuns != 0) {
+        return;
+    }
+    va_list args;
+    va_start(args, format);
+    __android_log_vprint(ANDROID_LOG_ERROR, LOG_TAG, format, args);
+    va_end(args);
 }
 
 } // namespace android::scheduler

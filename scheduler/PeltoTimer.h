@@ -65,6 +65,13 @@ public:
     virtual void dump(std::string& result) const EXCLUDES(mMutex);
 
 private:
+    // The descriptors of one run of the dispatch loop.
+    struct LoopFds {
+        int alarm;
+        int epoll;
+        int control;
+    };
+
     // Closes the descriptors and creates new ones.
     void reset() EXCLUDES(mMutex);
     void resetLocked() REQUIRES(mMutex);
@@ -79,6 +86,25 @@ private:
     // One run of the dispatch loop. Returns true when the loop must be rebuilt on new
     // descriptors, false when the thread was told to end.
     bool dispatch() EXCLUDES(mMutex);
+    // Copies the descriptors for one run of the dispatch loop.
+    LoopFds loopFds() const EXCLUDES(mMutex);
+    // Adds the timerfd and the read end of the pipe to the epoll set. Returns false on failure.
+    bool setUpEpoll(const LoopFds& fds);
+    bool addToEpoll(int epollFd, int fd, uint32_t tag, const char* failure);
+    // Waits and handles events until a wait fails or the thread is told to end. Returns as
+    // dispatch() does.
+    bool runLoop(const LoopFds& fds) EXCLUDES(mMutex);
+    // One epoll wait. Returns the number of events, or -1 with the wait's errno in `error`.
+    int waitForEvents(int epollFd, epoll_event* events, int& error) EXCLUDES(mMutex);
+    // Returns false when one of the events tells the thread to end.
+    bool handleEvents(const epoll_event* events, int eventCount, int alarmFd) EXCLUDES(mMutex);
+    // Drains the timerfd and runs the action.
+    void handleExpiry(int alarmFd) EXCLUDES(mMutex);
+    // Logs a streak of failed runs as over, once the loop has woken up from a wait.
+    void endFailureStreak();
+    // Logs an error, unless it comes within a streak of failed runs: only the first failure of
+    // a streak is told in full.
+    void logFirstFailure(const char* format, ...) const __attribute__((format(printf, 2, 3)));
     // Counts a failed run of the dispatch loop and waits before the next one. Returns false
     // when the thread was told to end meanwhile.
     bool waitToRetry() EXCLUDES(mMutex);
