@@ -9,30 +9,56 @@ namespace android {
 namespace {
 
 constexpr const char* kSeparator = "==========\n";
+// Records a dump copies per hold of the registry lock (about a microsecond),
+// and room for their names.
+constexpr size_t kDumpChunkRecords = 64;
+constexpr size_t kDumpChunkNameBytes = 4096;
+// Fresh starts after registry changes before a dump copies the rest in one hold.
+constexpr int kDumpRestarts = 3;
 
 } // namespace
 
 void PeltoController::dump(std::string& out) const {
-    // The rules and the records are taken under one hold of the lock, so they
-    // show one configuration; both are formatted after it is released, so a
-    // composition never waits for the text, however many layers there are.
+    // The rules are taken with the first chunk of records and formatted after
+    // the lock is released, however large they are; a reload between two
+    // chunks starts the records again, so the text shows one configuration.
     std::shared_ptr<const PeltoConfig> config;
-    PeltoLayerRegistry::DumpSnapshot layers;
-    {
+    std::ostringstream os;
+    if (mUseList) {
+        PeltoLayerRegistry::DumpSections sections;
+        PeltoLayerRegistry::DumpChunk chunk;
+        chunk.records.reserve(kDumpChunkRecords);
+        chunk.names.reserve(kDumpChunkNameBytes);
+        PeltoLayerRegistry::DumpCursor cursor;
+        // A registry that keeps changing is copied whole at the last try.
+        for (int restarts = 0;;) {
+            const size_t limit = restarts < kDumpRestarts ? kDumpChunkRecords : SIZE_MAX;
+            PeltoLayerRegistry::DumpStep step;
+            {
+                std::lock_guard lock(mLayerMutex);
+                if (!cursor.started) {
+                    config = mConfig;
+                }
+                step = mRegistry.copyDumpChunk(cursor, chunk, limit);
+            }
+            if (step == PeltoLayerRegistry::DumpStep::Changed) {
+                sections.clear();
+                ++restarts;
+                continue;
+            }
+            sections.append(chunk);
+            if (step == PeltoLayerRegistry::DumpStep::Done) {
+                break;
+            }
+        }
+        os << kSeparator;
+        sections.writeTo(os);
+    } else {
         std::lock_guard lock(mLayerMutex);
         config = mConfig;
-        if (mUseList) {
-            mRegistry.snapshotForDump(layers);
-        }
     }
     if (config != nullptr) {
         config->dump(out);
-    }
-
-    std::ostringstream os;
-    if (mUseList) {
-        os << kSeparator;
-        PeltoLayerRegistry::dump(layers, os);
     }
 
     os << kSeparator;

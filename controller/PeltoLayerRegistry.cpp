@@ -75,6 +75,7 @@ void PeltoLayerRegistry::add(Pending&& pending, const PeltoConfig& rules) {
         ++mTargetCount;
     }
     const void* layerPtr = record.layerPtr;
+    ++mChanges;
     mLayers.splice(mLayers.end(), pending.node);
     const auto [indexed, added] =
             mIndex.try_emplace(layerPtr, IndexEntry{std::prev(mLayers.end()), 0});
@@ -90,6 +91,7 @@ void PeltoLayerRegistry::remove(const void* layerPtr) {
     const IndexEntry entry = indexed->second;
     mIndex.erase(indexed);
     ++mGeneration;
+    ++mChanges;
     if (mActiveTarget.load() == layerPtr) {
         mActiveTarget = nullptr;
     }
@@ -137,6 +139,7 @@ void PeltoLayerRegistry::setActiveTarget(const void* layerPtr) {
         flagTargetRecords(mFlagged, false);
     }
     const Flagged flagged = flagTargetRecords(layerPtr, true);
+    ++mChanges;
     mFlagged = flagged.any ? layerPtr : nullptr;
     mActiveTarget = flagged.first ? layerPtr : nullptr;
 }
@@ -172,6 +175,7 @@ void PeltoLayerRegistry::apply(Reclassification&& reclassification, const PeltoC
             reclassification.classified.size() == mLayers.size();
     mTargetCount = 0;
     mActiveTarget = nullptr;
+    ++mChanges;
     auto classified = reclassification.classified.begin();
     for (PeltoLayer& record : mLayers) {
         // Records keep their places and names, so the index and the list
@@ -186,13 +190,22 @@ void PeltoLayerRegistry::apply(Reclassification&& reclassification, const PeltoC
     }
 }
 
-void PeltoLayerRegistry::snapshotForDump(DumpSnapshot& snapshot) const {
-    snapshot.names.clear();
-    snapshot.records.clear();
-    snapshot.records.reserve(mLayers.size());
-    for (const PeltoLayer& layer : mLayers) {
-        DumpSnapshot::Record record{layer.type,     false,      0, layer.isActiveTarget,
-                                    layer.area,     layer.focused, 0};
+PeltoLayerRegistry::DumpStep PeltoLayerRegistry::copyDumpChunk(DumpCursor& cursor,
+                                                                DumpChunk& chunk,
+                                                                size_t limit) const {
+    chunk.names.clear();
+    chunk.records.clear();
+    if (!cursor.started) {
+        cursor = {mLayers.begin(), mChanges, true};
+    } else if (cursor.changes != mChanges) {
+        // The cursor's record may be gone; the sections start again.
+        cursor.started = false;
+        return DumpStep::Changed;
+    }
+    for (; cursor.next != mLayers.end() && chunk.records.size() < limit; ++cursor.next) {
+        const PeltoLayer& layer = *cursor.next;
+        DumpChunk::Record record{layer.type,  false, 0, layer.isActiveTarget, layer.area,
+                                 layer.focused, 0};
         if (layer.type == kTarget && layer.targetInfo != nullptr) {
             record.hasId = true;
             record.id = layer.targetInfo->id;
@@ -201,44 +214,52 @@ void PeltoLayerRegistry::snapshotForDump(DumpSnapshot& snapshot) const {
             record.hasId = true;
             record.id = layer.targetIgnoreInfo->id;
         }
-        snapshot.names += layer.name;
-        record.nameEnd = snapshot.names.size();
-        snapshot.records.push_back(record);
+        chunk.names += layer.name;
+        record.nameEnd = chunk.names.size();
+        chunk.records.push_back(record);
+    }
+    return cursor.next == mLayers.end() ? DumpStep::Done : DumpStep::More;
+}
+
+void PeltoLayerRegistry::DumpSections::append(const DumpChunk& chunk) {
+    size_t nameBegin = 0;
+    for (const DumpChunk::Record& record : chunk.records) {
+        const size_t begin = nameBegin;
+        nameBegin = record.nameEnd;
+        // A record whose type is outside the four is in no section.
+        if (static_cast<uint32_t>(record.type) >= std::size(mByType)) continue;
+        std::ostringstream& os = mByType[record.type];
+        os << "\t";
+        os.write(chunk.names.data() + begin, static_cast<std::streamsize>(record.nameEnd - begin));
+        os << "\n";
+        if (record.type == kTarget) {
+            if (record.hasId) {
+                os << "\t\tid: " << record.id << "\n";
+            }
+            if (record.isActiveTarget) {
+                os << "\t\tcurrent active\n";
+            }
+        } else if (record.type == static_cast<int32_t>(PeltoLayerType::TargetIgnoreLayer) &&
+                   record.hasId) {
+            os << "\t\ttargetId: " << record.id << "\n";
+        }
+        os << "\t\tarea: " << record.area << " focused: " << record.focused << "\n";
     }
 }
 
-void PeltoLayerRegistry::dump(const DumpSnapshot& snapshot, std::ostream& os) {
-    // One section per type; each walks every record, so records keep their
-    // registration order. `details` writes the type's own lines of a record.
-    const auto section = [&os, &snapshot](PeltoLayerType type, auto details) {
+void PeltoLayerRegistry::DumpSections::clear() {
+    for (std::ostringstream& os : mByType) {
+        os.str({});
+    }
+}
+
+void PeltoLayerRegistry::DumpSections::writeTo(std::ostream& os) const {
+    for (const PeltoLayerType type :
+         {PeltoLayerType::TargetLayer, PeltoLayerType::TargetIgnoreLayer,
+          PeltoLayerType::ExceptionLayer, PeltoLayerType::Nobody}) {
         os << peltoLayerTypeName(static_cast<int32_t>(type)) << ":\n";
-        size_t nameBegin = 0;
-        for (const DumpSnapshot::Record& record : snapshot.records) {
-            const size_t begin = nameBegin;
-            nameBegin = record.nameEnd;
-            if (record.type != static_cast<int32_t>(type)) continue;
-            os << "\t";
-            os.write(snapshot.names.data() + begin, static_cast<std::streamsize>(record.nameEnd - begin));
-            os << "\n";
-            details(record);
-            os << "\t\tarea: " << record.area << " focused: " << record.focused << "\n";
-        }
-    };
-    section(PeltoLayerType::TargetLayer, [&os](const DumpSnapshot::Record& record) {
-        if (record.hasId) {
-            os << "\t\tid: " << record.id << "\n";
-        }
-        if (record.isActiveTarget) {
-            os << "\t\tcurrent active\n";
-        }
-    });
-    section(PeltoLayerType::TargetIgnoreLayer, [&os](const DumpSnapshot::Record& record) {
-        if (record.hasId) {
-            os << "\t\ttargetId: " << record.id << "\n";
-        }
-    });
-    section(PeltoLayerType::ExceptionLayer, [](const DumpSnapshot::Record&) {});
-    section(PeltoLayerType::Nobody, [](const DumpSnapshot::Record&) {});
+        os << mByType[static_cast<int32_t>(type)].str();
+    }
 }
 
 } // namespace android

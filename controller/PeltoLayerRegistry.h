@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <list>
 #include <ostream>
+#include <sstream>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -73,9 +74,12 @@ public:
     static void classify(Reclassification& reclassification, const PeltoConfig& rules);
     void apply(Reclassification&& reclassification, const PeltoConfig& rules);
 
-    // What the dump shows of every record, copied under the owner's lock so
-    // that it is formatted after the lock is released.
-    struct DumpSnapshot {
+    // The dump's layer sections, built a few records at a time: each chunk is
+    // copied under the owner's lock and formatted after it is released, so a
+    // composition waits at most for one chunk's copy, however many layers
+    // there are. A change to the registry between two chunks starts the
+    // sections again from the first record.
+    struct DumpChunk {
         struct Record {
             int32_t type;
             // The target's id (TargetLayer) or the id of the target it
@@ -88,14 +92,32 @@ public:
             // Where the record's name ends in `names`.
             size_t nameEnd;
         };
-        // Every record's full name, back to back: one buffer to fill under
-        // the lock instead of one allocation per name.
+        // The chunk's names back to back: no allocation per name.
         std::string names;
         std::vector<Record> records;
     };
-    void snapshotForDump(DumpSnapshot& snapshot) const;
-    // The four sections of the dump, one per type, records in registration order.
-    static void dump(const DumpSnapshot& snapshot, std::ostream& os);
+    struct DumpCursor {
+        std::list<PeltoLayer>::const_iterator next;
+        // The registry's change count when the first chunk was copied.
+        uint64_t changes = 0;
+        bool started = false;
+    };
+    enum class DumpStep { More, Done, Changed };
+    // Copies up to `limit` records, from where `cursor` stopped, into
+    // `chunk`. Changed: the registry changed since the cursor started; it is
+    // reset, and the next call copies the first chunk again.
+    DumpStep copyDumpChunk(DumpCursor& cursor, DumpChunk& chunk, size_t limit) const;
+
+    // The four sections, one per type, records in registration order.
+    class DumpSections {
+    public:
+        void append(const DumpChunk& chunk);
+        void clear();
+        void writeTo(std::ostream& os) const;
+
+    private:
+        std::ostringstream mByType[4];
+    };
 
 private:
     static std::string lookupKey(const std::string& name);
@@ -128,6 +150,9 @@ private:
     // Counts additions and removals, so apply() can tell whether the records
     // classified aside are still the registry's.
     uint64_t mGeneration = 0;
+    // Counts every change a dump shows but the areas and focus flags that
+    // compositions store, so that a dump in chunks can tell it must start again.
+    uint64_t mChanges = 0;
     // The last pointer made active: no other pointer's records carry
     // isActiveTarget (a removal or a reload may have cleared its own since).
     const void* mFlagged = nullptr;

@@ -1,9 +1,14 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <atomic>
+#include <functional>
 #include <future>
 #include <mutex>
+#include <string>
 #include <thread>
+#include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -230,6 +235,100 @@ TEST_F(PeltoDumpReloadTest, hostMayHoldItsOwnLockAroundEntryPointsThatItTakesInH
     composition.join();
     ASSERT_TRUE(finished) << "an entry point waited for the composition's HWC callback";
     EXPECT_EQ(dumpedState(*controller), "On 551");
+}
+
+// The layer sections of a dump: the text between the first two separators.
+std::string layerSections(const std::string& dump) {
+    const std::string separator = "==========\n";
+    const size_t sections = dump.find(separator + "TargetLayer:\n");
+    const size_t status = dump.find(separator + "Pelto State: ");
+    if (sections == std::string::npos || status == std::string::npos) return "?";
+    return dump.substr(sections + separator.size(), status - sections - separator.size());
+}
+
+// Dumps 50 times while another thread calls `change(i)` for i = 0, 1, ...;
+// returns "" when every dump's layer sections, less whole "churn#" records,
+// were one of `acceptable`, or what one showed instead.
+std::string dumpWhile(PeltoController& controller, const std::function<void(int)>& change,
+                      const std::vector<std::string>& acceptable) {
+    std::atomic<bool> done{false};
+    std::thread changer([&] {
+        for (int i = 0; !done; ++i) change(i);
+    });
+    std::string failure;
+    for (int round = 0; round < 50 && failure.empty(); ++round) {
+        std::string out;
+        controller.dump(out);
+        std::string shown = layerSections(out);
+        for (size_t at; (at = shown.find("\tchurn#")) != std::string::npos;) {
+            const size_t nameEnd = shown.find('\n', at);
+            if (nameEnd == std::string::npos || shown.compare(nameEnd + 1, 8, "\t\tarea: ") != 0) {
+                failure = "a churned record cut short: " + shown.substr(at, 80);
+                break;
+            }
+            shown.erase(at, shown.find('\n', nameEnd + 1) + 1 - at);
+        }
+        if (failure.empty() &&
+            std::find(acceptable.begin(), acceptable.end(), shown) == acceptable.end()) {
+            failure = "dump " + std::to_string(round) + " showed:\n" + shown;
+        }
+    }
+    done = true;
+    changer.join();
+    return failure;
+}
+
+TEST_F(PeltoDumpReloadTest, dumpsOfManyLayersAreWholeAndOrderedWhileLayersComeAndGo) {
+    // Far more records than one hold of the registry lock copies, of two
+    // types interleaved, so every section spans several copies.
+    constexpr int kLayers = 500;
+    std::vector<int> layers(2 * kLayers);
+    for (int i = 0; i < kLayers; ++i) {
+        mController->registerLayer(&layers[2 * i], "subtitle.app#" + std::to_string(i));
+        mController->registerLayer(&layers[2 * i + 1], "other.app#" + std::to_string(i));
+    }
+    std::string quiet;
+    mController->dump(quiet);
+    // Nobody holds both kinds in registration order, after other#0.
+    std::string expectedNobody = "Nobody:\n\tother#0\n\t\tarea: 0 focused: 0\n";
+    for (int i = 0; i < kLayers; ++i) {
+        expectedNobody += "\tsubtitle.app#" + std::to_string(i) + "\n\t\tarea: 0 focused: 0\n";
+        expectedNobody += "\tother.app#" + std::to_string(i) + "\n\t\tarea: 0 focused: 0\n";
+    }
+    const std::string sections = layerSections(quiet);
+    EXPECT_EQ(sections.substr(sections.find("Nobody:")), expectedNobody);
+
+    // Another thread registers and destroys layers of its own while dumps run:
+    // every dump still shows each lasting layer once, in order, and a churned
+    // layer whole or not at all.
+    int churned[4] = {};
+    EXPECT_EQ(dumpWhile(*mController,
+                      [&](int i) {
+                          int* layer = &churned[i % 4];
+                          mController->registerLayer(layer, "churn#" + std::to_string(i));
+                          mController->destroyLayer(layer);
+                      },
+                      {sections}),
+              "");
+
+    // Reloads that move the "subtitle.app" layers between two sections: every
+    // dump shows them all under one rule file or all under the other.
+    const std::string rulesB = R"({"target_layers": [ { "name": "video",
+        "ignore_names": ["subtitle", "subtitle.app"] } ]})";
+    mRules.write(rulesB);
+    std::string reloaded;
+    mController->reloadConfigThenDump(reloaded);
+    std::string dumpB;
+    mController->dump(dumpB);
+    ASSERT_NE(layerSections(dumpB), sections);
+    EXPECT_EQ(dumpWhile(*mController,
+                      [&](int i) {
+                          mRules.write(i % 2 ? kRules : rulesB);
+                          std::string out;
+                          mController->reloadConfigThenDump(out);
+                      },
+                      {sections, layerSections(dumpB)}),
+              "");
 }
 
 } // namespace

@@ -29,7 +29,13 @@ public:
     ScopedRuleFile(const ScopedRuleFile&) = delete;
     ScopedRuleFile& operator=(const ScopedRuleFile&) = delete;
 
-    void write(const std::string& json) const { std::ofstream(mPath, std::ios::trunc) << json; }
+    // Replaces the file whole, so that a reload on another thread reads the
+    // old text or the new one, never half of it.
+    void write(const std::string& json) const {
+        const std::string next = mPath + ".next";
+        std::ofstream(next, std::ios::trunc) << json;
+        std::rename(next.c_str(), mPath.c_str());
+    }
     void remove() const { std::remove(mPath.c_str()); }
     const std::string& path() const { return mPath; }
 
