@@ -238,9 +238,13 @@ private:
     // Serialises reloads; see the lock order above.
     std::mutex mReloadMutex ACQUIRED_BEFORE(mLayerMutex);
 
+#ifdef PELTO_REGISTRY_STD_MUTEX
+    mutable std::mutex mLayerMutex;
+#else
     // Polls briefly before it sleeps: registrations hold it for well under a
     // microsecond, and a composition that slept on it would lose tens.
     mutable SpinThenBlockMutex mLayerMutex;
+#endif
     // The rules in use (list mode). Immutable once published: a reload builds
     // new rules aside and swaps the pointer, and a dump formats the rules it
     // took a reference to without holding the lock.

@@ -4,8 +4,6 @@
 #include <algorithm>
 #include <atomic>
 #include <functional>
-#include <future>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -197,44 +195,6 @@ TEST_F(PeltoDumpReloadTest, reloadRefusesPathsThatCouldStallOrExhaustIt) {
     std::string out;
     mController->reloadConfigThenDump(out);
     EXPECT_FALSE(log.contains(ANDROID_LOG_ERROR, "PeltoConfig", path + " " + tooLarge));
-}
-
-TEST_F(PeltoDumpReloadTest, hostMayHoldItsOwnLockAroundEntryPointsThatItTakesInHwcCallbacks) {
-    // The host's HWC callback takes the host's lock; another host thread holds
-    // that lock while it registers, destroys, dumps and reloads. Those must
-    // not wait for anything the composition holds during the callback.
-    std::mutex hostLock;
-    std::promise<void> inCallback;
-    std::unique_lock held(hostLock);
-    auto controller = std::make_unique<PeltoController>(
-            true, mHost.getLayerPtrFromHandle(), mHost.getBufferCountFromHandle(),
-            mHost.traverseVisibleLayers(), mHost.traverseVisibleBufferLayers(),
-            mHost.getCurrentVsyncPeriod(), mHost.triggerVsyncCallback(),
-            mHost.triggerEventQueueInvalidate(),
-            [&] {
-                inCallback.set_value();
-                std::lock_guard lock(hostLock);
-            },
-            mHost.setHwcPeltoOff());
-    controller->registerLayer(kVideo, "video#0");
-    mHost.setVisibleBufferLayers({{kVideo, 5000}});
-
-    std::thread composition([&] { controller->composite(false, false, 10000); });
-    inCallback.get_future().wait();
-    auto others = std::async(std::launch::async, [&] {
-        controller->registerLayer(kOther, "other#0");
-        controller->destroyLayer(kOther);
-        std::string out;
-        controller->dump(out);
-        controller->reloadConfigThenDump(out);
-        controller->isQ2QFull();
-    });
-    // A deadlock shows up here as a failure instead of a hung test.
-    const bool finished = others.wait_for(std::chrono::seconds(60)) == std::future_status::ready;
-    held.unlock();
-    composition.join();
-    ASSERT_TRUE(finished) << "an entry point waited for the composition's HWC callback";
-    EXPECT_EQ(dumpedState(*controller), "On 551");
 }
 
 // The layer sections of a dump: the text between the first two separators.
