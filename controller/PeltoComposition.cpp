@@ -82,7 +82,7 @@ std::optional<PeltoController::Decision> PeltoController::decideList(unsigned in
             [this](const void* layerPtr, float area, bool focused) NO_THREAD_SAFETY_ANALYSIS {
                 // Called synchronously, inside the traversal, on this thread,
                 // which holds mCompositionMutex.
-                mScratch.visits.push_back(Visit{layerPtr, area, focused, nullptr});
+                mScratch.visits.emplace_back(layerPtr, area, focused);
             });
 
     // A new active target measures the pace afresh from the host's period,
@@ -130,9 +130,23 @@ void PeltoController::classifyVisitsLocked() {
     s.exceptionLayers.clear();
     s.activeTarget = kNoActiveTarget;
     s.unsorted = 0;
-    for (Visit& visit : s.visits) {
-        PeltoLayer* record = mRegistry.find(visit.layerPtr);
-        visit.record = record;
+    if (s.foundGeneration != mRegistry.generation()) {
+        s.found.clear();
+        s.foundGeneration = mRegistry.generation();
+    }
+    for (size_t i = 0; i < s.visits.size(); ++i) {
+        const Visit& visit = s.visits[i];
+        PeltoLayer* record;
+        if (i < s.found.size() && s.found[i].layerPtr == visit.layerPtr) {
+            record = s.found[i].record;
+        } else {
+            record = mRegistry.find(visit.layerPtr);
+            if (i < s.found.size()) {
+                s.found[i] = {visit.layerPtr, record};
+            } else {
+                s.found.emplace_back(visit.layerPtr, record);
+            }
+        }
         if (record == nullptr) {
             ++s.unsorted;
             continue;
@@ -140,26 +154,25 @@ void PeltoController::classifyVisitsLocked() {
         record->area = visit.area;
         record->focused = visit.focused;
 
-        const VisitedLayer layer{record, visit.area, visit.focused};
         switch (static_cast<uint32_t>(record->type)) {
             case static_cast<uint32_t>(PeltoLayerType::Nobody):
-                s.otherLayers.push_back(layer);
+                s.otherLayers.emplace_back(record, visit.area, visit.focused);
                 break;
             case static_cast<uint32_t>(PeltoLayerType::TargetLayer):
-                s.targetCandidates.push_back(layer);
+                s.targetCandidates.emplace_back(record, visit.area, visit.focused);
                 if (record->isActiveTarget) {
                     s.activeTarget = s.targetCandidates.size() - 1;
                 }
                 break;
             case static_cast<uint32_t>(PeltoLayerType::TargetIgnoreLayer):
-                s.ignoreLayers.push_back(layer);
+                s.ignoreLayers.emplace_back(record, visit.area, visit.focused);
                 break;
             case static_cast<uint32_t>(PeltoLayerType::ExceptionLayer):
-                s.exceptionLayers.push_back(layer);
+                s.exceptionLayers.emplace_back(record, visit.area, visit.focused);
                 break;
             default:
                 ++s.unsorted;
-                s.otherLayers.push_back(layer);
+                s.otherLayers.emplace_back(record, visit.area, visit.focused);
                 break;
         }
     }
@@ -171,11 +184,12 @@ void PeltoController::logUnsortedVisitsLocked() {
         return;
     }
     for (const Visit& visit : s.visits) {
-        if (visit.record == nullptr) {
+        const PeltoLayer* record = mRegistry.find(visit.layerPtr);
+        if (record == nullptr) {
             ALOGW("%p not found in mLayers", visit.layerPtr);
-        } else if (static_cast<uint32_t>(visit.record->type) >
+        } else if (static_cast<uint32_t>(record->type) >
                    static_cast<uint32_t>(PeltoLayerType::ExceptionLayer)) {
-            ALOGW("layer has invalid type %s", visit.record->name.c_str());
+            ALOGW("layer has invalid type %s", record->name.c_str());
         }
     }
 }

@@ -76,6 +76,7 @@ PeltoController::PeltoController(bool useList, GetLayerPtrFromHandle getLayerPtr
     // typical one from the first, so that it allocates nothing either.
     constexpr size_t kTypicalVisibleLayers = 32;
     mScratch.visits.reserve(kTypicalVisibleLayers);
+    mScratch.found.reserve(kTypicalVisibleLayers);
     for (auto* list : {&mScratch.targetCandidates, &mScratch.otherLayers, &mScratch.ignoreLayers,
                        &mScratch.exceptionLayers}) {
         list->reserve(kTypicalVisibleLayers);

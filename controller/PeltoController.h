@@ -26,7 +26,6 @@
 #include "controller/PeltoTypes.h"
 #include "controller/PeltoLayerRegistry.h"
 #include "controller/PeltoQ2QRing.h"
-#include "controller/SpinThenBlockMutex.h"
 #include "scheduler/TimerSyscalls.h"
 #include "trace/PeltoTracedOrdinal.h"
 
@@ -238,13 +237,14 @@ private:
     // Serialises reloads; see the lock order above.
     std::mutex mReloadMutex ACQUIRED_BEFORE(mLayerMutex);
 
-#ifdef PELTO_REGISTRY_STD_MUTEX
+    // A plain mutex: no hold is longer than sorting one composition's visible
+    // layers, copying 64 records for a dump or swapping in reloaded rules.
+    // Against a lock that polls for 10 us before it sleeps, measured in one
+    // run (bench/README.md), polling shortened the composite tail under
+    // registration bursts (p99.9 5.5 against 8.7-22.4 us) but lengthened it
+    // under reloads (100 KB rules: 9.7-14.3 against 4.6-6.2 us), so it does
+    // not earn a lock of our own.
     mutable std::mutex mLayerMutex;
-#else
-    // Polls briefly before it sleeps: registrations hold it for well under a
-    // microsecond, and a composition that slept on it would lose tens.
-    mutable SpinThenBlockMutex mLayerMutex;
-#endif
     // The rules in use (list mode). Immutable once published: a reload builds
     // new rules aside and swaps the pointer, and a dump formats the rules it
     // took a reference to without holding the lock.
@@ -293,18 +293,23 @@ private:
     std::mutex mSFInProgressMutex;
     bool mSFInProgress GUARDED_BY(mSFInProgressMutex) = false;
 
-    // One layer the list-mode traversal reported, and its record, looked up
-    // once the traversal has returned (null: not registered).
+    // One layer the list-mode traversal reported. 16 bytes, so that no
+    // element straddles two cache lines: the visitor stores one per layer.
+    // Built in place (emplace_back): a copy of a temporary is read back whole
+    // before its fields' stores have landed, which stalls every append.
     struct Visit {
+        Visit(const void* layerPtr, float area, bool focused)
+              : layerPtr(layerPtr), area(area), focused(focused) {}
         const void* layerPtr;
         float area;
         bool focused;
-        const PeltoLayer* record;
     };
     // A visit sorted by its record's type: the record, and the area and focus
     // that the visit reported (a layer visited twice keeps each visit's own).
     // The record stays in place while the composition holds mLayerMutex.
     struct VisitedLayer {
+        VisitedLayer(const PeltoLayer* record, float area, bool focused)
+              : record(record), area(area), focused(focused) {}
         const PeltoLayer* record;
         float area;
         bool focused;
@@ -317,6 +322,16 @@ private:
         std::vector<VisitedLayer> otherLayers;
         std::vector<VisitedLayer> ignoreLayers;
         std::vector<VisitedLayer> exceptionLayers;
+        // The record each visit's layer had at the last sorting, reused while
+        // the registry's generation stands: most compositions show the same
+        // layers in the same order, and this skips their index lookups.
+        struct Found {
+            Found(const void* layerPtr, PeltoLayer* record) : layerPtr(layerPtr), record(record) {}
+            const void* layerPtr;
+            PeltoLayer* record;
+        };
+        std::vector<Found> found;
+        uint64_t foundGeneration = 0;
         // Position of the active target in targetCandidates, or kNoActiveTarget.
         size_t activeTarget = 0;
         // Visits of unregistered layers or of records of no known type.

@@ -41,6 +41,9 @@ public:
 
     // Records of type TargetLayer.
     int32_t targetCount() const { return mTargetCount; }
+    // Changes with every addition and removal: while it stands, find() gives
+    // the same answer for every pointer.
+    uint64_t generation() const { return mGeneration; }
     const std::list<PeltoLayer>& records() const { return mLayers; }
 
     // Makes `layerPtr`'s target records the active ones, and no other.
