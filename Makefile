@@ -4,7 +4,7 @@ JOBS ?= $(shell nproc)
 # Seconds each fuzzer runs for in `make fuzz`.
 FUZZ_SECONDS ?= 60
 
-.PHONY: test demo deps build build-clang test-clang test-gcc check-thread-safety check-android-bp test-tsan test-asan \
+.PHONY: test demo deps build build-clang test-clang test-gcc check-thread-safety check-android-bp test-tsan test-asan test-arm64 \
 	bench bench-build bench-run bench-callgrind bench-latency fuzz clean
 
 # Every stage in order (scripts/run-tests.sh), with a per-stage summary at the end.
@@ -66,6 +66,18 @@ test-asan:
 	cmake --preset asan >/dev/null
 	cmake --build --preset asan -j $(JOBS)
 	ctest --preset asan
+
+# The library and its tests cross-built for arm64, where the library ships,
+# and the tests run under qemu's user-mode emulator (cmake/, the arm64 preset).
+# The arm64 C library installed beside the host's provides the dynamic loader
+# at /lib/ld-linux-aarch64.so.1, so qemu needs no -L prefix.
+ARM64_P7ZIP_DIR := build/arm64/p7zip
+
+test-arm64:
+	@scripts/install-arm64-deps.sh $(ARM64_P7ZIP_DIR)
+	cmake --preset arm64 >/dev/null
+	cmake --build --preset arm64 -j $(JOBS)
+	ctest --preset arm64
 
 # Benchmarks of the per-frame paths beside their floors (bench/README.md):
 # the suite with repetitions, interleaved at random, then the instruction
