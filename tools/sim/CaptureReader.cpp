@@ -10,6 +10,7 @@
 
 #include <json/json.h>
 
+#include "tools/sim/FtraceLine.h"
 #include "tools/sim/LineReader.h"
 #include "tools/sim/Schedule.h"
 
@@ -48,69 +49,6 @@ struct Series {
     int64_t last = 0;
 };
 
-// One event line: "task-tid [ (tgid)] [cpu] [flags] seconds: event: payload".
-struct EventLine {
-    std::string task;
-    int tid = 0;
-    double seconds = 0;
-    std::string event;
-    std::string payload;
-};
-
-bool parseEventLine(const std::string& line, EventLine* out) {
-    // The CPU column: "[001]".
-    size_t cpu = std::string::npos;
-    for (size_t i = line.find('['); i != std::string::npos; i = line.find('[', i + 1)) {
-        size_t j = i + 1;
-        while (j < line.size() && isdigit(static_cast<unsigned char>(line[j]))) ++j;
-        if (j > i + 1 && j < line.size() && line[j] == ']') {
-            cpu = i;
-            break;
-        }
-    }
-    if (cpu == std::string::npos) return false;
-    std::string head = line.substr(0, cpu);
-    const size_t paren = head.find(" (");  // a TGID column
-    if (paren != std::string::npos) head.resize(paren);
-    while (!head.empty() && head.back() == ' ') head.pop_back();
-    const size_t dash = head.rfind('-');
-    if (dash == std::string::npos) return false;
-    out->tid = atoi(head.c_str() + dash + 1);
-    const size_t first = head.find_first_not_of(' ');
-    out->task = head.substr(first, dash - first);
-    size_t pos = line.find(']', cpu) + 1;
-    // Optional flags ("d..2"), then "seconds:".
-    for (int token = 0; token < 2; ++token) {
-        pos = line.find_first_not_of(' ', pos);
-        if (pos == std::string::npos) return false;
-        const size_t end = line.find(' ', pos);
-        const std::string word = line.substr(pos, end == std::string::npos ? end : end - pos);
-        if (!word.empty() && word.back() == ':') {
-            char* stop = nullptr;
-            out->seconds = strtod(word.c_str(), &stop);
-            if (stop != word.c_str() + word.size() - 1) return false;
-            pos = end;
-            break;
-        }
-        if (token == 1 || end == std::string::npos) return false;
-        pos = end;
-    }
-    if (pos == std::string::npos) return false;
-    pos = line.find_first_not_of(' ', pos);
-    const size_t colon = pos == std::string::npos ? pos : line.find(": ", pos);
-    if (colon == std::string::npos) {
-        if (pos != std::string::npos && line.back() == ':') {
-            out->event = line.substr(pos, line.size() - pos - 1);
-            out->payload.clear();
-            return true;
-        }
-        return false;
-    }
-    out->event = line.substr(pos, colon - pos);
-    out->payload = line.substr(colon + 2);
-    return true;
-}
-
 class CaptureParser {
 public:
     explicit CaptureParser(Capture* capture) : mCapture(*capture) {}
@@ -119,6 +57,7 @@ public:
 
 private:
     bool line(std::string text, std::string* error);
+    bool preamble(const std::string& text, size_t start, std::string* error);
     bool mark(const EventLine& e, SimTime t, std::string* error);
     bool finish(std::string* error);
     void findRefresh(const std::vector<SimTime>& ticks);
@@ -128,6 +67,12 @@ private:
     bool mHtml = false;
     bool mInTrace = false;
     bool mSeenContent = false;
+    // Lines before the first event line that are not ftrace text: atrace's
+    // own "capturing trace... done" and "TRACE:". They are let through once
+    // "TRACE:" or the "# tracer:" header follows them.
+    bool mPreambleOver = false;
+    int mPreambleLines = 0;
+    std::string mPreambleError;  // about the first of them, until then
     bool mHaveStart = false;
     SimTime mStart = 0;  // absolute ns of the first event
     SimTime mEnd = 0;
@@ -139,8 +84,8 @@ private:
 };
 
 bool CaptureParser::read(const std::string& path, std::string* error) {
-    mCapture.path = path;
     if (!mLines.open(path, error)) return false;
+    mCapture.path = mLines.path();
     std::string text;
     while (mLines.next(&text)) {
         if (!line(std::move(text), error)) return false;
@@ -181,11 +126,23 @@ bool CaptureParser::line(std::string text, std::string* error) {
         }
     }
     const size_t start = text.find_first_not_of(" \t");
-    if (start == std::string::npos || text[start] == '#') return true;
+    if (start == std::string::npos) return true;
+    if (text[start] == '#') {
+        if (text.compare(start, 9, "# tracer:") == 0) {
+            mPreambleError.clear();
+            mPreambleOver = true;
+        }
+        return true;
+    }
     if (text.compare(start, 4, "CPU:") == 0) return true;  // "CPU:3 [LOST 12 EVENTS]"
     EventLine e;
     if (!parseEventLine(text, &e)) {
+        if (mEvents == 0 && !mHtml) return preamble(text, start, error);
         *error = mLines.where() + "not an ftrace event line (cut short?): " + text.substr(0, 120);
+        return false;
+    }
+    if (!mPreambleError.empty()) {
+        *error = mPreambleError;
         return false;
     }
     if (e.payload.rfind("trace_event_clock_sync", 0) == 0) return true;
@@ -202,6 +159,33 @@ bool CaptureParser::line(std::string text, std::string* error) {
         return mark(e, t, error);
     }
     return true;
+}
+
+// A line before the first event line that is not one. atrace writes a few
+// ("capturing trace... done", warnings) and then "TRACE:" before the ftrace
+// text; anything else there is the error about its first line, reported when
+// an event line comes without "TRACE:" or "# tracer:" between, or at the end.
+bool CaptureParser::preamble(const std::string& text, size_t start, std::string* error) {
+    constexpr int kMaxPreambleLines = 64;
+    if (text.compare(start, std::string::npos, "TRACE:") == 0) {
+        mPreambleError.clear();
+        mPreambleOver = true;
+        return true;
+    }
+    if (!mPreambleOver) {
+        if (mPreambleError.empty()) {
+            mPreambleError = mLines.where() + "not an ftrace event line: " + text.substr(0, 120);
+        }
+        if (++mPreambleLines > kMaxPreambleLines) {
+            *error = mPreambleError + " (and no ftrace text in the next " +
+                    std::to_string(kMaxPreambleLines) + " lines)";
+            return false;
+        }
+        return true;
+    }
+    // After "TRACE:" or the header, only ftrace text.
+    *error = mLines.where() + "not an ftrace event line (cut short?): " + text.substr(0, 120);
+    return false;
 }
 
 // An atrace mark: "B|pid|name", "E[|pid]", "C|pid|name|value", "S|..", "F|..".
@@ -289,6 +273,10 @@ void CaptureParser::findRefresh(const std::vector<SimTime>& ticks) {
 
 bool CaptureParser::finish(std::string* error) {
     const std::string& path = mCapture.path;
+    if (!mPreambleError.empty()) {
+        *error = mPreambleError;
+        return false;
+    }
     if (mEvents == 0) {
         *error = path + ": no ftrace event lines (" + std::to_string(mCapture.lines) +
                 " lines read): not a systrace/atrace capture, or an empty one";

@@ -7,9 +7,9 @@
 
 namespace android::tools::sim {
 
-// What a device capture (Android systrace/atrace text, in either line
-// format, a systrace HTML report, or gzip of either) says about the display
-// and the app layers. Times are nanoseconds from the capture's first event.
+// What a device capture (Android systrace/atrace text, in any column layout
+// and with atrace's own lines before it, a systrace HTML report, or gzip of
+// either) says about the display and the app layers. Times are nanoseconds from the capture's first event.
 struct Capture {
     struct Layer {
         std::string name;
@@ -26,8 +26,9 @@ struct Capture {
     int64_t lines = 0;
 };
 
-// Streams the file once. False, with *error naming the file (and the line
-// where there is one), when it is not a capture the simulator can play.
+// Streams the file once ("-": standard input). False, with *error naming the
+// file (and the line where there is one), when it is not a capture the
+// simulator can play.
 bool readCapture(const std::string& path, Capture* capture, std::string* error);
 
 // How to play a capture: the rule file (list mode) or the API-mode target,

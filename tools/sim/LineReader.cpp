@@ -3,6 +3,8 @@
 #include <cerrno>
 #include <cstring>
 
+#include <unistd.h>
+
 namespace android::tools::sim {
 namespace {
 
@@ -15,10 +17,18 @@ LineReader::~LineReader() {
 }
 
 bool LineReader::open(const std::string& path, std::string* error) {
-    mPath = path;
-    mFile = gzopen(path.c_str(), "rb");
+    mPath = path == "-" ? "stdin" : path;
+    errno = 0;
+    if (path == "-") {
+        // A copy of the descriptor: gzclose closes the one it was given.
+        const int fd = dup(STDIN_FILENO);
+        mFile = fd < 0 ? nullptr : gzdopen(fd, "rb");
+        if (mFile == nullptr && fd >= 0) ::close(fd);
+    } else {
+        mFile = gzopen(path.c_str(), "rb");
+    }
     if (mFile == nullptr) {
-        *error = path + ": cannot open the file: " + strerror(errno != 0 ? errno : ENOENT);
+        *error = mPath + ": cannot open the file: " + strerror(errno != 0 ? errno : ENOENT);
         return false;
     }
     gzbuffer(mFile, kChunk);
@@ -92,7 +102,8 @@ bool LineReader::next(std::string* line) {
         }
     }
     ++mLine;
-    if (!line->empty() && line->back() == '\r') line->pop_back();
+    // CRLF, and CRCRLF from a capture written through a terminal twice.
+    while (!line->empty() && line->back() == '\r') line->pop_back();
     return true;
 }
 

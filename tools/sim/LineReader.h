@@ -20,7 +20,8 @@ public:
     LineReader(const LineReader&) = delete;
     LineReader& operator=(const LineReader&) = delete;
 
-    // False, with *error, when the file cannot be opened.
+    // False, with *error, when the file cannot be opened. "-" is standard
+    // input, named "stdin" in messages.
     bool open(const std::string& path, std::string* error);
     // The next line without its end of line; false at the end or on an error.
     bool next(std::string* line);
