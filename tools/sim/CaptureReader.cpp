@@ -12,6 +12,7 @@
 
 #include "tools/sim/FtraceLine.h"
 #include "tools/sim/LineReader.h"
+#include "tools/sim/PerfettoReader.h"
 #include "tools/sim/Schedule.h"
 
 namespace android::tools::sim {
@@ -58,7 +59,14 @@ public:
 private:
     bool line(std::string text, std::string* error);
     bool preamble(const std::string& text, size_t start, std::string* error);
+    bool event(const EventLine& e, SimTime t, std::string* error);
+    void time(SimTime t);
     bool mark(const EventLine& e, SimTime t, std::string* error);
+    // A mark that cannot be read: in text, a line cut short (an error); in a
+    // Perfetto trace, an app's odd mark (skipped and counted).
+    bool badMark(const std::string& what, const std::string& payload, std::string* error);
+    bool readPerfettoTrace(std::string* error);
+    bool frameTimelineLayers(int compositorPid);
     bool finish(std::string* error);
     void findRefresh(const std::vector<SimTime>& ticks);
 
@@ -81,11 +89,21 @@ private:
     std::map<std::pair<int, std::string>, std::vector<SimTime>> mSlices;  // composition slices
     std::map<int, std::vector<SimTime>> mQueueBuffers;               // by app pid
     std::map<int, std::string> mTaskNames;                           // pid -> its main thread
+    // A Perfetto trace's FrameTimeline: compositions by compositor pid, and
+    // buffers by layer.
+    bool mPerfetto = false;
+    int64_t mSkippedMarks = 0;
+    std::map<int, std::vector<SimTime>> mDisplayFrames;
+    std::map<std::string, std::pair<int, std::vector<SimTime>>> mSurfaceFrames;
 };
 
 bool CaptureParser::read(const std::string& path, std::string* error) {
     if (!mLines.open(path, error)) return false;
     mCapture.path = mLines.path();
+    const std::string& head = mLines.peek();
+    if (looksLikePerfetto(reinterpret_cast<const uint8_t*>(head.data()), head.size())) {
+        return readPerfettoTrace(error) && finish(error);
+    }
     std::string text;
     while (mLines.next(&text)) {
         if (!line(std::move(text), error)) return false;
@@ -146,19 +164,26 @@ bool CaptureParser::line(std::string text, std::string* error) {
         return false;
     }
     if (e.payload.rfind("trace_event_clock_sync", 0) == 0) return true;
-    const SimTime t = std::llround(e.seconds * 1e9);
-    if (!mHaveStart) {
-        mHaveStart = true;
-        mStart = t;
-    }
-    mStart = std::min(mStart, t);
-    mEnd = std::max(mEnd, t);
+    return event(e, std::llround(e.seconds * 1e9), error);
+}
+
+bool CaptureParser::event(const EventLine& e, SimTime t, std::string* error) {
+    time(t);
     ++mEvents;
     if (e.event == "sched_switch" || e.event == "sched_wakeup") return true;
     if (e.event == "tracing_mark_write" || e.event == "0" || e.event == "print") {
         return mark(e, t, error);
     }
     return true;
+}
+
+void CaptureParser::time(SimTime t) {
+    if (!mHaveStart) {
+        mHaveStart = true;
+        mStart = t;
+    }
+    mStart = std::min(mStart, t);
+    mEnd = std::max(mEnd, t);
 }
 
 // A line before the first event line that is not one. atrace writes a few
@@ -194,8 +219,7 @@ bool CaptureParser::mark(const EventLine& e, SimTime t, std::string* error) {
     if (p.size() < 2 || p[1] != '|' || (p[0] != 'B' && p[0] != 'C')) return true;
     const size_t bar = p.find('|', 2);
     if (bar == std::string::npos) {
-        *error = mLines.where() + "an atrace mark without a name (cut short?): " + p.substr(0, 120);
-        return false;
+        return badMark("an atrace mark without a name", p, error);
     }
     const int pid = atoi(p.c_str() + 2);
     if (e.tid == pid && !mTaskNames.count(pid)) mTaskNames[pid] = e.task;
@@ -215,8 +239,7 @@ bool CaptureParser::mark(const EventLine& e, SimTime t, std::string* error) {
     char* stop = nullptr;
     const long long value = valueBar > bar ? strtoll(p.c_str() + valueBar + 1, &stop, 10) : 0;
     if (valueBar <= bar || stop == p.c_str() + valueBar + 1) {
-        *error = mLines.where() + "a counter without a value (cut short?): " + p.substr(0, 120);
-        return false;
+        return badMark("a counter without a value", p, error);
     }
     const std::string name = p.substr(bar + 1, valueBar - bar - 1);
     Series& series = mCounters[{pid, name}];
@@ -228,6 +251,59 @@ bool CaptureParser::mark(const EventLine& e, SimTime t, std::string* error) {
         series.times.push_back(t);
     }
     series.last = value;
+    return true;
+}
+
+bool CaptureParser::badMark(const std::string& what, const std::string& payload,
+                            std::string* error) {
+    if (mPerfetto) {
+        ++mSkippedMarks;
+        return true;
+    }
+    *error = mLines.where() + what + " (cut short?): " + payload.substr(0, 120);
+    return false;
+}
+
+// A Perfetto trace: its atrace marks go through the same path as text lines,
+// its FrameTimeline is kept for when the marks hold no vsync signal.
+bool CaptureParser::readPerfettoTrace(std::string* error) {
+    mPerfetto = true;
+    PerfettoTrace trace;
+    const ReadBytes read = [this](uint8_t* out, size_t size, std::string* readError) {
+        return mLines.readBytes(out, size, readError);
+    };
+    if (!readPerfetto(read, mCapture.path, &trace, error)) return false;
+    mCapture.lines = trace.packets;
+    mCapture.unit = "packets";
+    EventLine e;
+    e.event = "print";
+    for (PerfettoTrace::Mark& m : trace.marks) {
+        const auto name = trace.threadNames.find(m.tid);
+        e.task = name == trace.threadNames.end() ? "" : name->second;
+        e.tid = m.tid;
+        e.payload = std::move(m.text);
+        if (!event(e, m.time, error)) return false;
+    }
+    for (const PerfettoTrace::DisplayFrame& d : trace.displayFrames) {
+        time(d.time);
+        ++mEvents;
+        mDisplayFrames[d.pid].push_back(d.time);
+    }
+    for (PerfettoTrace::SurfaceFrame& f : trace.surfaceFrames) {
+        time(f.time);
+        ++mEvents;
+        static const std::string kTx = "TX - ";
+        const std::string layer = f.layer.rfind(kTx, 0) == 0 ? f.layer.substr(kTx.size()) : f.layer;
+        auto& [pid, times] = mSurfaceFrames[layer];
+        pid = f.pid;
+        times.push_back(f.time);
+    }
+    // A process's own name (its command line) says more than its main thread's.
+    for (const auto& [pid, name] : trace.processNames) mTaskNames[pid] = name;
+    if (trace.unreadTimes > 0) {
+        mCapture.notes.push_back(std::to_string(trace.unreadTimes) +
+                                 " events on a clock the trace gives no conversion for, left out");
+    }
     return true;
 }
 
@@ -277,10 +353,19 @@ bool CaptureParser::finish(std::string* error) {
         *error = mPreambleError;
         return false;
     }
+    if (mEvents == 0 && mPerfetto) {
+        *error = path + ": no atrace marks and no FrameTimeline events (" +
+                std::to_string(mCapture.lines) + " packets read): record with the gfx category";
+        return false;
+    }
     if (mEvents == 0) {
         *error = path + ": no ftrace event lines (" + std::to_string(mCapture.lines) +
                 " lines read): not a systrace/atrace capture, or an empty one";
         return false;
+    }
+    if (mSkippedMarks > 0) {
+        mCapture.notes.push_back(std::to_string(mSkippedMarks) +
+                                 " atrace marks without a name or a value, left out");
     }
     mCapture.duration = mEnd - mStart + 1;
     // The refresh period: the compositor's vsync counters by preference, then
@@ -312,10 +397,33 @@ bool CaptureParser::finish(std::string* error) {
         }
     }
     if (mCapture.compositorPid < 0) {
+        // FrameTimeline's display frames: one per composition, so their
+        // spacing is a multiple of the period and the shortest steady one is
+        // the period. The panel's own rate changes are not in them.
+        int pid = -1;
+        for (const auto& [p, times] : mDisplayFrames) {
+            if (times.size() >= kRateRun + 1 && (pid < 0 || times.size() > mDisplayFrames[pid].size())) {
+                pid = p;
+            }
+        }
+        if (pid >= 0) {
+            std::vector<SimTime>& times = mDisplayFrames[pid];
+            std::sort(times.begin(), times.end());
+            mCapture.compositorPid = pid;
+            mCapture.vsyncSource = "the shortest steady spacing of the FrameTimeline display "
+                                   "frames of pid " + std::to_string(pid);
+            findRefresh(times);
+            double hz = 0;
+            for (const RefreshChange& r : mCapture.refresh) hz = std::max(hz, r.refreshHz);
+            mCapture.refresh.assign(1, {0, hz});
+        }
+    }
+    if (mCapture.compositorPid < 0) {
         *error = path + ": no vsync signal: no compositor counter HW_VSYNC_0, VSYNC-sf, VSYNC "
                         "or VSYNC-app and no composition slices (onMessageRefresh, "
-                        "handleMessageRefresh, composite, onMessageReceived, handlePageFlip); "
-                        "capture with the gfx category";
+                        "handleMessageRefresh, composite, onMessageReceived, handlePageFlip)" +
+                (mPerfetto ? std::string(" and no FrameTimeline display frames") : "") +
+                "; capture with the gfx category";
         return false;
     }
     const int sf = mCapture.compositorPid;
@@ -325,6 +433,20 @@ bool CaptureParser::finish(std::string* error) {
         if (key.first != sf || !isLayerCounter(key.second) || series.times.empty()) continue;
         std::sort(series.times.begin(), series.times.end());
         counterLayers[layerOfCounter(key.second)] = series.times;
+    }
+    // Without such counters, FrameTimeline's surface frames that carried a
+    // buffer are each layer's buffers (an app's queueBuffer slices would
+    // count the same buffers again).
+    if (counterLayers.empty() && !mSurfaceFrames.empty()) {
+        mQueueBuffers.clear();
+        for (auto& [name, frames] : mSurfaceFrames) {
+            auto& [pid, times] = frames;
+            std::sort(times.begin(), times.end());
+            Capture::Layer layer{name, {}, "its FrameTimeline surface frames with a buffer (pid " +
+                                                   std::to_string(pid) + ")"};
+            for (SimTime t : times) layer.buffers.push_back(t - mStart);
+            mCapture.layers.push_back(std::move(layer));
+        }
     }
     // Each app process's queueBuffer slices go to the layer whose counter
     // rises right after most of them.
@@ -393,8 +515,9 @@ bool captureScenario(const Capture& capture, const CapturePlay& play, Scenario* 
     s.display.refreshHz = capture.refresh.front().refreshHz;
     s.display.refreshChanges.assign(capture.refresh.begin() + 1, capture.refresh.end());
     char text[256];
-    snprintf(text, sizeof(text), "capture: %lld lines, %s; refresh from %s (median spacing %.3f ms)",
-             static_cast<long long>(capture.lines), formatMs(capture.duration).c_str(),
+    snprintf(text, sizeof(text), "capture: %lld %s, %s; refresh from %s (median spacing %.3f ms)",
+             static_cast<long long>(capture.lines), capture.unit.c_str(),
+             formatMs(capture.duration).c_str(),
              capture.vsyncSource.c_str(), capture.medianPeriodMs);
     s.description = text;
     std::vector<std::string>& a = s.assumptions;
@@ -402,6 +525,7 @@ bool captureScenario(const Capture& capture, const CapturePlay& play, Scenario* 
         snprintf(text, sizeof(text), "read: %g Hz from %s", r.refreshHz, formatMs(r.at).c_str());
         a.push_back(text);
     }
+    for (const std::string& note : capture.notes) a.push_back("read: " + note);
     const SimTime period = vsyncPeriodOf(s.display.refreshHz);
     for (const Capture::Layer& c : capture.layers) {
         LayerSpec layer;

@@ -8,8 +8,8 @@
 namespace android::tools::sim {
 
 // What a device capture (Android systrace/atrace text, in any column layout
-// and with atrace's own lines before it, a systrace HTML report, or gzip of
-// either) says about the display and the app layers. Times are nanoseconds from the capture's first event.
+// and with atrace's own lines before it, a systrace HTML report, a Perfetto
+// protobuf trace, or gzip of any of them) says about the display and the app layers. Times are nanoseconds from the capture's first event.
 struct Capture {
     struct Layer {
         std::string name;
@@ -24,6 +24,8 @@ struct Capture {
     std::vector<Layer> layers;
     SimTime duration = 0;
     int64_t lines = 0;
+    std::string unit = "lines";  // what `lines` counts: "packets" in a Perfetto trace
+    std::vector<std::string> notes;  // what the reader left out, for the run's assumptions
 };
 
 // Streams the file once ("-": standard input). False, with *error naming the
