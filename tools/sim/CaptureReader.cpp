@@ -13,6 +13,7 @@
 #include "tools/sim/FtraceLine.h"
 #include "tools/sim/LineReader.h"
 #include "tools/sim/PerfettoReader.h"
+#include "tools/sim/ScenarioReader.h"
 #include "tools/sim/Schedule.h"
 
 namespace android::tools::sim {
@@ -526,6 +527,17 @@ bool captureScenario(const Capture& capture, const CapturePlay& play, Scenario* 
         a.push_back(text);
     }
     for (const std::string& note : capture.notes) a.push_back("read: " + note);
+    // A capture is held to the bounds of a scenario file: a vsync signal
+    // whose ticks share a timestamp, or a span of years, would make a run
+    // that never ends.
+    for (const RefreshChange& r : capture.refresh) {
+        if (r.refreshHz >= kMinRefreshHz && r.refreshHz <= kMaxRefreshHz) continue;
+        snprintf(text, sizeof(text), "a refresh rate of %g Hz (median spacing %.3f ms)",
+                 r.refreshHz, capture.medianPeriodMs);
+        *error = capture.path + ": " + text + " from " + capture.vsyncSource +
+                ": not a panel's rate (1 to 1000 Hz)";
+        return false;
+    }
     const SimTime period = vsyncPeriodOf(s.display.refreshHz);
     for (const Capture::Layer& c : capture.layers) {
         LayerSpec layer;
@@ -541,6 +553,14 @@ bool captureScenario(const Capture& capture, const CapturePlay& play, Scenario* 
         a.push_back("read: layer " + c.name + ": " + std::to_string(c.buffers.size()) +
                     " buffers from " + c.source);
         s.layers.push_back(std::move(layer));
+    }
+    if (const double steps = runSteps(s); steps > kMaxRunSteps) {
+        snprintf(text, sizeof(text),
+                 "the capture spans %.3f s: the run would play %.3g compositions and buffers, "
+                 "more than the 5e7 a run may play",
+                 static_cast<double>(s.duration) / 1e9, steps);
+        *error = capture.path + ": " + text;
+        return false;
     }
     a.push_back(std::string("assumed: display ") + std::to_string(play.width) + "x" +
                 std::to_string(play.height) + (play.displayGiven ? " (--display)" : " (--display to change)") +
