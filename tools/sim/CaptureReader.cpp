@@ -53,7 +53,7 @@ struct Series {
 
 class CaptureParser {
 public:
-    explicit CaptureParser(Capture* capture) : mCapture(*capture) {}
+    CaptureParser(Capture* capture, int64_t maxKept) : mCapture(*capture), mMaxKept(maxKept) {}
 
     bool read(const std::string& path, std::string* error);
 
@@ -67,11 +67,15 @@ private:
     // Perfetto trace, an app's odd mark (skipped and counted).
     bool badMark(const std::string& what, const std::string& payload, std::string* error);
     bool readPerfettoTrace(std::string* error);
+    bool keep(size_t bytes, std::string* error);
+    std::string where() const;
     bool frameTimelineLayers(int compositorPid);
     bool finish(std::string* error);
     void findRefresh(const std::vector<SimTime>& ticks);
 
     Capture& mCapture;
+    const int64_t mMaxKept;
+    int64_t mKept = 0;
     LineReader mLines;
     bool mHtml = false;
     bool mInTrace = false;
@@ -102,6 +106,17 @@ bool CaptureParser::read(const std::string& path, std::string* error) {
     if (!mLines.open(path, error)) return false;
     mCapture.path = mLines.path();
     const std::string& head = mLines.peek();
+    // `atrace -z` writes zlib (0x78 ...) after "TRACE:"; say so rather than
+    // "a NUL byte".
+    for (const char* marker : {"TRACE:\n", "TRACE:\r\n"}) {
+        const size_t at = head.find(marker);
+        const size_t data = at + strlen(marker);
+        if (at != std::string::npos && data < head.size() && head[data] == '\x78') {
+            *error = mCapture.path + ": compressed by atrace -z (zlib after \"TRACE:\"): "
+                                     "capture without -z";
+            return false;
+        }
+    }
     if (looksLikePerfetto(reinterpret_cast<const uint8_t*>(head.data()), head.size())) {
         return readPerfettoTrace(error) && finish(error);
     }
@@ -223,16 +238,22 @@ bool CaptureParser::mark(const EventLine& e, SimTime t, std::string* error) {
         return badMark("an atrace mark without a name", p, error);
     }
     const int pid = atoi(p.c_str() + 2);
-    if (e.tid == pid && !mTaskNames.count(pid)) mTaskNames[pid] = e.task;
+    if (e.tid == pid && !mTaskNames.count(pid)) {
+        if (!keep(e.task.size() + 64, error)) return false;
+        mTaskNames[pid] = e.task;
+    }
     if (p[0] == 'B') {
         std::string name = p.substr(bar + 1);
         const size_t argsBar = name.find('|');
         if (argsBar != std::string::npos) name.resize(argsBar);
         if (name == "queueBuffer" || name.rfind("queueBuffer ", 0) == 0) {
+            if (!keep(sizeof(SimTime), error)) return false;
             mQueueBuffers[pid].push_back(t);
         }
         for (const char* slice : kCompositionSlices) {
-            if (name == slice) mSlices[{pid, name}].push_back(t);
+            if (name != slice) continue;
+            if (!keep(sizeof(SimTime), error)) return false;
+            mSlices[{pid, name}].push_back(t);
         }
         return true;
     }
@@ -243,16 +264,34 @@ bool CaptureParser::mark(const EventLine& e, SimTime t, std::string* error) {
         return badMark("a counter without a value", p, error);
     }
     const std::string name = p.substr(bar + 1, valueBar - bar - 1);
-    Series& series = mCounters[{pid, name}];
+    const auto key = std::make_pair(pid, name);
+    if (!mCounters.count(key) && !keep(name.size() + 96, error)) return false;
+    Series& series = mCounters[key];
     const bool vsync = std::find_if(std::begin(kVsyncCounters), std::end(kVsyncCounters),
                                     [&](const char* v) { return name == v; }) !=
             std::end(kVsyncCounters);
     // A vsync counter toggles once per vsync; a layer's counter rises once per buffer.
     if (vsync ? value != series.last || series.times.empty() : value > series.last) {
+        if (!keep(sizeof(SimTime), error)) return false;
         series.times.push_back(t);
     }
     series.last = value;
     return true;
+}
+
+// Counts what the reader keeps (times, names); past the limit the capture
+// is too large to play, whatever its size on disk.
+bool CaptureParser::keep(size_t bytes, std::string* error) {
+    mKept += static_cast<int64_t>(bytes);
+    if (mKept <= mMaxKept) return true;
+    const std::string limit = mMaxKept >= (1 << 20) ? std::to_string(mMaxKept >> 20) + " MiB"
+                                                    : std::to_string(mMaxKept) + " bytes";
+    *error = where() + "more than " + limit + " of vsync ticks, slices, buffers and names to keep: too large a capture to play";
+    return false;
+}
+
+std::string CaptureParser::where() const {
+    return mPerfetto ? mCapture.path + ": " : mLines.where();
 }
 
 bool CaptureParser::badMark(const std::string& what, const std::string& payload,
@@ -261,7 +300,7 @@ bool CaptureParser::badMark(const std::string& what, const std::string& payload,
         ++mSkippedMarks;
         return true;
     }
-    *error = mLines.where() + what + " (cut short?): " + payload.substr(0, 120);
+    *error = where() + what + " (cut short?): " + payload.substr(0, 120);
     return false;
 }
 
@@ -286,6 +325,7 @@ bool CaptureParser::readPerfettoTrace(std::string* error) {
         if (!event(e, m.time, error)) return false;
     }
     for (const PerfettoTrace::DisplayFrame& d : trace.displayFrames) {
+        if (!keep(sizeof(SimTime), error)) return false;
         time(d.time);
         ++mEvents;
         mDisplayFrames[d.pid].push_back(d.time);
@@ -295,6 +335,9 @@ bool CaptureParser::readPerfettoTrace(std::string* error) {
         ++mEvents;
         static const std::string kTx = "TX - ";
         const std::string layer = f.layer.rfind(kTx, 0) == 0 ? f.layer.substr(kTx.size()) : f.layer;
+        if (!keep(sizeof(SimTime) + (mSurfaceFrames.count(layer) ? 0 : layer.size() + 96), error)) {
+            return false;
+        }
         auto& [pid, times] = mSurfaceFrames[layer];
         pid = f.pid;
         times.push_back(f.time);
@@ -501,8 +544,8 @@ std::string formatMs(SimTime t) {
 
 } // namespace
 
-bool readCapture(const std::string& path, Capture* capture, std::string* error) {
-    return CaptureParser(capture).read(path, error);
+bool readCapture(const std::string& path, Capture* capture, std::string* error, int64_t maxKept) {
+    return CaptureParser(capture, maxKept).read(path, error);
 }
 
 bool captureScenario(const Capture& capture, const CapturePlay& play, Scenario* scenario,

@@ -31,7 +31,10 @@ struct Capture {
 // Streams the file once ("-": standard input). False, with *error naming the
 // file (and the line where there is one), when it is not a capture the
 // simulator can play.
-bool readCapture(const std::string& path, Capture* capture, std::string* error);
+// What it keeps (vsync ticks, slices, buffer times, names) is bounded by
+// maxKept bytes, so a huge capture is refused rather than filling memory.
+bool readCapture(const std::string& path, Capture* capture, std::string* error,
+                 int64_t maxKept = int64_t{256} << 20);
 
 // How to play a capture: the rule file (list mode) or the API-mode target,
 // and the display size a capture does not record.

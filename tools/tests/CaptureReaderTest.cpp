@@ -329,5 +329,26 @@ TEST(PerfettoReader, PlaysThroughTheCaptureReaderLikeText) {
     EXPECT_EQ(capture.layers[0].buffers[0], 2 * 8'333'333 + 1'000'000);
 }
 
+TEST(CaptureReader, WhatItKeepsIsBounded) {
+    const std::string path = testing::TempDir() + "capture_reader_test_kept.txt";
+    FILE* file = fopen(path.c_str(), "w");
+    ASSERT_NE(file, nullptr);
+    for (int i = 0; i < 100; ++i) {
+        fprintf(file, "  surfaceflinger-600 (  600) [002] ...1  100.%06d: tracing_mark_write: C|600|VSYNC-sf|%d\n",
+                i * 8333, i % 2);
+    }
+    fclose(file);
+    Capture capture;
+    std::string error;
+    // Under the limit it is read whole (and has no layer to play).
+    EXPECT_FALSE(readCapture(path, &capture, &error, 1000));
+    EXPECT_NE(error.find("no layer with buffers"), std::string::npos) << error;
+    // The name (78 bytes), the counter (104), then 8 a tick: the 40th passes 500.
+    Capture small;
+    EXPECT_FALSE(readCapture(path, &small, &error, 500));
+    EXPECT_NE(error.find("line 40: more than 500 bytes of vsync ticks"), std::string::npos) << error;
+    std::remove(path.c_str());
+}
+
 } // namespace
 } // namespace android::tools::sim
