@@ -5,7 +5,8 @@ Each seed is a setup byte (see PeltoPerfettoFuzzer.cpp: the read size and
 whether the source fails at the end) and then a small trace, encoded here
 field by field: ftrace print marks on two CPUs out of order, process and
 thread names, FrameTimeline frames, a clock snapshot with a MONOTONIC packet,
-an ftrace bundle on the global clock, and compressed packets. libFuzzer
+an ftrace bundle on the global clock, compressed packets, and TrackEvent
+slices and counters on an incremental clock with interned names. libFuzzer
 grows the corpus from these.
 """
 import os
@@ -65,7 +66,24 @@ frames = [
     frame(5_009_333_333, 2, vfield(1, 3) + vfield(3, SF)),
 ]
 snapshot = lfield(6, lfield(1, vfield(1, 3) + vfield(2, 100)) + lfield(1, vfield(1, 6) + vfield(2, 1100)))
+# The Perfetto SDK's way: sequence 9, state cleared, clock 64 incremental.
+SEQ = vfield(10, 9)
+track_events = [
+    SEQ + vfield(13, 1) + lfield(59, vfield(58, 64))
+    + lfield(6, lfield(1, vfield(1, 6) + vfield(2, 1_000_000))
+             + lfield(1, vfield(1, 64) + vfield(2, 500_000) + vfield(3, 1) + vfield(4, 2)))
+    + lfield(12, lfield(2, vfield(1, 1) + lfield(2, "queueBuffer"))),
+    lfield(60, vfield(1, 100) + lfield(3, vfield(1, SF) + lfield(6, "surfaceflinger"))),
+    lfield(60, vfield(1, 101) + vfield(5, 100) + lfield(4, vfield(1, SF) + vfield(2, 610))),
+    lfield(60, vfield(1, 102) + vfield(5, 100) + lfield(13, "VSYNC-sf") + lfield(8, b"")),
+] + [SEQ + vfield(8, 4_166_666) + lfield(11, vfield(9, 4) + vfield(11, 102) + vfield(30, i % 2))
+     for i in range(8)] + [
+    SEQ + vfield(8, 100) + vfield(13, 2) + lfield(11, vfield(9, 1) + vfield(10, 1) + vfield(11, 101)),
+    SEQ + vfield(8, 100) + lfield(11, vfield(9, 4) + vfield(11, 102)
+                                  + varint(44 << 3 | 1) + bytes(8)),
+]
 seeds = {
+    "track_events.pftrace": (3, trace(track_events)),
     "marks_two_cpus.pftrace": (0x3f, trace([names, bundle(1, marks[16:]), bundle(0, marks[:16])])),
     "frametimeline.pftrace": (7, trace(frames)),
     "clocks.pftrace": (1, trace([snapshot, frame(600, 2, vfield(3, SF), clock=3),

@@ -344,9 +344,10 @@ bool CaptureParser::readPerfettoTrace(std::string* error) {
     }
     // A process's own name (its command line) says more than its main thread's.
     for (const auto& [pid, name] : trace.processNames) mTaskNames[pid] = name;
-    if (trace.unreadTimes > 0) {
-        mCapture.notes.push_back(std::to_string(trace.unreadTimes) +
-                                 " events on a clock the trace gives no conversion for, left out");
+    if (trace.unreadEvents > 0) {
+        mCapture.notes.push_back(std::to_string(trace.unreadEvents) +
+                                 " events left out (a clock without a conversion, a track or an "
+                                 "interned name the trace does not describe)");
     }
     return true;
 }

@@ -3,6 +3,8 @@
 #include <zlib.h>
 
 #include <algorithm>
+#include <cmath>
+#include <cstring>
 #include <utility>
 
 #include "tools/sim/ProtoWire.h"
@@ -19,12 +21,19 @@ constexpr uint32_t kProcessTree = 2;
 constexpr uint32_t kClockSnapshot = 6;
 constexpr uint32_t kTimestamp = 8;
 constexpr uint32_t kSequenceId = 10;
+constexpr uint32_t kTrackEvent = 11;
+constexpr uint32_t kInternedData = 12;
 constexpr uint32_t kSequenceFlags = 13;
 constexpr uint32_t kIncrementalStateCleared = 41;
+constexpr uint32_t kPreviousPacketDropped = 42;
 constexpr uint32_t kCompressedPackets = 50;
 constexpr uint32_t kTimestampClockId = 58;
 constexpr uint32_t kPacketDefaults = 59;
+constexpr uint32_t kTrackDescriptor = 60;
 constexpr uint32_t kFrameTimeline = 76;
+// TrackEvent types read here.
+constexpr uint64_t kSliceBegin = 1;
+constexpr uint64_t kCounter = 4;
 
 // Built-in clocks; 64 and up are a sequence's own, not read here.
 constexpr uint64_t kMonotonicRaw = 5;
@@ -64,8 +73,13 @@ private:
     bool ftraceBundle(const Field& bundle);
     bool ftraceEvent(const Field& event, int64_t offset, uint64_t clock);
     bool processTree(const Field& tree);
-    bool clockSnapshot(const Field& snapshot);
+    struct Sequence;
+    bool clockSnapshot(const Field& snapshot, Sequence& sequence);
+    bool sequenceTime(Sequence& sequence, RawTime* time) const;
     bool frameTimeline(const Field& event, RawTime time);
+    bool trackDescriptor(const Field& descriptor);
+    bool trackEvent(const Field& event, const Sequence& sequence, RawTime time);
+    void trackEventMarks();
     bool compressed(const Field& packets);
     bool toBoot(RawTime time, int64_t* boot) const;
 
@@ -85,6 +99,37 @@ private:
         int32_t pid;
         std::string layer;
     };
+    // A clock of one sequence (the Perfetto SDK's 64, incremental, and 65).
+    struct SequenceClock {
+        uint64_t snapshot;  // its value at the snapshot
+        uint64_t boot;      // BOOTTIME then
+        uint64_t unit;      // ns per tick
+        bool incremental;   // packets give deltas
+        uint64_t last;      // the running value of an incremental clock
+    };
+    // What one writer's packets share; cleared when its state is.
+    struct Sequence {
+        bool valid = false;
+        bool hasClock = false;
+        uint64_t clock = kBootTime;                   // TracePacketDefaults
+        uint64_t track = 0;                           // TrackEventDefaults
+        std::map<uint64_t, std::string> names;        // interned event names
+        std::map<uint64_t, SequenceClock> clocks;
+    };
+    struct Track {
+        int32_t pid = -1;
+        int32_t tid = -1;
+        uint64_t parent = 0;
+        std::string name;
+    };
+    // A TrackEvent slice begin or counter, placed on its track at the end.
+    struct RawTrackEvent {
+        RawTime time;
+        bool counter;
+        uint64_t track;
+        std::string name;
+        int64_t value;
+    };
 
     const std::string& mName;
     PerfettoTrace& mTrace;
@@ -95,7 +140,9 @@ private:
     std::vector<RawDisplayFrame> mDisplayFrames;
     std::vector<RawSurfaceFrame> mSurfaceFrames;
     std::map<int64_t, size_t> mOpenSurfaceFrames;  // cookie -> index
-    std::map<uint64_t, uint64_t> mDefaultClock;    // by sequence
+    std::map<uint64_t, Sequence> mSequences;
+    std::map<uint64_t, Track> mTracks;             // by uuid, for the whole trace
+    std::vector<RawTrackEvent> mTrackEvents;
     // Per clock, (its time, BOOTTIME) at each snapshot, in order of its time.
     std::map<uint64_t, std::vector<std::pair<uint64_t, uint64_t>>> mSnapshots;
     size_t mSnapshotCount = 0;
@@ -135,8 +182,10 @@ bool TraceDecoder::packet(const uint8_t* data, size_t size, int64_t offset, bool
     bool hasTime = false;
     bool hasClock = false;
     bool cleared = false;
+    bool needsState = false;
+    uint64_t dropped = 0;
     uint64_t sequence = 0;
-    Field ftrace, tree, snapshot, packed, defaults, frame;
+    Field ftrace, tree, snapshot, packed, defaults, frame, event, interned, descriptor;
     while (reader.next(&f)) {
         switch (f.number) {
             case kTimestamp:
@@ -152,6 +201,10 @@ bool TraceDecoder::packet(const uint8_t* data, size_t size, int64_t offset, bool
                 break;
             case kSequenceFlags:
                 if (isVarint(f) && (f.value & 1) != 0) cleared = true;
+                if (isVarint(f) && (f.value & 2) != 0) needsState = true;
+                break;
+            case kPreviousPacketDropped:
+                if (isVarint(f)) dropped = f.value;
                 break;
             case kIncrementalStateCleared:
                 if (isVarint(f) && f.value != 0) cleared = true;
@@ -162,6 +215,9 @@ bool TraceDecoder::packet(const uint8_t* data, size_t size, int64_t offset, bool
             case kCompressedPackets: if (isBytes(f)) packed = f; break;
             case kPacketDefaults: if (isBytes(f)) defaults = f; break;
             case kFrameTimeline: if (isBytes(f)) frame = f; break;
+            case kTrackEvent: if (isBytes(f)) event = f; break;
+            case kInternedData: if (isBytes(f)) interned = f; break;
+            case kTrackDescriptor: if (isBytes(f)) descriptor = f; break;
             default: break;
         }
     }
@@ -169,25 +225,69 @@ bool TraceDecoder::packet(const uint8_t* data, size_t size, int64_t offset, bool
         return fail(std::string("TracePacket: ") + reader.error() + " (byte " +
                     std::to_string(reader.offset()) + " of it)");
     }
-    if (cleared) mDefaultClock.erase(sequence);
+    // The sequence's state: cleared, lost with dropped packets, then this
+    // packet's defaults and interned names (which the packet itself uses).
+    if (mSequences.count(sequence) == 0 && !keep(64)) return false;
+    Sequence& seq = mSequences[sequence];
+    if (cleared) {
+        seq = Sequence{};
+        seq.valid = true;
+    } else if (dropped != 0) {
+        seq.valid = false;
+    }
     if (defaults.data != nullptr &&
         !fields(defaults, "trace_packet_defaults", [&](const Field& d) {
-            if (d.number == kTimestampClockId && isVarint(d)) mDefaultClock[sequence] = d.value;
+            if (d.number == kTimestampClockId && isVarint(d)) {
+                seq.hasClock = true;
+                seq.clock = d.value;
+            }
+            if (d.number != 11 || !isBytes(d)) return true;
+            return fields(d, "track_event_defaults", [&](const Field& t) {
+                if (t.number == 11 && isVarint(t)) seq.track = t.value;
+                return true;
+            });
+        })) {
+        return false;
+    }
+    if (interned.data != nullptr &&
+        !fields(interned, "interned_data", [&](const Field& i) {
+            if (i.number != 2 || !isBytes(i)) return true;
+            uint64_t iid = 0;
+            std::string name;
+            if (!fields(i, "event name", [&](const Field& n) {
+                    if (n.number == 1 && isVarint(n)) iid = n.value;
+                    if (n.number == 2 && isBytes(n)) name = n.asString();
+                    return true;
+                })) {
+                return false;
+            }
+            if (!keep(name.size())) return false;
+            seq.names[iid] = std::move(name);
             return true;
         })) {
         return false;
     }
-    if (!hasClock) {
-        const auto it = mDefaultClock.find(sequence);
-        time.clock = it == mDefaultClock.end() ? kBootTime : it->second;
-    }
-    if (snapshot.data != nullptr && !clockSnapshot(snapshot)) return false;
+    if (!hasClock) time.clock = seq.hasClock ? seq.clock : kBootTime;
+    if (snapshot.data != nullptr && !clockSnapshot(snapshot, seq)) return false;
+    // A sequence's own clock is made BOOTTIME now, in the sequence's order,
+    // as an incremental one adds up.
+    const bool timed = hasTime && (time.clock < kFirstSequenceClock || sequenceTime(seq, &time));
     if (ftrace.data != nullptr && !ftraceBundle(ftrace)) return false;
     if (tree.data != nullptr && !processTree(tree)) return false;
+    if (descriptor.data != nullptr && !trackDescriptor(descriptor)) return false;
     if (frame.data != nullptr) {
-        if (!hasTime || time.clock >= kFirstSequenceClock) {
-            ++mTrace.unreadTimes;
+        if (!timed) {
+            ++mTrace.unreadEvents;
         } else if (!frameTimeline(frame, time)) {
+            return false;
+        }
+    }
+    if (event.data != nullptr) {
+        // Interned names and incremental times mean nothing after a loss
+        // until the state is cleared again.
+        if (!timed || (needsState && !seq.valid)) {
+            ++mTrace.unreadEvents;
+        } else if (!trackEvent(event, seq, time)) {
             return false;
         }
     }
@@ -271,12 +371,12 @@ bool TraceDecoder::ftraceEvent(const Field& event, int64_t offset, uint64_t cloc
     // Only slice begins and counters matter to the player.
     if (text.size() < 2 || text[1] != '|' || (text[0] != 'B' && text[0] != 'C')) return true;
     if (timestamp >= kMaxTime) {
-        ++mTrace.unreadTimes;
+        ++mTrace.unreadEvents;
         return true;
     }
     const int64_t t = static_cast<int64_t>(timestamp) + offset;
     if (t < 0 || static_cast<uint64_t>(t) >= kMaxTime) {
-        ++mTrace.unreadTimes;
+        ++mTrace.unreadEvents;
         return true;
     }
     if (!keep(text.size())) return false;
@@ -309,22 +409,28 @@ bool TraceDecoder::processTree(const Field& tree) {
     });
 }
 
-bool TraceDecoder::clockSnapshot(const Field& snapshot) {
-    std::vector<std::pair<uint64_t, uint64_t>> clocks;  // (id, time)
+bool TraceDecoder::clockSnapshot(const Field& snapshot, Sequence& sequence) {
+    std::vector<std::pair<uint64_t, uint64_t>> clocks;  // (id, time) of built-in clocks
+    std::vector<std::pair<uint64_t, SequenceClock>> own;
     if (!fields(snapshot, "clock_snapshot", [&](const Field& f) {
             if (f.number != 1 || !isBytes(f)) return true;
             uint64_t id = 0;
             uint64_t t = 0;
+            uint64_t unit = 1;
             bool incremental = false;
             if (!fields(f, "clock", [&](const Field& c) {
                     if (c.number == 1 && isVarint(c)) id = c.value;
                     if (c.number == 2 && isVarint(c)) t = c.value;
                     if (c.number == 3 && isVarint(c)) incremental = c.value != 0;
+                    if (c.number == 4 && isVarint(c) && c.value != 0) unit = c.value;
                     return true;
                 })) {
                 return false;
             }
-            if (id != 0 && id < kFirstSequenceClock && !incremental && t < kMaxTime) {
+            if (t >= kMaxTime || id == 0) return true;
+            if (id >= kFirstSequenceClock) {
+                own.emplace_back(id, SequenceClock{t, 0, unit, incremental, t});
+            } else if (!incremental) {
                 clocks.emplace_back(id, t);
             }
             return true;
@@ -333,7 +439,13 @@ bool TraceDecoder::clockSnapshot(const Field& snapshot) {
     }
     const auto boot = std::find_if(clocks.begin(), clocks.end(),
                                    [](const auto& c) { return c.first == kBootTime; });
-    if (boot == clocks.end() || mSnapshotCount >= kMaxSnapshots) return true;
+    if (boot == clocks.end()) return true;
+    for (auto& [id, clock] : own) {
+        if (sequence.clocks.count(id) == 0 && !keep(64)) return false;
+        clock.boot = boot->second;
+        sequence.clocks[id] = clock;
+    }
+    if (mSnapshotCount >= kMaxSnapshots) return true;
     ++mSnapshotCount;
     for (const auto& [id, t] : clocks) {
         if (id != kBootTime) mSnapshots[id].emplace_back(t, boot->second);
@@ -377,6 +489,149 @@ bool TraceDecoder::frameTimeline(const Field& event, RawTime time) {
         }
         return true;
     });
+}
+
+bool TraceDecoder::sequenceTime(Sequence& sequence, RawTime* time) const {
+    const auto it = sequence.clocks.find(time->clock);
+    if (it == sequence.clocks.end() || time->t >= kMaxTime) return false;
+    SequenceClock& clock = it->second;
+    if (clock.incremental) {
+        if (clock.last + time->t >= kMaxTime) return false;
+        clock.last += time->t;
+    }
+    const uint64_t value = clock.incremental ? clock.last : time->t;
+    const int64_t ticks = static_cast<int64_t>(value) - static_cast<int64_t>(clock.snapshot);
+    if (clock.unit > kMaxTime || (ticks < 0 ? -ticks : ticks) > static_cast<int64_t>(kMaxTime / clock.unit)) {
+        return false;
+    }
+    const int64_t boot = static_cast<int64_t>(clock.boot) + ticks * static_cast<int64_t>(clock.unit);
+    if (boot < 0 || static_cast<uint64_t>(boot) >= kMaxTime) return false;
+    *time = {kBootTime, static_cast<uint64_t>(boot)};
+    return true;
+}
+
+bool TraceDecoder::trackDescriptor(const Field& descriptor) {
+    uint64_t uuid = 0;
+    Track track;
+    std::string atraceName;
+    std::string processName;
+    std::string threadName;
+    if (!fields(descriptor, "track_descriptor", [&](const Field& f) {
+            if (f.number == 1 && isVarint(f)) uuid = f.value;
+            if (f.number == 5 && isVarint(f)) track.parent = f.value;
+            if ((f.number == 2 || f.number == 10) && isBytes(f)) track.name = f.asString();
+            if (f.number == 13 && isBytes(f)) atraceName = f.asString();
+            if (f.number == 3 && isBytes(f)) {
+                // Its name, else the first word of its command line.
+                std::string cmdline;
+                const bool ok = fields(f, "process descriptor", [&](const Field& p) {
+                    if (p.number == 1 && isVarint(p)) track.pid = p.asInt32();
+                    if (p.number == 6 && isBytes(p)) processName = p.asString();
+                    if (p.number == 2 && isBytes(p) && cmdline.empty()) cmdline = p.asString();
+                    return true;
+                });
+                if (processName.empty()) processName = std::move(cmdline);
+                return ok;
+            }
+            if (f.number == 4 && isBytes(f)) {
+                return fields(f, "thread descriptor", [&](const Field& t) {
+                    if (t.number == 1 && isVarint(t)) track.pid = t.asInt32();
+                    if (t.number == 2 && isVarint(t)) track.tid = t.asInt32();
+                    if (t.number == 5 && isBytes(t)) threadName = t.asString();
+                    return true;
+                });
+            }
+            return true;
+        })) {
+        return false;
+    }
+    if (!atraceName.empty()) track.name = std::move(atraceName);
+    if (!keep(track.name.size() + processName.size() + threadName.size() + 64)) return false;
+    if (track.tid >= 0 && !threadName.empty()) mTrace.threadNames[track.tid] = threadName;
+    if (track.tid < 0 && track.pid >= 0 && !processName.empty()) {
+        mTrace.processNames[track.pid] = processName;
+    }
+    mTracks[uuid] = std::move(track);
+    return true;
+}
+
+bool TraceDecoder::trackEvent(const Field& event, const Sequence& sequence, RawTime time) {
+    uint64_t type = 0;
+    uint64_t track = sequence.track;
+    uint64_t nameIid = 0;
+    bool hasName = false;
+    std::string name;
+    int64_t value = 0;
+    bool hasValue = false;
+    if (!fields(event, "track_event", [&](const Field& f) {
+            if (f.number == 9 && isVarint(f)) type = f.value;
+            if (f.number == 11 && isVarint(f)) track = f.value;
+            if (f.number == 10 && isVarint(f)) nameIid = f.value;
+            if (f.number == 23 && isBytes(f)) {
+                name = f.asString();
+                hasName = true;
+            }
+            if (f.number == 30 && isVarint(f)) {
+                value = f.asInt64();
+                hasValue = true;
+            }
+            if (f.number == 44 && f.wire == proto::kFixed64) {
+                double d = 0;
+                memcpy(&d, &f.value, sizeof(d));
+                hasValue = std::fabs(d) < 9e18;  // NaN and the infinities too
+                if (hasValue) value = std::llround(d);
+            }
+            return true;
+        })) {
+        return false;
+    }
+    if (type == kSliceBegin) {
+        if (!hasName) {
+            const auto it = sequence.names.find(nameIid);
+            if (it == sequence.names.end()) {
+                ++mTrace.unreadEvents;
+                return true;
+            }
+            name = it->second;
+        }
+        if (!keep(name.size() + 64)) return false;
+        mTrackEvents.push_back({time, false, track, std::move(name), 0});
+    } else if (type == kCounter && hasValue) {
+        if (!keep(64)) return false;
+        mTrackEvents.push_back({time, true, track, {}, value});
+    }
+    return true;
+}
+
+// Slice begins and counters as the atrace marks they stand for: a slice on
+// a thread's track is "B|pid|name", a counter on a named track under a
+// process "C|pid|name|value".
+void TraceDecoder::trackEventMarks() {
+    for (RawTrackEvent& e : mTrackEvents) {
+        auto it = mTracks.find(e.track);
+        if (it == mTracks.end()) {
+            ++mTrace.unreadEvents;
+            continue;
+        }
+        const int32_t tid = std::max(it->second.tid, 0);
+        std::string name = e.counter ? it->second.name : std::move(e.name);
+        // As in a print event, a name's line end is not part of it.
+        while (!name.empty() && (name.back() == '\n' || name.back() == '\0')) name.pop_back();
+        int32_t pid = -1;
+        for (int depth = 0; depth < 8 && it != mTracks.end(); ++depth) {
+            pid = it->second.pid;
+            if (pid >= 0 || it->second.parent == 0) break;
+            it = mTracks.find(it->second.parent);
+        }
+        if (pid < 0 || name.empty()) {
+            ++mTrace.unreadEvents;
+            continue;
+        }
+        std::string text = (e.counter ? "C|" : "B|") + std::to_string(pid) + "|" + name;
+        if (e.counter) text += "|" + std::to_string(e.value);
+        mMarks.push_back({e.time, tid, std::move(text)});
+    }
+    mTrackEvents.clear();
 }
 
 bool TraceDecoder::compressed(const Field& packets) {
@@ -444,12 +699,13 @@ bool TraceDecoder::toBoot(RawTime time, int64_t* boot) const {
 }
 
 bool TraceDecoder::finish() {
+    trackEventMarks();
     for (auto& [clock, points] : mSnapshots) std::sort(points.begin(), points.end());
     const auto byTime = [](const auto& a, const auto& b) { return a.time < b.time; };
     for (RawMark& m : mMarks) {
         PerfettoTrace::Mark mark;
         if (!toBoot(m.time, &mark.time)) {
-            ++mTrace.unreadTimes;
+            ++mTrace.unreadEvents;
             continue;
         }
         mark.tid = m.tid;
@@ -462,7 +718,7 @@ bool TraceDecoder::finish() {
         if (toBoot(d.time, &frame.time)) {
             mTrace.displayFrames.push_back(frame);
         } else {
-            ++mTrace.unreadTimes;
+            ++mTrace.unreadEvents;
         }
     }
     std::stable_sort(mTrace.displayFrames.begin(), mTrace.displayFrames.end(), byTime);
@@ -472,7 +728,7 @@ bool TraceDecoder::finish() {
             (s.ended && toBoot(s.start, &frame.time))) {
             mTrace.surfaceFrames.push_back(std::move(frame));
         } else {
-            ++mTrace.unreadTimes;
+            ++mTrace.unreadEvents;
         }
     }
     std::stable_sort(mTrace.surfaceFrames.begin(), mTrace.surfaceFrames.end(), byTime);

@@ -10,7 +10,8 @@
 namespace android::tools::sim {
 
 // What pelto-sim takes from a Perfetto protobuf trace: the atrace marks of
-// ftrace print events, process and thread names, and SurfaceFlinger's
+// ftrace print events and of TrackEvent slices and counters (atrace through
+// the Perfetto SDK), process and thread names, and SurfaceFlinger's
 // FrameTimeline. Times are BOOTTIME nanoseconds, each list in time order.
 struct PerfettoTrace {
     struct Mark {
@@ -37,7 +38,9 @@ struct PerfettoTrace {
     std::map<int32_t, std::string> threadNames;   // tid -> comm
     int64_t packets = 0;
     int64_t bytes = 0;          // of the trace, after inflating
-    int64_t unreadTimes = 0;    // events on a clock the trace gives no way to convert
+    // Events left out: on a clock the trace gives no conversion for, on a
+    // track it does not describe, or needing a sequence's state after a loss.
+    int64_t unreadEvents = 0;
 };
 
 struct PerfettoLimits {

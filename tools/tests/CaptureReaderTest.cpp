@@ -241,7 +241,44 @@ TEST(PerfettoReader, ClocksAndCompressedPackets) {
     ASSERT_TRUE(read(trace({Proto().varint(8, 5).varint(58, 64).message(76, Proto().message(2, Proto())),
                             Proto().varint(8, 5).varint(58, 1).message(76, Proto().message(2, Proto()))}),
                      &t, &error));
-    EXPECT_EQ(t.unreadTimes, 2);
+    EXPECT_EQ(t.unreadEvents, 2);
+}
+
+TEST(PerfettoReader, TrackEventSlicesAndCountersBecomeMarks) {
+    // The Perfetto SDK's way: a cleared sequence with an incremental clock
+    // 64 (2 ns a tick) from a snapshot, interned names, a thread track and a
+    // counter track under surfaceflinger's process track.
+    const auto event = [](uint64_t delta, Proto body) {
+        return Proto().varint(8, delta).varint(10, 9).message(11, body);
+    };
+    const std::string bytes = trace({
+            Proto().varint(10, 9).varint(13, 1)
+                    .message(59, Proto().varint(58, 64))
+                    .message(6, Proto().message(1, Proto().varint(1, 6).varint(2, 1'000'000))
+                                        .message(1, Proto().varint(1, 64).varint(2, 500'000).varint(3, 1).varint(4, 2)))
+                    .message(12, Proto().message(2, Proto().varint(1, 1).bytes(2, "queueBuffer"))),
+            Proto().message(60, Proto().varint(1, 100).message(3, Proto().varint(1, 600).bytes(6, "surfaceflinger"))),
+            Proto().message(60, Proto().varint(1, 101).varint(5, 100).message(4, Proto().varint(1, 600).varint(2, 610).bytes(5, "binder:600_2"))),
+            Proto().message(60, Proto().varint(1, 102).varint(5, 100).bytes(13, "VSYNC-sf").message(8, Proto())),
+            event(50, Proto().varint(9, 1).varint(10, 1).varint(11, 101)),             // t 1,000,100
+            event(25, Proto().varint(9, 4).varint(11, 102).varint(30, 1)),              // t 1,000,150
+            event(5, Proto().varint(9, 1).varint(10, 7).varint(11, 101)),              // no such name
+            event(5, Proto().varint(9, 1).bytes(23, "composite").varint(11, 999)),      // no such track
+            // After a loss, a packet that needs the state is left out.
+            Proto().varint(8, 5).varint(10, 9).varint(42, 1).varint(13, 2).message(11, Proto().varint(9, 1).varint(10, 1).varint(11, 101)),
+    });
+    PerfettoTrace t;
+    std::string error;
+    ASSERT_TRUE(read(bytes, &t, &error)) << error;
+    ASSERT_EQ(t.marks.size(), 2u);
+    EXPECT_EQ(t.marks[0].time, 1'000'100);
+    EXPECT_EQ(t.marks[0].tid, 610);
+    EXPECT_EQ(t.marks[0].text, "B|600|queueBuffer");
+    EXPECT_EQ(t.marks[1].time, 1'000'150);
+    EXPECT_EQ(t.marks[1].text, "C|600|VSYNC-sf|1");
+    EXPECT_EQ(t.processNames[600], "surfaceflinger");
+    EXPECT_EQ(t.threadNames[610], "binder:600_2");
+    EXPECT_EQ(t.unreadEvents, 3);
 }
 
 TEST(PerfettoReader, DamagedAndHostileTracesAreRefusedWithTheirPlace) {
