@@ -117,6 +117,11 @@ bool CaptureParser::read(const std::string& path, std::string* error) {
             return false;
         }
     }
+    // A whole file in zstd: zlib does not read it.
+    if (head.size() >= 4 && head.compare(0, 4, "\x28\xb5\x2f\xfd") == 0) {
+        *error = mCapture.path + ": compressed with zstd: decompress it first (zstd -d)";
+        return false;
+    }
     if (looksLikePerfetto(reinterpret_cast<const uint8_t*>(head.data()), head.size())) {
         return readPerfettoTrace(error) && finish(error);
     }
@@ -344,6 +349,11 @@ bool CaptureParser::readPerfettoTrace(std::string* error) {
     }
     // A process's own name (its command line) says more than its main thread's.
     for (const auto& [pid, name] : trace.processNames) mTaskNames[pid] = name;
+    if (trace.zstdBundles > 0) {
+        mCapture.notes.push_back(std::to_string(trace.zstdBundles) +
+                                 " zstd-compressed bundles of packets, not read (record without "
+                                 "compression)");
+    }
     if (trace.unreadEvents > 0) {
         mCapture.notes.push_back(std::to_string(trace.unreadEvents) +
                                  " events left out (a clock without a conversion, a track or an "

@@ -31,6 +31,7 @@ constexpr uint32_t kTimestampClockId = 58;
 constexpr uint32_t kPacketDefaults = 59;
 constexpr uint32_t kTrackDescriptor = 60;
 constexpr uint32_t kFrameTimeline = 76;
+constexpr uint32_t kZstdCompressedPackets = 133;
 // TrackEvent types read here.
 constexpr uint64_t kSliceBegin = 1;
 constexpr uint64_t kCounter = 4;
@@ -218,6 +219,7 @@ bool TraceDecoder::packet(const uint8_t* data, size_t size, int64_t offset, bool
             case kTrackEvent: if (isBytes(f)) event = f; break;
             case kInternedData: if (isBytes(f)) interned = f; break;
             case kTrackDescriptor: if (isBytes(f)) descriptor = f; break;
+            case kZstdCompressedPackets: ++mTrace.zstdBundles; break;
             default: break;
         }
     }

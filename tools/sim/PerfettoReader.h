@@ -41,6 +41,7 @@ struct PerfettoTrace {
     // Events left out: on a clock the trace gives no conversion for, on a
     // track it does not describe, or needing a sequence's state after a loss.
     int64_t unreadEvents = 0;
+    int64_t zstdBundles = 0;    // zstd-compressed packets (Perfetto v58 on), not read
 };
 
 struct PerfettoLimits {

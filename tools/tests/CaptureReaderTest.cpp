@@ -237,6 +237,9 @@ TEST(PerfettoReader, ClocksAndCompressedPackets) {
     ASSERT_EQ(t.marks.size(), 2u);
     EXPECT_EQ(t.marks[0].text, "C|2|y|1");
     EXPECT_EQ(t.marks[1].time, 100'000);
+    // zstd-compressed packets are counted, not read.
+    ASSERT_TRUE(read(trace({Proto().bytes(133, "\x28\xb5\x2f\xfd")}), &t, &error)) << error;
+    EXPECT_EQ(t.zstdBundles, 1);
     // A sequence's own clock, or one with no snapshot, is left out and counted.
     ASSERT_TRUE(read(trace({Proto().varint(8, 5).varint(58, 64).message(76, Proto().message(2, Proto())),
                             Proto().varint(8, 5).varint(58, 1).message(76, Proto().message(2, Proto()))}),
