@@ -9,6 +9,10 @@
 
 #include "tools/sim/ProtoWire.h"
 
+// The decoder follows the messages it knows, so nesting is as deep as they
+// are (five levels at most) whatever the input; compressed packets add one
+// level, once. Unknown fields are skipped without being looked into.
+
 namespace android::tools::sim {
 namespace {
 
@@ -36,7 +40,7 @@ constexpr uint32_t kZstdCompressedPackets = 133;
 constexpr uint64_t kSliceBegin = 1;
 constexpr uint64_t kCounter = 4;
 
-// Built-in clocks; 64 and up are a sequence's own, not read here.
+// Built-in clocks; 64 and up are a sequence's own (the SDK's).
 constexpr uint64_t kMonotonicRaw = 5;
 constexpr uint64_t kBootTime = 6;
 constexpr uint64_t kFirstSequenceClock = 64;
