@@ -113,7 +113,8 @@ bench-latency: bench-build
 # leak, timeout or broken invariant.
 fuzz: deps
 	cmake --preset fuzz >/dev/null
-	cmake --build --preset fuzz -j $(JOBS) --target pelto_rule_file_fuzzer pelto_controller_fuzzer
+	cmake --build --preset fuzz -j $(JOBS) --target pelto_rule_file_fuzzer pelto_controller_fuzzer \
+	  pelto_perfetto_fuzzer pelto_capture_fuzzer
 	scripts/run-fuzzers.sh $(FUZZ_SECONDS)
 
 clean:

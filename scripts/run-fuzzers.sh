@@ -25,6 +25,8 @@ artifacts=build/fuzz/artifacts
 fuzzers=(
   "pelto_rule_file_fuzzer rule_file -dict=fuzz/rule_file.dict -max_len=8192"
   "pelto_controller_fuzzer controller -max_len=4096 -len_control=0 -detect_leaks=0"
+  "pelto_perfetto_fuzzer perfetto -max_len=16384"
+  "pelto_capture_fuzzer capture -max_len=32768"
 )
 
 # A smaller quarantine than ASan's 256 MB keeps freed memory poisoned for the

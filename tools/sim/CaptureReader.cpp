@@ -10,7 +10,10 @@
 
 #include <json/json.h>
 
+#include "tools/sim/FtraceLine.h"
 #include "tools/sim/LineReader.h"
+#include "tools/sim/PerfettoReader.h"
+#include "tools/sim/ScenarioReader.h"
 #include "tools/sim/Schedule.h"
 
 namespace android::tools::sim {
@@ -48,86 +51,41 @@ struct Series {
     int64_t last = 0;
 };
 
-// One event line: "task-tid [ (tgid)] [cpu] [flags] seconds: event: payload".
-struct EventLine {
-    std::string task;
-    int tid = 0;
-    double seconds = 0;
-    std::string event;
-    std::string payload;
-};
-
-bool parseEventLine(const std::string& line, EventLine* out) {
-    // The CPU column: "[001]".
-    size_t cpu = std::string::npos;
-    for (size_t i = line.find('['); i != std::string::npos; i = line.find('[', i + 1)) {
-        size_t j = i + 1;
-        while (j < line.size() && isdigit(static_cast<unsigned char>(line[j]))) ++j;
-        if (j > i + 1 && j < line.size() && line[j] == ']') {
-            cpu = i;
-            break;
-        }
-    }
-    if (cpu == std::string::npos) return false;
-    std::string head = line.substr(0, cpu);
-    const size_t paren = head.find(" (");  // a TGID column
-    if (paren != std::string::npos) head.resize(paren);
-    while (!head.empty() && head.back() == ' ') head.pop_back();
-    const size_t dash = head.rfind('-');
-    if (dash == std::string::npos) return false;
-    out->tid = atoi(head.c_str() + dash + 1);
-    const size_t first = head.find_first_not_of(' ');
-    out->task = head.substr(first, dash - first);
-    size_t pos = line.find(']', cpu) + 1;
-    // Optional flags ("d..2"), then "seconds:".
-    for (int token = 0; token < 2; ++token) {
-        pos = line.find_first_not_of(' ', pos);
-        if (pos == std::string::npos) return false;
-        const size_t end = line.find(' ', pos);
-        const std::string word = line.substr(pos, end == std::string::npos ? end : end - pos);
-        if (!word.empty() && word.back() == ':') {
-            char* stop = nullptr;
-            out->seconds = strtod(word.c_str(), &stop);
-            if (stop != word.c_str() + word.size() - 1) return false;
-            pos = end;
-            break;
-        }
-        if (token == 1 || end == std::string::npos) return false;
-        pos = end;
-    }
-    if (pos == std::string::npos) return false;
-    pos = line.find_first_not_of(' ', pos);
-    const size_t colon = pos == std::string::npos ? pos : line.find(": ", pos);
-    if (colon == std::string::npos) {
-        if (pos != std::string::npos && line.back() == ':') {
-            out->event = line.substr(pos, line.size() - pos - 1);
-            out->payload.clear();
-            return true;
-        }
-        return false;
-    }
-    out->event = line.substr(pos, colon - pos);
-    out->payload = line.substr(colon + 2);
-    return true;
-}
-
 class CaptureParser {
 public:
-    explicit CaptureParser(Capture* capture) : mCapture(*capture) {}
+    CaptureParser(Capture* capture, int64_t maxKept) : mCapture(*capture), mMaxKept(maxKept) {}
 
     bool read(const std::string& path, std::string* error);
 
 private:
     bool line(std::string text, std::string* error);
+    bool preamble(const std::string& text, size_t start, std::string* error);
+    bool event(const EventLine& e, SimTime t, std::string* error);
+    void time(SimTime t);
     bool mark(const EventLine& e, SimTime t, std::string* error);
+    // A mark that cannot be read: in text, a line cut short (an error); in a
+    // Perfetto trace, an app's odd mark (skipped and counted).
+    bool badMark(const std::string& what, const std::string& payload, std::string* error);
+    bool readPerfettoTrace(std::string* error);
+    bool keep(size_t bytes, std::string* error);
+    std::string where() const;
+    bool frameTimelineLayers(int compositorPid);
     bool finish(std::string* error);
     void findRefresh(const std::vector<SimTime>& ticks);
 
     Capture& mCapture;
+    const int64_t mMaxKept;
+    int64_t mKept = 0;
     LineReader mLines;
     bool mHtml = false;
     bool mInTrace = false;
     bool mSeenContent = false;
+    // Lines before the first event line that are not ftrace text: atrace's
+    // own "capturing trace... done" and "TRACE:". They are let through once
+    // "TRACE:" or the "# tracer:" header follows them.
+    bool mPreambleOver = false;
+    int mPreambleLines = 0;
+    std::string mPreambleError;  // about the first of them, until then
     bool mHaveStart = false;
     SimTime mStart = 0;  // absolute ns of the first event
     SimTime mEnd = 0;
@@ -136,11 +94,37 @@ private:
     std::map<std::pair<int, std::string>, std::vector<SimTime>> mSlices;  // composition slices
     std::map<int, std::vector<SimTime>> mQueueBuffers;               // by app pid
     std::map<int, std::string> mTaskNames;                           // pid -> its main thread
+    // A Perfetto trace's FrameTimeline: compositions by compositor pid, and
+    // buffers by layer.
+    bool mPerfetto = false;
+    int64_t mSkippedMarks = 0;
+    std::map<int, std::vector<SimTime>> mDisplayFrames;
+    std::map<std::string, std::pair<int, std::vector<SimTime>>> mSurfaceFrames;
 };
 
 bool CaptureParser::read(const std::string& path, std::string* error) {
-    mCapture.path = path;
     if (!mLines.open(path, error)) return false;
+    mCapture.path = mLines.path();
+    const std::string& head = mLines.peek();
+    // `atrace -z` writes zlib (0x78 ...) after "TRACE:"; say so rather than
+    // "a NUL byte".
+    for (const char* marker : {"TRACE:\n", "TRACE:\r\n"}) {
+        const size_t at = head.find(marker);
+        const size_t data = at + strlen(marker);
+        if (at != std::string::npos && data < head.size() && head[data] == '\x78') {
+            *error = mCapture.path + ": compressed by atrace -z (zlib after \"TRACE:\"): "
+                                     "capture without -z";
+            return false;
+        }
+    }
+    // A whole file in zstd: zlib does not read it.
+    if (head.size() >= 4 && head.compare(0, 4, "\x28\xb5\x2f\xfd") == 0) {
+        *error = mCapture.path + ": compressed with zstd: decompress it first (zstd -d)";
+        return false;
+    }
+    if (looksLikePerfetto(reinterpret_cast<const uint8_t*>(head.data()), head.size())) {
+        return readPerfettoTrace(error) && finish(error);
+    }
     std::string text;
     while (mLines.next(&text)) {
         if (!line(std::move(text), error)) return false;
@@ -181,21 +165,31 @@ bool CaptureParser::line(std::string text, std::string* error) {
         }
     }
     const size_t start = text.find_first_not_of(" \t");
-    if (start == std::string::npos || text[start] == '#') return true;
+    if (start == std::string::npos) return true;
+    if (text[start] == '#') {
+        if (text.compare(start, 9, "# tracer:") == 0) {
+            mPreambleError.clear();
+            mPreambleOver = true;
+        }
+        return true;
+    }
     if (text.compare(start, 4, "CPU:") == 0) return true;  // "CPU:3 [LOST 12 EVENTS]"
     EventLine e;
     if (!parseEventLine(text, &e)) {
+        if (mEvents == 0 && !mHtml) return preamble(text, start, error);
         *error = mLines.where() + "not an ftrace event line (cut short?): " + text.substr(0, 120);
         return false;
     }
-    if (e.payload.rfind("trace_event_clock_sync", 0) == 0) return true;
-    const SimTime t = std::llround(e.seconds * 1e9);
-    if (!mHaveStart) {
-        mHaveStart = true;
-        mStart = t;
+    if (!mPreambleError.empty()) {
+        *error = mPreambleError;
+        return false;
     }
-    mStart = std::min(mStart, t);
-    mEnd = std::max(mEnd, t);
+    if (e.payload.rfind("trace_event_clock_sync", 0) == 0) return true;
+    return event(e, std::llround(e.seconds * 1e9), error);
+}
+
+bool CaptureParser::event(const EventLine& e, SimTime t, std::string* error) {
+    time(t);
     ++mEvents;
     if (e.event == "sched_switch" || e.event == "sched_wakeup") return true;
     if (e.event == "tracing_mark_write" || e.event == "0" || e.event == "print") {
@@ -204,26 +198,67 @@ bool CaptureParser::line(std::string text, std::string* error) {
     return true;
 }
 
+void CaptureParser::time(SimTime t) {
+    if (!mHaveStart) {
+        mHaveStart = true;
+        mStart = t;
+    }
+    mStart = std::min(mStart, t);
+    mEnd = std::max(mEnd, t);
+}
+
+// A line before the first event line that is not one. atrace writes a few
+// ("capturing trace... done", warnings) and then "TRACE:" before the ftrace
+// text; anything else there is the error about its first line, reported when
+// an event line comes without "TRACE:" or "# tracer:" between, or at the end.
+bool CaptureParser::preamble(const std::string& text, size_t start, std::string* error) {
+    constexpr int kMaxPreambleLines = 64;
+    if (text.compare(start, std::string::npos, "TRACE:") == 0) {
+        mPreambleError.clear();
+        mPreambleOver = true;
+        return true;
+    }
+    if (!mPreambleOver) {
+        if (mPreambleError.empty()) {
+            mPreambleError = mLines.where() + "not an ftrace event line: " + text.substr(0, 120);
+        }
+        if (++mPreambleLines > kMaxPreambleLines) {
+            *error = mPreambleError + " (and no ftrace text in the next " +
+                    std::to_string(kMaxPreambleLines) + " lines)";
+            return false;
+        }
+        return true;
+    }
+    // After "TRACE:" or the header, only ftrace text.
+    *error = mLines.where() + "not an ftrace event line (cut short?): " + text.substr(0, 120);
+    return false;
+}
+
 // An atrace mark: "B|pid|name", "E[|pid]", "C|pid|name|value", "S|..", "F|..".
 bool CaptureParser::mark(const EventLine& e, SimTime t, std::string* error) {
     const std::string& p = e.payload;
     if (p.size() < 2 || p[1] != '|' || (p[0] != 'B' && p[0] != 'C')) return true;
     const size_t bar = p.find('|', 2);
     if (bar == std::string::npos) {
-        *error = mLines.where() + "an atrace mark without a name (cut short?): " + p.substr(0, 120);
-        return false;
+        return badMark("an atrace mark without a name", p, error);
     }
     const int pid = atoi(p.c_str() + 2);
-    if (e.tid == pid && !mTaskNames.count(pid)) mTaskNames[pid] = e.task;
+    if (e.tid == pid && !mTaskNames.count(pid)) {
+        if (!keep(e.task.size() + 64, error)) return false;
+        mTaskNames[pid] = e.task;
+    }
     if (p[0] == 'B') {
         std::string name = p.substr(bar + 1);
         const size_t argsBar = name.find('|');
         if (argsBar != std::string::npos) name.resize(argsBar);
         if (name == "queueBuffer" || name.rfind("queueBuffer ", 0) == 0) {
+            if (!keep(sizeof(SimTime), error)) return false;
             mQueueBuffers[pid].push_back(t);
         }
         for (const char* slice : kCompositionSlices) {
-            if (name == slice) mSlices[{pid, name}].push_back(t);
+            if (name != slice) continue;
+            if (!keep(sizeof(SimTime), error)) return false;
+            mSlices[{pid, name}].push_back(t);
         }
         return true;
     }
@@ -231,19 +266,99 @@ bool CaptureParser::mark(const EventLine& e, SimTime t, std::string* error) {
     char* stop = nullptr;
     const long long value = valueBar > bar ? strtoll(p.c_str() + valueBar + 1, &stop, 10) : 0;
     if (valueBar <= bar || stop == p.c_str() + valueBar + 1) {
-        *error = mLines.where() + "a counter without a value (cut short?): " + p.substr(0, 120);
-        return false;
+        return badMark("a counter without a value", p, error);
     }
     const std::string name = p.substr(bar + 1, valueBar - bar - 1);
-    Series& series = mCounters[{pid, name}];
+    const auto key = std::make_pair(pid, name);
+    if (!mCounters.count(key) && !keep(name.size() + 96, error)) return false;
+    Series& series = mCounters[key];
     const bool vsync = std::find_if(std::begin(kVsyncCounters), std::end(kVsyncCounters),
                                     [&](const char* v) { return name == v; }) !=
             std::end(kVsyncCounters);
     // A vsync counter toggles once per vsync; a layer's counter rises once per buffer.
     if (vsync ? value != series.last || series.times.empty() : value > series.last) {
+        if (!keep(sizeof(SimTime), error)) return false;
         series.times.push_back(t);
     }
     series.last = value;
+    return true;
+}
+
+// Counts what the reader keeps (times, names); past the limit the capture
+// is too large to play, whatever its size on disk.
+bool CaptureParser::keep(size_t bytes, std::string* error) {
+    mKept += static_cast<int64_t>(bytes);
+    if (mKept <= mMaxKept) return true;
+    const std::string limit = mMaxKept >= (1 << 20) ? std::to_string(mMaxKept >> 20) + " MiB"
+                                                    : std::to_string(mMaxKept) + " bytes";
+    *error = where() + "more than " + limit + " of vsync ticks, slices, buffers and names to keep: too large a capture to play";
+    return false;
+}
+
+std::string CaptureParser::where() const {
+    return mPerfetto ? mCapture.path + ": " : mLines.where();
+}
+
+bool CaptureParser::badMark(const std::string& what, const std::string& payload,
+                            std::string* error) {
+    if (mPerfetto) {
+        ++mSkippedMarks;
+        return true;
+    }
+    *error = where() + what + " (cut short?): " + payload.substr(0, 120);
+    return false;
+}
+
+// A Perfetto trace: its atrace marks go through the same path as text lines,
+// its FrameTimeline is kept for when the marks hold no vsync signal.
+bool CaptureParser::readPerfettoTrace(std::string* error) {
+    mPerfetto = true;
+    PerfettoTrace trace;
+    const ReadBytes read = [this](uint8_t* out, size_t size, std::string* readError) {
+        return mLines.readBytes(out, size, readError);
+    };
+    if (!readPerfetto(read, mCapture.path, &trace, error)) return false;
+    mCapture.lines = trace.packets;
+    mCapture.unit = "packets";
+    EventLine e;
+    e.event = "print";
+    for (PerfettoTrace::Mark& m : trace.marks) {
+        const auto name = trace.threadNames.find(m.tid);
+        e.task = name == trace.threadNames.end() ? "" : name->second;
+        e.tid = m.tid;
+        e.payload = std::move(m.text);
+        if (!event(e, m.time, error)) return false;
+    }
+    for (const PerfettoTrace::DisplayFrame& d : trace.displayFrames) {
+        if (!keep(sizeof(SimTime), error)) return false;
+        time(d.time);
+        ++mEvents;
+        mDisplayFrames[d.pid].push_back(d.time);
+    }
+    for (PerfettoTrace::SurfaceFrame& f : trace.surfaceFrames) {
+        time(f.time);
+        ++mEvents;
+        static const std::string kTx = "TX - ";
+        const std::string layer = f.layer.rfind(kTx, 0) == 0 ? f.layer.substr(kTx.size()) : f.layer;
+        if (!keep(sizeof(SimTime) + (mSurfaceFrames.count(layer) ? 0 : layer.size() + 96), error)) {
+            return false;
+        }
+        auto& [pid, times] = mSurfaceFrames[layer];
+        pid = f.pid;
+        times.push_back(f.time);
+    }
+    // A process's own name (its command line) says more than its main thread's.
+    for (const auto& [pid, name] : trace.processNames) mTaskNames[pid] = name;
+    if (trace.zstdBundles > 0) {
+        mCapture.notes.push_back(std::to_string(trace.zstdBundles) +
+                                 " zstd-compressed bundles of packets, not read (record without "
+                                 "compression)");
+    }
+    if (trace.unreadEvents > 0) {
+        mCapture.notes.push_back(std::to_string(trace.unreadEvents) +
+                                 " events left out (a clock without a conversion, a track or an "
+                                 "interned name the trace does not describe)");
+    }
     return true;
 }
 
@@ -289,10 +404,23 @@ void CaptureParser::findRefresh(const std::vector<SimTime>& ticks) {
 
 bool CaptureParser::finish(std::string* error) {
     const std::string& path = mCapture.path;
+    if (!mPreambleError.empty()) {
+        *error = mPreambleError;
+        return false;
+    }
+    if (mEvents == 0 && mPerfetto) {
+        *error = path + ": no atrace marks and no FrameTimeline events (" +
+                std::to_string(mCapture.lines) + " packets read): record with the gfx category";
+        return false;
+    }
     if (mEvents == 0) {
         *error = path + ": no ftrace event lines (" + std::to_string(mCapture.lines) +
                 " lines read): not a systrace/atrace capture, or an empty one";
         return false;
+    }
+    if (mSkippedMarks > 0) {
+        mCapture.notes.push_back(std::to_string(mSkippedMarks) +
+                                 " atrace marks without a name or a value, left out");
     }
     mCapture.duration = mEnd - mStart + 1;
     // The refresh period: the compositor's vsync counters by preference, then
@@ -324,10 +452,33 @@ bool CaptureParser::finish(std::string* error) {
         }
     }
     if (mCapture.compositorPid < 0) {
+        // FrameTimeline's display frames: one per composition, so their
+        // spacing is a multiple of the period and the shortest steady one is
+        // the period. The panel's own rate changes are not in them.
+        int pid = -1;
+        for (const auto& [p, times] : mDisplayFrames) {
+            if (times.size() >= kRateRun + 1 && (pid < 0 || times.size() > mDisplayFrames[pid].size())) {
+                pid = p;
+            }
+        }
+        if (pid >= 0) {
+            std::vector<SimTime>& times = mDisplayFrames[pid];
+            std::sort(times.begin(), times.end());
+            mCapture.compositorPid = pid;
+            mCapture.vsyncSource = "the shortest steady spacing of the FrameTimeline display "
+                                   "frames of pid " + std::to_string(pid);
+            findRefresh(times);
+            double hz = 0;
+            for (const RefreshChange& r : mCapture.refresh) hz = std::max(hz, r.refreshHz);
+            mCapture.refresh.assign(1, {0, hz});
+        }
+    }
+    if (mCapture.compositorPid < 0) {
         *error = path + ": no vsync signal: no compositor counter HW_VSYNC_0, VSYNC-sf, VSYNC "
                         "or VSYNC-app and no composition slices (onMessageRefresh, "
-                        "handleMessageRefresh, composite, onMessageReceived, handlePageFlip); "
-                        "capture with the gfx category";
+                        "handleMessageRefresh, composite, onMessageReceived, handlePageFlip)" +
+                (mPerfetto ? std::string(" and no FrameTimeline display frames") : "") +
+                "; capture with the gfx category";
         return false;
     }
     const int sf = mCapture.compositorPid;
@@ -337,6 +488,20 @@ bool CaptureParser::finish(std::string* error) {
         if (key.first != sf || !isLayerCounter(key.second) || series.times.empty()) continue;
         std::sort(series.times.begin(), series.times.end());
         counterLayers[layerOfCounter(key.second)] = series.times;
+    }
+    // Without such counters, FrameTimeline's surface frames that carried a
+    // buffer are each layer's buffers (an app's queueBuffer slices would
+    // count the same buffers again).
+    if (counterLayers.empty() && !mSurfaceFrames.empty()) {
+        mQueueBuffers.clear();
+        for (auto& [name, frames] : mSurfaceFrames) {
+            auto& [pid, times] = frames;
+            std::sort(times.begin(), times.end());
+            Capture::Layer layer{name, {}, "its FrameTimeline surface frames with a buffer (pid " +
+                                                   std::to_string(pid) + ")"};
+            for (SimTime t : times) layer.buffers.push_back(t - mStart);
+            mCapture.layers.push_back(std::move(layer));
+        }
     }
     // Each app process's queueBuffer slices go to the layer whose counter
     // rises right after most of them.
@@ -390,8 +555,8 @@ std::string formatMs(SimTime t) {
 
 } // namespace
 
-bool readCapture(const std::string& path, Capture* capture, std::string* error) {
-    return CaptureParser(capture).read(path, error);
+bool readCapture(const std::string& path, Capture* capture, std::string* error, int64_t maxKept) {
+    return CaptureParser(capture, maxKept).read(path, error);
 }
 
 bool captureScenario(const Capture& capture, const CapturePlay& play, Scenario* scenario,
@@ -405,14 +570,27 @@ bool captureScenario(const Capture& capture, const CapturePlay& play, Scenario* 
     s.display.refreshHz = capture.refresh.front().refreshHz;
     s.display.refreshChanges.assign(capture.refresh.begin() + 1, capture.refresh.end());
     char text[256];
-    snprintf(text, sizeof(text), "capture: %lld lines, %s; refresh from %s (median spacing %.3f ms)",
-             static_cast<long long>(capture.lines), formatMs(capture.duration).c_str(),
+    snprintf(text, sizeof(text), "capture: %lld %s, %s; refresh from %s (median spacing %.3f ms)",
+             static_cast<long long>(capture.lines), capture.unit.c_str(),
+             formatMs(capture.duration).c_str(),
              capture.vsyncSource.c_str(), capture.medianPeriodMs);
     s.description = text;
     std::vector<std::string>& a = s.assumptions;
     for (const RefreshChange& r : capture.refresh) {
         snprintf(text, sizeof(text), "read: %g Hz from %s", r.refreshHz, formatMs(r.at).c_str());
         a.push_back(text);
+    }
+    for (const std::string& note : capture.notes) a.push_back("read: " + note);
+    // A capture is held to the bounds of a scenario file: a vsync signal
+    // whose ticks share a timestamp, or a span of years, would make a run
+    // that never ends.
+    for (const RefreshChange& r : capture.refresh) {
+        if (r.refreshHz >= kMinRefreshHz && r.refreshHz <= kMaxRefreshHz) continue;
+        snprintf(text, sizeof(text), "a refresh rate of %g Hz (median spacing %.3f ms)",
+                 r.refreshHz, capture.medianPeriodMs);
+        *error = capture.path + ": " + text + " from " + capture.vsyncSource +
+                ": not a panel's rate (1 to 1000 Hz)";
+        return false;
     }
     const SimTime period = vsyncPeriodOf(s.display.refreshHz);
     for (const Capture::Layer& c : capture.layers) {
@@ -429,6 +607,14 @@ bool captureScenario(const Capture& capture, const CapturePlay& play, Scenario* 
         a.push_back("read: layer " + c.name + ": " + std::to_string(c.buffers.size()) +
                     " buffers from " + c.source);
         s.layers.push_back(std::move(layer));
+    }
+    if (const double steps = runSteps(s); steps > kMaxRunSteps) {
+        snprintf(text, sizeof(text),
+                 "the capture spans %.3f s: the run would play %.3g compositions and buffers, "
+                 "more than the 5e7 a run may play",
+                 static_cast<double>(s.duration) / 1e9, steps);
+        *error = capture.path + ": " + text;
+        return false;
     }
     a.push_back(std::string("assumed: display ") + std::to_string(play.width) + "x" +
                 std::to_string(play.height) + (play.displayGiven ? " (--display)" : " (--display to change)") +

@@ -7,9 +7,9 @@
 
 namespace android::tools::sim {
 
-// What a device capture (Android systrace/atrace text, in either line
-// format, a systrace HTML report, or gzip of either) says about the display
-// and the app layers. Times are nanoseconds from the capture's first event.
+// What a device capture (Android systrace/atrace text, in any column layout
+// and with atrace's own lines before it, a systrace HTML report, a Perfetto
+// protobuf trace, or gzip of any of them) says about the display and the app layers. Times are nanoseconds from the capture's first event.
 struct Capture {
     struct Layer {
         std::string name;
@@ -24,11 +24,17 @@ struct Capture {
     std::vector<Layer> layers;
     SimTime duration = 0;
     int64_t lines = 0;
+    std::string unit = "lines";  // what `lines` counts: "packets" in a Perfetto trace
+    std::vector<std::string> notes;  // what the reader left out, for the run's assumptions
 };
 
-// Streams the file once. False, with *error naming the file (and the line
-// where there is one), when it is not a capture the simulator can play.
-bool readCapture(const std::string& path, Capture* capture, std::string* error);
+// Streams the file once ("-": standard input). False, with *error naming the
+// file (and the line where there is one), when it is not a capture the
+// simulator can play.
+// What it keeps (vsync ticks, slices, buffer times, names) is bounded by
+// maxKept bytes, so a huge capture is refused rather than filling memory.
+bool readCapture(const std::string& path, Capture* capture, std::string* error,
+                 int64_t maxKept = int64_t{256} << 20);
 
 // How to play a capture: the rule file (list mode) or the API-mode target,
 // and the display size a capture does not record.

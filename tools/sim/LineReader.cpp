@@ -1,7 +1,10 @@
 #include "tools/sim/LineReader.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
+
+#include <unistd.h>
 
 namespace android::tools::sim {
 namespace {
@@ -15,10 +18,18 @@ LineReader::~LineReader() {
 }
 
 bool LineReader::open(const std::string& path, std::string* error) {
-    mPath = path;
-    mFile = gzopen(path.c_str(), "rb");
+    mPath = path == "-" ? "stdin" : path;
+    errno = 0;
+    if (path == "-") {
+        // A copy of the descriptor: gzclose closes the one it was given.
+        const int fd = dup(STDIN_FILENO);
+        mFile = fd < 0 ? nullptr : gzdopen(fd, "rb");
+        if (mFile == nullptr && fd >= 0) ::close(fd);
+    } else {
+        mFile = gzopen(path.c_str(), "rb");
+    }
     if (mFile == nullptr) {
-        *error = path + ": cannot open the file: " + strerror(errno != 0 ? errno : ENOENT);
+        *error = mPath + ": cannot open the file: " + strerror(errno != 0 ? errno : ENOENT);
         return false;
     }
     gzbuffer(mFile, kChunk);
@@ -29,10 +40,8 @@ std::string LineReader::where() const {
     return mPath + " line " + std::to_string(mLine) + ": ";
 }
 
-bool LineReader::fill() {
-    if (mEof) return false;
-    mBuffer.erase(0, mPos);
-    mPos = 0;
+size_t LineReader::readChunk() {
+    if (mEof) return 0;
     const size_t old = mBuffer.size();
     mBuffer.resize(old + kChunk);
     const int n = gzread(mFile, mBuffer.data() + old, kChunk);
@@ -43,7 +52,7 @@ bool LineReader::fill() {
                 (code == Z_ERRNO ? strerror(errno) : message);
         mBuffer.resize(old);
         mEof = true;
-        return false;
+        return 0;
     }
     mBuffer.resize(old + static_cast<size_t>(n));
     if (n == 0) {
@@ -57,20 +66,55 @@ bool LineReader::fill() {
             mError = mPath + " after line " + std::to_string(mLine) +
                     ": the compressed file is cut short";
         }
-        return false;
     }
-    if (memchr(mBuffer.data() + old, '\0', static_cast<size_t>(n)) != nullptr) {
-        mError = mPath + " near line " + std::to_string(mLine + 1) +
-                ": a NUL byte: this is a binary file, not text";
-        mEof = true;
+    return static_cast<size_t>(n);
+}
+
+const std::string& LineReader::peek() {
+    if (mBuffer.empty() && mPos == 0 && readChunk() > 0) mHeadUnchecked = true;
+    return mBuffer;
+}
+
+long LineReader::readBytes(uint8_t* out, size_t size, std::string* error) {
+    if (mPos == mBuffer.size()) {
         mBuffer.clear();
-        return false;
+        mPos = 0;
+        if (readChunk() == 0) {
+            if (!mError.empty()) *error = mError;
+            return mError.empty() ? 0 : -1;
+        }
     }
-    return true;
+    const size_t n = std::min(size, mBuffer.size() - mPos);
+    memcpy(out, mBuffer.data() + mPos, n);
+    mPos += n;
+    return static_cast<long>(n);
+}
+
+bool LineReader::fill() {
+    if (mEof) return false;
+    mBuffer.erase(0, mPos);
+    mPos = 0;
+    const size_t old = mBuffer.size();
+    const size_t n = readChunk();
+    return n > 0 && isText(old, n);
+}
+
+bool LineReader::isText(size_t from, size_t size) {
+    if (memchr(mBuffer.data() + from, '\0', size) == nullptr) return true;
+    mError = mPath + " near line " + std::to_string(mLine + 1) +
+            ": a NUL byte: this is a binary file, not text";
+    mEof = true;
+    mBuffer.clear();
+    mPos = 0;
+    return false;
 }
 
 bool LineReader::next(std::string* line) {
     if (!mError.empty()) return false;
+    if (mHeadUnchecked) {
+        mHeadUnchecked = false;
+        if (!isText(0, mBuffer.size())) return false;
+    }
     for (;;) {
         const size_t end = mBuffer.find('\n', mPos);
         if (end != std::string::npos) {
@@ -92,7 +136,8 @@ bool LineReader::next(std::string* line) {
         }
     }
     ++mLine;
-    if (!line->empty() && line->back() == '\r') line->pop_back();
+    // CRLF, and CRCRLF from a capture written through a terminal twice.
+    while (!line->empty() && line->back() == '\r') line->pop_back();
     return true;
 }
 

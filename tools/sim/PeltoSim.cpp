@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <fstream>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -56,7 +57,8 @@ void usage() {
             "                 [--display WxH] [--write-scenario OUT.json] [options]\n"
             "       pelto-sim --compare OTHER_RULES.json [--rules RULES.json] INPUT...\n"
             "  --lib PATH       the library to load (default: %s)\n"
-            "  --capture FILE   play a systrace/atrace capture (text, HTML report, or gzip)\n"
+            "  --capture FILE   play a systrace/atrace capture (text, HTML report, Perfetto\n"
+            "                   trace, or gzip; - reads it from standard input)\n"
             "  --rules FILE     this rule file instead of the scenario's (list mode)\n"
             "  --api-target NAME  play a capture in API mode with this layer as target\n"
             "  --display WxH    the display size a capture does not record (default 1080x2400)\n"
@@ -130,7 +132,7 @@ bool parseArgs(int argc, char** argv, Options* options) {
         } else if (arg == "--help" || arg == "-h") {
             usage();
             exit(kExitPassed);
-        } else if (!arg.empty() && arg[0] == '-') {
+        } else if (arg.size() > 1 && arg[0] == '-') {  // "-" alone is standard input
             fprintf(stderr, "pelto-sim: unknown option or missing value: %s\n", arg.c_str());
             return false;
         } else {
@@ -143,6 +145,10 @@ bool parseArgs(int argc, char** argv, Options* options) {
     }
     if (options->compareRules.empty() && options->inputs.size() > 1) {
         fprintf(stderr, "pelto-sim: one scenario or capture at a time (several with --compare)\n");
+        return false;
+    }
+    if (std::count(options->inputs.begin(), options->inputs.end(), "-") > 1) {
+        fprintf(stderr, "pelto-sim: standard input (-) can be read once\n");
         return false;
     }
     if (!options->play.rules.empty() && !options->play.apiTarget.empty()) {
@@ -158,14 +164,23 @@ bool isScenarioFile(const std::string& path) {
 }
 
 // A scenario file, or a capture made into a scenario; `rules` (if set)
-// replaces its rule file and puts it in list mode.
+// replaces its rule file and puts it in list mode. A capture already in
+// `read` (the same input played again, as --compare does) is not read
+// again: standard input can be read only once.
 bool loadInput(const std::string& input, bool capture, CapturePlay play, const std::string& rules,
-               Scenario* scenario, std::string* error) {
+               Scenario* scenario, std::string* error, std::optional<Capture>* read = nullptr) {
     if (capture) {
-        Capture c;
-        if (!readCapture(input, &c, error)) return false;
+        std::optional<Capture> own;
+        std::optional<Capture>& c = read != nullptr ? *read : own;
+        if (!c) {
+            c.emplace();
+            if (!readCapture(input, &*c, error)) {
+                c.reset();
+                return false;
+            }
+        }
         play.rules = rules;
-        return captureScenario(c, play, scenario, error);
+        return captureScenario(*c, play, scenario, error);
     }
     if (!readScenario(input, scenario, error)) return false;
     if (rules.empty()) return true;
@@ -196,12 +211,13 @@ int compare(const Options& options, PeltoLibrary& library) {
         const bool capture = options.capture || !isScenarioFile(input);
         CompareRow row;
         row.input = input;
+        std::optional<Capture> read;
         for (CompareFigures* figures : {&row.a, &row.b}) {
             const std::string rules = figures == &row.a ? options.rules : options.compareRules;
             Scenario scenario;
             RunRecord record;
             std::string error;
-            if (!loadInput(input, capture, options.play, rules, &scenario, &error)) {
+            if (!loadInput(input, capture, options.play, rules, &scenario, &error, &read)) {
                 fprintf(stderr, "pelto-sim: %s\n", error.c_str());
                 return kExitError;
             }

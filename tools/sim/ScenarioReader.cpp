@@ -19,15 +19,12 @@ namespace {
 // What the simulator accepts. No panel refreshes faster than 1000 Hz, and a
 // layer queues no faster than a panel shows; the slowest rates keep a frame
 // period far inside 64-bit nanoseconds.
-constexpr double kMaxRateHz = 1000;
-constexpr double kMinRefreshHz = 1;
+constexpr double kMaxRateHz = kMaxRefreshHz;
 constexpr double kMinFps = 0.01;
 constexpr int64_t kMaxDisplaySide = 16384;
 constexpr int64_t kMaxBufferCount = 64;  // a buffer queue's slots
 constexpr double kMaxAbsMillis = 1e9;    // measured times and offset_ms, either sign
-// Compositions plus buffers a run may play: the work and the time a run takes
-// grow with it, so it is bounded before the run starts.
-constexpr double kMaxSteps = 5e7;
+constexpr double kMaxSteps = kMaxRunSteps;
 
 std::string dirName(const std::string& path) {
     const size_t slash = path.rfind('/');
@@ -515,29 +512,9 @@ void ScenarioParser::checkReferences() {
     }
 }
 
-// The compositions and buffers the run will play, from the scenario alone,
-// so that a run that would take hours is refused before it starts.
+// A run that would take hours is refused before it starts.
 void ScenarioParser::checkWork() {
-    const auto seconds = [](SimTime from, SimTime to) {
-        return static_cast<double>(to - from) / 1e9;
-    };
-    double steps = 0;
-    SimTime since = 0;
-    double hz = mScenario.display.refreshHz;
-    for (const RefreshChange& change : mScenario.display.refreshChanges) {
-        steps += seconds(since, change.at) * hz;
-        since = change.at;
-        hz = change.refreshHz;
-    }
-    steps += seconds(since, mScenario.duration) * hz;
-    for (const LayerSpec& layer : mScenario.layers) {
-        if (!layer.frames) continue;
-        if (layer.frames->times) {
-            steps += static_cast<double>(layer.frames->times->count);
-            continue;
-        }
-        for (const Window& w : layer.visible) steps += seconds(w.from, w.to) * layer.frames->fps;
-    }
+    const double steps = runSteps(mScenario);
     if (steps > kMaxSteps) {
         char text[200];
         snprintf(text, sizeof(text),
@@ -610,6 +587,31 @@ bool ScenarioParser::parse(const Json::Value& root, std::string* error) {
 }
 
 } // namespace
+
+// The compositions and buffers the run will play, from the scenario alone.
+double runSteps(const Scenario& scenario) {
+    const auto seconds = [](SimTime from, SimTime to) {
+        return static_cast<double>(to - from) / 1e9;
+    };
+    double steps = 0;
+    SimTime since = 0;
+    double hz = scenario.display.refreshHz;
+    for (const RefreshChange& change : scenario.display.refreshChanges) {
+        steps += seconds(since, change.at) * hz;
+        since = change.at;
+        hz = change.refreshHz;
+    }
+    steps += seconds(since, scenario.duration) * hz;
+    for (const LayerSpec& layer : scenario.layers) {
+        if (!layer.frames) continue;
+        if (layer.frames->times) {
+            steps += static_cast<double>(layer.frames->times->count);
+            continue;
+        }
+        for (const Window& w : layer.visible) steps += seconds(w.from, w.to) * layer.frames->fps;
+    }
+    return steps;
+}
 
 bool readScenario(const std::string& path, Scenario* scenario, std::string* error) {
     std::ifstream stream(path);

@@ -11,4 +11,12 @@ namespace android::tools::sim {
 // the first problem found.
 bool readScenario(const std::string& path, Scenario* scenario, std::string* error);
 
+// What a run may play, for scenario files and for scenarios made from a
+// capture alike: panel rates, and compositions plus buffers (the time a run
+// takes grows with them).
+constexpr double kMinRefreshHz = 1;
+constexpr double kMaxRefreshHz = 1000;
+constexpr double kMaxRunSteps = 5e7;
+double runSteps(const Scenario& scenario);
+
 } // namespace android::tools::sim
