@@ -24,6 +24,7 @@
 #include "controller/PeltoExport.h"
 #include "controller/PeltoLayer.h"
 #include "controller/PeltoTypes.h"
+#include "controller/SpinThenBlockMutex.h"
 #include "controller/PeltoLayerRegistry.h"
 #include "controller/PeltoQ2QRing.h"
 #include "scheduler/TimerSyscalls.h"
@@ -237,14 +238,19 @@ private:
     // Serialises reloads; see the lock order above.
     std::mutex mReloadMutex ACQUIRED_BEFORE(mLayerMutex);
 
-    // A plain mutex: no hold is longer than sorting one composition's visible
-    // layers, copying 64 records for a dump or swapping in reloaded rules.
-    // Against a lock that polls for 10 us before it sleeps, measured in one
-    // run (bench/README.md), polling shortened the composite tail under
-    // registration bursts (p99.9 5.5 against 8.7-22.4 us) but lengthened it
-    // under reloads (100 KB rules: 9.7-14.3 against 4.6-6.2 us), so it does
-    // not earn a lock of our own.
+#ifdef PELTO_REGISTRY_STD_MUTEX
     mutable std::mutex mLayerMutex;
+#else
+    // Polls for up to 10 us before it sleeps: no hold is longer than sorting
+    // one composition's visible layers, copying 64 records for a dump or
+    // swapping in reloaded rules, and a composition that slept would lose
+    // 20-40 us to the wake-up. Against std::mutex, in one run of
+    // scripts/measure-registry-lock.sh (bench/README.md, three rounds each),
+    // the composite p99.9 was 4.5-5.2 us against 3.9-42.3 us beside dumps of
+    // 2,000 layers and 5.4-5.9 us against 8.7-22.4 us beside registration
+    // bursts, but 9.7-14.3 us against 4.6-6.2 us beside reloads of 100 KB rules.
+    mutable SpinThenBlockMutex mLayerMutex;
+#endif
     // The rules in use (list mode). Immutable once published: a reload builds
     // new rules aside and swaps the pointer, and a dump formats the rules it
     // took a reference to without holding the lock.
