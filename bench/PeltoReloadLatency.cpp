@@ -130,7 +130,7 @@ int reloadLoop(PeltoController& controller, const std::atomic<bool>& stop) {
 // dumped into a configuration nobody uses.
 int parseLoop(const std::atomic<bool>& stop) {
     int parses = 0;
-    const PeltoConfig defaults;
+    const PeltoConfig defaults(PeltoConfig::kDefaultPath);
     while (!stop) {
         const std::unique_ptr<PeltoConfig> config = PeltoConfig::makeReloadOf(defaults);
         config->loadConfig(true);

@@ -791,7 +791,7 @@ extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
     const char* compare = std::getenv("PELTO_FUZZ_COMPARE_FRESH");
     c.compareFresh = compare != nullptr && compare[0] == '1';
     writeRules(kBaselineRules, false);
-    c.defaults = std::make_unique<android::PeltoConfig>();
+    c.defaults = std::make_unique<android::PeltoConfig>(android::PeltoConfig::kDefaultPath);
     return 0;
 }
 

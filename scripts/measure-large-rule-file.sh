@@ -62,7 +62,7 @@ int main(int argc, char** argv) {
     }
     const long rssBefore = maxRssKb();
     const auto start = std::chrono::steady_clock::now();
-    android::PeltoConfig config;
+    android::PeltoConfig config(android::PeltoConfig::kDefaultPath);
     const auto end = std::chrono::steady_clock::now();
     const long rssAfter = maxRssKb();
     std::string dump;
