@@ -22,6 +22,8 @@ constexpr int kWarmUpCompositions = 4;
 
 std::atomic<uint64_t> sLoggedLines{0};
 std::atomic<uint64_t> sEnabledTags{0};
+// Numbers each rule file, so that rigs alive at once keep files apart.
+std::atomic<int> sRuleFiles{0};
 
 void countingLogger(const struct __android_logger_data*, const char*) {
     sLoggedLines.fetch_add(1, std::memory_order_relaxed);
@@ -39,20 +41,21 @@ void formatTraceEvent(const char* format, Args... args) {
 } // namespace
 
 RuleFileOnDisk::RuleFileOnDisk(const std::string& json)
-      : mPath("/tmp/pelto_bench_" + std::to_string(getpid()) + ".json") {
+      : mPath("/tmp/pelto_bench_" + std::to_string(getpid()) + "_" +
+              std::to_string(sRuleFiles.fetch_add(1)) + ".json") {
     std::ofstream(mPath, std::ios::trunc) << json;
-    setenv("PELTO_CONFIG_PATH", mPath.c_str(), 1);
 }
 
 RuleFileOnDisk::~RuleFileOnDisk() {
     std::remove(mPath.c_str());
-    unsetenv("PELTO_CONFIG_PATH");
 }
 
 ListModeRig::ListModeRig(size_t registered, size_t visible)
       : scene(test::makeLayerScene(registered, visible)), rules(scene.ruleFile) {
     host.setVisibleBufferLayers(scene.visible);
-    controller = host.create(/*useList=*/true);
+    PeltoController::PlatformCalls platform;
+    platform.ruleFilePath = rules.path();
+    controller = host.create(/*useList=*/true, platform);
     for (const auto& registration : scene.registrations) {
         controller->registerLayer(registration.layerPtr, registration.name);
     }

@@ -12,8 +12,8 @@
 
 namespace android::bench {
 
-// The rule file of a scene, written to a temporary file that the loader is
-// pointed at (PELTO_CONFIG_PATH) while this lives.
+// The rule file of a scene, written to a temporary file of its own, which is
+// removed when this goes.
 class RuleFileOnDisk {
 public:
     explicit RuleFileOnDisk(const std::string& json);
@@ -22,12 +22,15 @@ public:
     RuleFileOnDisk(const RuleFileOnDisk&) = delete;
     RuleFileOnDisk& operator=(const RuleFileOnDisk&) = delete;
 
+    const std::string& path() const { return mPath; }
+
 private:
     std::string mPath;
 };
 
 // A list-mode controller on the lean host with a scene registered, composited
-// until the decision is steady (On, the active target settled).
+// until the decision is steady (On, the active target settled). The
+// controller loads and reloads the rig's own rule file.
 struct ListModeRig {
     ListModeRig(size_t registered, size_t visible);
     void composite() const;

@@ -15,8 +15,6 @@
 //     S: seconds per row and round, default 5; N: rounds, default 3;
 //     TEXT: run only the rows whose name contains it, after the first quiet
 //     row and the quiet row of their own scene.
-#include <unistd.h>
-
 #include <algorithm>
 #include <atomic>
 #include <chrono>
@@ -128,9 +126,9 @@ int reloadLoop(PeltoController& controller, const std::atomic<bool>& stop) {
 
 // The reload's work outside the controller: the same file read, parsed and
 // dumped into a configuration nobody uses.
-int parseLoop(const std::atomic<bool>& stop) {
+int parseLoop(const std::string& path, const std::atomic<bool>& stop) {
     int parses = 0;
-    const PeltoConfig defaults;
+    const PeltoConfig defaults(path);
     while (!stop) {
         const std::unique_ptr<PeltoConfig> config = PeltoConfig::makeReloadOf(defaults);
         config->loadConfig(true);
@@ -198,15 +196,15 @@ int main(int argc, char** argv) {
     ListModeRig bystander(kRegistered, kVisible);
     // The dumps' scene: the same visible layers among many more registered ones.
     ListModeRig large(kLargeRegistered, kVisible);
-    const std::string path = "/tmp/pelto_reload_latency_" + std::to_string(getpid()) + ".json";
+    // The composited controller's own rule file, which its reloads read.
+    const std::string& path = rig.rules.path();
     const auto writeRules = [&](size_t bytes) {
         std::ofstream(path, std::ios::trunc) << paddedRules(rig.scene.ruleFile, bytes);
     };
-    // From here on the controller reloads from this file.
-    setenv("PELTO_CONFIG_PATH", path.c_str(), 1);
 
     android::PeltoController& controller = *rig.controller;
     const auto reloads = [&](const std::atomic<bool>& stop) { return reloadLoop(controller, stop); };
+    const auto parses = [&](const std::atomic<bool>& stop) { return parseLoop(path, stop); };
     const auto bursts = [&](const std::atomic<bool>& stop) { return burstLoop(controller, stop); };
     const auto bystanderBursts = [&](const std::atomic<bool>& stop) {
         return burstLoop(*bystander.controller, stop);
@@ -224,7 +222,7 @@ int main(int argc, char** argv) {
     for (const auto& [size, bytes] : {std::pair{"1 KB", size_t{1} << 10},
                                       std::pair{"100 KB", size_t{100} << 10},
                                       std::pair{"1 MB", size_t{1} << 20}}) {
-        loads.push_back({std::string("parse only ") + size + " rules", bytes, parseLoop, &rig});
+        loads.push_back({std::string("parse only ") + size + " rules", bytes, parses, &rig});
         loads.push_back({std::string("reload ") + size + " rules", bytes, reloads, &rig});
     }
     loads.push_back(
@@ -261,7 +259,6 @@ int main(int argc, char** argv) {
             rounds[i].push_back(measure(*loads[i].rig, loads[i].name, seconds, loads[i].loop));
         }
     }
-    std::remove(path.c_str());
 
     printf("composite latency, (%zu, %zu) scene unless the row names another, one composite "
            "every %lld us, %d rounds of %.0f s a row; each percentile is the median of the "

@@ -6,6 +6,7 @@
 #include <limits>
 #include <iterator>
 #include <optional>
+#include <utility>
 
 #include <json/json.h>
 #include <log/log.h>
@@ -14,8 +15,6 @@
 
 namespace android {
 namespace {
-
-constexpr const char* kConfigPath = "/system/etc/pelto_config.json";
 
 // A key counts only when it holds something: null, [] and {} are as good as missing.
 bool isPresent(const Json::Value& value) {
@@ -167,7 +166,7 @@ bool loadExceptionRuleEntry(const Json::Value& element, Json::ArrayIndex index,
 
 } // namespace
 
-PeltoConfig::PeltoConfig() {
+PeltoConfig::PeltoConfig(std::string path) : mPath(std::move(path)) {
     // Failures are logged inside; the object stays usable with what was loaded.
     loadConfig(false);
 }
@@ -175,7 +174,7 @@ PeltoConfig::PeltoConfig() {
 PeltoConfig::~PeltoConfig() = default;
 
 std::unique_ptr<PeltoConfig> PeltoConfig::makeReloadOf(const PeltoConfig& previous) {
-    std::unique_ptr<PeltoConfig> config(new PeltoConfig(Unloaded{}));
+    std::unique_ptr<PeltoConfig> config(new PeltoConfig(Unloaded{}, previous.mPath));
     config->mStayOnWhenHasOtherLayer = previous.mStayOnWhenHasOtherLayer;
     config->mUseAdaptiveTimeout = previous.mUseAdaptiveTimeout;
     config->mLoadConfigSucceeded = previous.mLoadConfigSucceeded;
@@ -184,12 +183,13 @@ std::unique_ptr<PeltoConfig> PeltoConfig::makeReloadOf(const PeltoConfig& previo
 
 std::string PeltoConfig::configPath() {
 #ifndef __ANDROID__
-    // Lets host programs and tests point the loader at their own file.
+    // Lets host programs that only call the exported entry points point the
+    // loader at their own file, from one load to the next.
     if (const char* path = std::getenv("PELTO_CONFIG_PATH"); path != nullptr && path[0] != '\0') {
         return path;
     }
 #endif
-    return kConfigPath;
+    return kDefaultPath;
 }
 
 int PeltoConfig::loadConfig(bool reload) {
@@ -201,7 +201,7 @@ int PeltoConfig::loadConfig(bool reload) {
         mExceptionGeneralRule.entries.clear();
     }
     std::string text;
-    if (!readRuleFile(configPath(), text)) {
+    if (!readRuleFile(mPath == kDefaultPath ? configPath() : mPath, text)) {
         return kLoadFailed;
     }
     const int ret = loadConfigText(text);

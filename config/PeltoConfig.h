@@ -5,6 +5,7 @@
 #include <memory>
 #include <string>
 #include <unordered_map>
+#include <utility>
 
 #include "config/PeltoExceptionRule.h"
 
@@ -23,7 +24,8 @@ struct PeltoTargetIgnoreInfo {
 };
 
 // The rule file in memory: target layers, layers to ignore beside a target,
-// exception rules and the general switches. Loads the file on construction.
+// exception rules and the general switches. Loads the file at the path it is
+// given on construction, and reloads from the same path.
 //
 // Has no lock of its own: the owner serialises every call and keeps a reload
 // apart from every lookup, match and dump. Record pointers handed out by the
@@ -33,22 +35,29 @@ public:
     static constexpr int kLoadOk = 0;
     static constexpr int kLoadFailed = -5;
 
-    PeltoConfig();
+    // Where a device keeps its rule file.
+    static constexpr const char* kDefaultPath = "/system/etc/pelto_config.json";
+
+    explicit PeltoConfig(std::string path);
     ~PeltoConfig();
 
-    // An empty configuration that carries `previous`'s switches and load
-    // status, as a reload in place would: loadConfig(true) on it builds the
-    // reloaded rules aside while `previous` stays in use.
+    // An empty configuration that carries `previous`'s rule-file path,
+    // switches and load status, as a reload in place would: loadConfig(true)
+    // on it builds the reloaded rules aside while `previous` stays in use.
     static std::unique_ptr<PeltoConfig> makeReloadOf(const PeltoConfig& previous);
 
     PeltoConfig(const PeltoConfig&) = delete;
     PeltoConfig& operator=(const PeltoConfig&) = delete;
 
-    // The rule file's path: "/system/etc/pelto_config.json". On host builds the
-    // environment variable PELTO_CONFIG_PATH, when set and not empty, replaces it.
+    // The file read for kDefaultPath, the only path the exported entry points
+    // know. On host builds the environment variable PELTO_CONFIG_PATH, when set
+    // and not empty, replaces it, for host programs that reach the library
+    // only through those entry points (pelto-check, pelto-sim).
     static std::string configPath();
 
-    // Reads the rule file; a reload first empties the rule containers. 0 or -5.
+    // Reads the rule file at this configuration's path (configPath() for
+    // kDefaultPath, looked up at each call); a reload first empties the rule
+    // containers. 0 or -5.
     int loadConfig(bool reload);
     // Parses an opened rule file. 0 or -5.
     int loadConfig(std::istream& stream);
@@ -73,7 +82,7 @@ public:
 
 private:
     struct Unloaded {};
-    explicit PeltoConfig(Unloaded) {}
+    PeltoConfig(Unloaded, std::string path) : mPath(std::move(path)) {}
 
     // Parses the rule file's text. 0 or -5.
     int loadConfigText(const std::string& text);
@@ -85,6 +94,7 @@ private:
     bool loadSwitch(const Json::Value& value, const char* key, bool& out);
     void loadExceptionRules(const Json::Value& exceptions);
 
+    const std::string mPath;
     std::unordered_map<std::string, PeltoTargetLayerInfo> mTargetLayers;
     std::unordered_map<std::string, PeltoTargetIgnoreInfo> mTargetIgnoreLayers;
     std::unordered_map<std::string, PeltoExceptionRule> mExceptionRules;

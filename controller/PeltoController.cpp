@@ -83,7 +83,7 @@ PeltoController::PeltoController(bool useList, GetLayerPtrFromHandle getLayerPtr
     }
 
     if (mUseList) {
-        mConfig = std::make_shared<const PeltoConfig>();
+        mConfig = std::make_shared<const PeltoConfig>(platform.ruleFilePath);
         mUseAdaptiveTimeout = mConfig->useAdaptiveTimeout();
     }
 

@@ -101,10 +101,12 @@ public:
     using HostCallback = std::function<void()>;
 
     // The platform calls the controller's own threads make: the fence thread's
-    // naming and priority calls and the timer's descriptor calls.
+    // naming and priority calls and the timer's descriptor calls; and the rule
+    // file that list mode loads at construction and on every reload.
     struct PlatformCalls {
         FenceThreadCalls fenceThread = realFenceThreadCalls();
         scheduler::TimerSyscalls timer = scheduler::realTimerSyscalls();
+        std::string ruleFilePath = PeltoConfig::kDefaultPath;
     };
 
     // Starts the fence thread and the timer; every callback but the traversal
@@ -117,8 +119,9 @@ public:
                                  TriggerVsyncCallback triggerVsyncCallback,
                                  HostCallback triggerEventQueueInvalidate,
                                  HostCallback setHwcPeltoOn, HostCallback setHwcPeltoOff);
-    // As above, with the controller's threads making `platform`'s calls: how
-    // tests and the fuzzer make them fail. Not exported.
+    // As above, with the controller's threads making `platform`'s calls and
+    // list mode loading `platform.ruleFilePath`: how tests and the fuzzer make
+    // those calls fail and bring rule files of their own. Not exported.
     PeltoController(bool useList, GetLayerPtrFromHandle getLayerPtrFromHandle,
                     GetBufferCountFromHandle getBufferCountFromHandle,
                     TraverseVisibleLayers traverseVisibleLayers,

@@ -24,7 +24,6 @@ std::string makeRuleFilePath() {
             : access("/dev/shm", W_OK | X_OK) == 0 ? "/dev/shm"
                                                     : "/tmp";
     path += "/pelto_fuzz_" + std::to_string(getpid()) + ".json";
-    setenv("PELTO_CONFIG_PATH", path.c_str(), 1);
     std::atexit(removeRuleFile);
     return path;
 }

@@ -10,7 +10,7 @@ namespace android::fuzz {
 void silenceLog();
 
 // A rule file of this process's own (under $TMPDIR, else /dev/shm, else /tmp, named after the
-// pid), which PELTO_CONFIG_PATH points the loader at from the first call on.
+// pid), which the fuzzers hand to every configuration and controller they build.
 // The file is removed when the process exits normally.
 const std::string& ruleFilePath();
 

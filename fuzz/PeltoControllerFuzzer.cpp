@@ -718,6 +718,7 @@ PeltoController* buildController(FuzzHost& host, bool useList, unsigned faults) 
     PeltoController::PlatformCalls platform;
     platform.fenceThread = kFaultyFenceCalls;
     platform.timer = faultyTimerSyscalls();
+    platform.ruleFilePath = ruleFilePath();
     return host.create(useList, platform);
 }
 
@@ -791,7 +792,7 @@ extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
     const char* compare = std::getenv("PELTO_FUZZ_COMPARE_FRESH");
     c.compareFresh = compare != nullptr && compare[0] == '1';
     writeRules(kBaselineRules, false);
-    c.defaults = std::make_unique<android::PeltoConfig>();
+    c.defaults = std::make_unique<android::PeltoConfig>(ruleFilePath());
     return 0;
 }
 

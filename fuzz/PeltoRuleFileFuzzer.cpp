@@ -106,7 +106,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     writeRuleFile(data, size);
     const std::vector<std::string> names = namesToLookUp(data, size);
 
-    android::PeltoConfig config;
+    android::PeltoConfig config(ruleFilePath());
     const std::string firstAnswers = answers(config, names);
     std::string firstDump;
     config.dump(firstDump);

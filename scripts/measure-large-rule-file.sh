@@ -36,9 +36,10 @@ print('measure: %s: %d bytes, %d targets' % (sys.argv[1], length + 2, i))
 PY
 
 cat >"$out/load_rule_file.cpp" <<'CPP'
-// Loads the rule file named by PELTO_CONFIG_PATH once, dumps the configuration,
-// and prints the time each took and the process's peak resident size before
-// and after the load.
+// Loads the rule file named by its first argument once, dumps the
+// configuration, and prints the time each took and the process's peak resident
+// size before and after the load.
+//   load_rule_file FILE [--quiet]
 #include <sys/resource.h>
 
 #include <chrono>
@@ -57,12 +58,16 @@ static long maxRssKb() {
 }
 
 int main(int argc, char** argv) {
-    if (argc > 1 && std::strcmp(argv[1], "--quiet") == 0) {
+    if (argc < 2) {
+        std::fprintf(stderr, "usage: %s FILE [--quiet]\n", argv[0]);
+        return 2;
+    }
+    if (argc > 2 && std::strcmp(argv[2], "--quiet") == 0) {
         __android_log_set_minimum_priority(ANDROID_LOG_WARN);
     }
     const long rssBefore = maxRssKb();
     const auto start = std::chrono::steady_clock::now();
-    android::PeltoConfig config;
+    android::PeltoConfig config(argv[1]);
     const auto end = std::chrono::steady_clock::now();
     const long rssAfter = maxRssKb();
     std::string dump;
@@ -84,7 +89,7 @@ g++ -std=c++17 -O2 -I. -isystem /usr/include/android -isystem /usr/include/jsonc
 run() {
   local file=$1 label=$2
   shift 2
-  PELTO_CONFIG_PATH="$file" /usr/bin/time -v "$out/load_rule_file" "$@" \
+  /usr/bin/time -v "$out/load_rule_file" "$file" "$@" \
     2>"$out/time.txt" >"$out/result.txt" || { cat "$out/time.txt" >&2; exit 1; }
   printf 'measure: %-22s %s elapsed=%s max_rss_kb=%s\n' "$label" "$(cat "$out/result.txt")" \
     "$(sed -n 's/.*Elapsed (wall clock) time (h:mm:ss or m:ss): //p' "$out/time.txt")" \
@@ -96,7 +101,7 @@ for i in $(seq "${MEASURE_RUNS:-3}"); do
   run "$out/large.json" "10 MiB, quiet ($i)" --quiet
 done
 # With every info line written (to stderr, discarded), as a host run logs them.
-PELTO_CONFIG_PATH="$out/large.json" /usr/bin/time -v "$out/load_rule_file" \
+/usr/bin/time -v "$out/load_rule_file" "$out/large.json" \
   2>"$out/time.txt" >"$out/result.txt" </dev/null || true
 grep -v '^PeltoConfig' "$out/time.txt" >"$out/time_only.txt" || true
 printf 'measure: %-22s %s elapsed=%s max_rss_kb=%s\n' "10 MiB, info lines" \

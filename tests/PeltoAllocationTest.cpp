@@ -34,7 +34,7 @@ protected:
         mScene = test::makeLayerScene(registered, visible);
         mRules = std::make_unique<ScopedRuleFile>(mScene.ruleFile);
         mHost.setVisibleBufferLayers(mScene.visible);
-        mController = mHost.create(/*useList=*/true);
+        mController = mHost.create(/*useList=*/true, mRules->platform());
         for (const auto& registration : mScene.registrations) {
             mController->registerLayer(registration.layerPtr, registration.name);
         }
@@ -64,7 +64,6 @@ protected:
 };
 
 TEST_F(PeltoAllocationTest, steadyListCompositionAllocatesNothing) {
-    SKIP_WITHOUT_RULE_FILE_PATH();
     startListMode(256, 64);
 
     AllocationCounter counter;
@@ -104,7 +103,6 @@ TEST_F(PeltoAllocationTest, steadyApiCompositionAllocatesNothing) {
 }
 
 TEST_F(PeltoAllocationTest, activeTargetTransactionsAllocateNothingOnceTheRingIsFull) {
-    SKIP_WITHOUT_RULE_FILE_PATH();
     startListMode(256, 64);
     const sp<IBinder> target = LeanCompositor::handleFor(mScene.activeTarget);
     const sp<Fence> fence = new Fence();

@@ -49,10 +49,9 @@ const std::string kMayStayOnRules = rules(false, R"(
 
 class PeltoCompositionTest : public ::testing::Test {
 protected:
-    void SetUp() override { SKIP_WITHOUT_RULE_FILE_PATH(); }
     void start(const std::string& ruleText) {
         mRules = std::make_unique<ScopedRuleFile>(ruleText);
-        mController = mHost.create(/*useList=*/true);
+        mController = mHost.create(/*useList=*/true, mRules->platform());
         mController->registerLayer(kVideo, "video#0");
         mController->registerLayer(kGame, "game#1");
         mController->registerLayer(kSubtitle, "subtitle#0");

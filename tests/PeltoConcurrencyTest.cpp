@@ -30,10 +30,9 @@ constexpr const char* kRulesB = R"({"target_layers": [{"name": "video"}, {"name"
     "exception_rule": [{"layer_screen_size_ratio": {"condition": "1", "value1": 99}}]})";
 
 TEST(PeltoConcurrencyTest, reloadsNeverShowCompositionAHalfBuiltRegistry) {
-    SKIP_WITHOUT_RULE_FILE_PATH();
     ScopedRuleFile rules(kRulesA);
     FakeCompositor host;
-    auto controller = host.create(/*useList=*/true);
+    auto controller = host.create(/*useList=*/true, rules.platform());
     int video = 0;
     int churn[8] = {};
     controller->registerLayer(&video, "video#0");

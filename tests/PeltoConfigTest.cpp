@@ -1,3 +1,5 @@
+#include <cstdio>
+#include <cstdlib>
 #include <fstream>
 #include <limits>
 #include <memory>
@@ -53,10 +55,9 @@ constexpr const char* kRules = R"({
 class PeltoConfigTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        SKIP_WITHOUT_RULE_FILE_PATH();
         mFile.write(R"({"target_layers": [{"name": "old"}], "general_rule":
                         {"on_when_has_other_layer": 0, "use_adaptive_timeout": false}})");
-        mConfig = std::make_unique<PeltoConfig>();
+        mConfig = std::make_unique<PeltoConfig>(mFile.path());
         ASSERT_TRUE(mConfig->loadConfigSucceeded());
         ASSERT_FALSE(mConfig->isAlwaysOn() || mConfig->useAdaptiveTimeout());
         mLog.clear();
@@ -204,6 +205,36 @@ TEST_F(PeltoConfigTest, pathComesFromTheEnvironmentAndTheShippedExampleLoadsClea
               0);
 }
 
+TEST_F(PeltoConfigTest, aConfigurationReadsItsOwnPathAndOnlyTheDevicePathFollowsTheEnvironment) {
+    const std::string elsewhere = mFile.path() + ".elsewhere";
+    std::ofstream(elsewhere, std::ios::trunc) << R"({"target_layers": [{"name": "elsewhere"}]})";
+    setenv("PELTO_CONFIG_PATH", elsewhere.c_str(), 1);
+
+    // The path given at construction, and again by a reload built from it.
+    EXPECT_EQ(reload(R"({"target_layers": [{"name": "own"}]})"), 0);
+    EXPECT_EQ(targetId("own"), 0);
+    const std::unique_ptr<PeltoConfig> reloaded = PeltoConfig::makeReloadOf(*mConfig);
+    EXPECT_EQ(reloaded->loadConfig(true), 0);
+    EXPECT_TRUE(reloaded->isTargetLayer("own", nullptr));
+    EXPECT_FALSE(reloaded->isTargetLayer("elsewhere", nullptr));
+
+#ifdef __ANDROID__
+    EXPECT_EQ(PeltoConfig::configPath(), PeltoConfig::kDefaultPath);
+#else
+    // A host program that only has the exported entry points names the file
+    // read for the device path, at each load.
+    EXPECT_EQ(PeltoConfig::configPath(), elsewhere);
+    PeltoConfig devicePath(PeltoConfig::kDefaultPath);
+    EXPECT_TRUE(devicePath.isTargetLayer("elsewhere", nullptr));
+    setenv("PELTO_CONFIG_PATH", mFile.path().c_str(), 1);
+    EXPECT_EQ(devicePath.loadConfig(true), 0);
+    EXPECT_TRUE(devicePath.isTargetLayer("own", nullptr));
+    EXPECT_FALSE(devicePath.isTargetLayer("elsewhere", nullptr));
+#endif
+    unsetenv("PELTO_CONFIG_PATH");
+    std::remove(elsewhere.c_str());
+}
+
 TEST_F(PeltoConfigDumpTest, lookupsFindExactNamesWithTheLastIdAndTheDumpSortsThem) {
     ASSERT_EQ(reload(kRules), 0);
     EXPECT_EQ(targetId("example.player/VideoSurface"), 2);
@@ -238,7 +269,7 @@ TEST_F(PeltoConfigDumpTest, lookupsFindExactNamesWithTheLastIdAndTheDumpSortsThe
     EXPECT_FALSE(mConfig->isExceptionLayer("empty", nullptr) || mConfig->hasExceptionGeneralRule());
     // Without a file, the defaults.
     mFile.remove();
-    PeltoConfig defaults;
+    PeltoConfig defaults(mFile.path());
     EXPECT_TRUE(defaults.loadConfigSucceeded() && defaults.isAlwaysOn() &&
                 defaults.useAdaptiveTimeout() && !defaults.isTargetLayer("t", nullptr));
 }

@@ -103,10 +103,9 @@ TEST(PeltoControllerLifecycleTest, teardownWhileOnCallsNoCallback) {
 
 TEST(PeltoControllerLifecycleTest, constructionCallsOnlyTheVsyncPeriodOnceAndTracesFourCounters) {
     ScopedFakeTrace trace(true);
-    SKIP_WITHOUT_RULE_FILE_PATH();
     ScopedRuleFile rules(kRules);
     FakeCompositor host;
-    auto controller = host.create(/*useList=*/true);
+    auto controller = host.create(/*useList=*/true, rules.platform());
 
     EXPECT_EQ(host.vsyncPeriodCalls(), 1);
     EXPECT_EQ(host.otherCalls(), 0);

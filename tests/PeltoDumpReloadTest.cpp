@@ -57,7 +57,6 @@ constexpr const char* kConfigText =
 
 class PeltoDumpReloadTest : public ::testing::Test {
 protected:
-    void SetUp() override { SKIP_WITHOUT_RULE_FILE_PATH(); }
     PeltoDumpReloadTest() {
         mController->registerLayer(kVideo, "video#0");
         mController->registerLayer(kSubtitle, "subtitle#0");
@@ -68,7 +67,8 @@ protected:
 
     ScopedRuleFile mRules{kRules};
     FakeCompositor mHost;
-    std::unique_ptr<PeltoController> mController = mHost.create(/*useList=*/true);
+    std::unique_ptr<PeltoController> mController =
+            mHost.create(/*useList=*/true, mRules.platform());
 };
 
 TEST_F(PeltoDumpReloadTest, dumpShowsConfigurationLayersAndStatus) {

@@ -94,7 +94,8 @@ private:
 // for the host lock.
 class LockingHost {
 public:
-    std::unique_ptr<PeltoController> create(bool useList) {
+    std::unique_ptr<PeltoController> create(bool useList,
+                                            const PeltoController::PlatformCalls& platform) {
         return std::make_unique<PeltoController>(
                 useList, wrap(Callback::GetLayerPtrFromHandle, mFake.getLayerPtrFromHandle()),
                 wrap(Callback::GetBufferCountFromHandle, mFake.getBufferCountFromHandle()),
@@ -104,7 +105,7 @@ public:
                 wrap(Callback::TriggerVsyncCallback, mFake.triggerVsyncCallback()),
                 mFake.triggerEventQueueInvalidate(),
                 wrap(Callback::SetHwcPeltoOn, mFake.setHwcPeltoOn()),
-                wrap(Callback::SetHwcPeltoOff, mFake.setHwcPeltoOff()));
+                wrap(Callback::SetHwcPeltoOff, mFake.setHwcPeltoOff()), platform);
     }
     FakeCompositor& fake() { return mFake; }
 
@@ -296,10 +297,11 @@ std::vector<EntryPoint> entryPoints() {
 }
 
 // Runs one pair; returns "" when it finished without the watchdog, or what went wrong.
-std::string runPair(const Driver& driver, Callback callback, const EntryPoint& entry) {
+std::string runPair(const Driver& driver, Callback callback, const EntryPoint& entry,
+                    const ScopedRuleFile& rules) {
     LockingHost host;
     Layers layers;
-    std::unique_ptr<PeltoController> ctl = host.create(driver.useList);
+    std::unique_ptr<PeltoController> ctl = host.create(driver.useList, rules.platform());
     driver.setUp(ctl.get(), host, layers);
 
     std::unique_lock hold(host.hostLock());
@@ -316,7 +318,6 @@ std::string runPair(const Driver& driver, Callback callback, const EntryPoint& e
 }
 
 TEST(PeltoHostLockMatrixTest, everyCallbackMayTakeAHostLockThatOtherEntryPointsRunUnder) {
-    SKIP_WITHOUT_RULE_FILE_PATH();
     ScopedRuleFile rules(kRules);
     std::vector<std::string> failures;
     int pairs = 0;
@@ -325,7 +326,7 @@ TEST(PeltoHostLockMatrixTest, everyCallbackMayTakeAHostLockThatOtherEntryPointsR
             for (const EntryPoint& entry : entryPoints()) {
                 if (entry.calls.count(callback) != 0) continue;
                 ++pairs;
-                const std::string failure = runPair(driver, callback, entry);
+                const std::string failure = runPair(driver, callback, entry, rules);
                 if (!failure.empty()) {
                     failures.push_back(std::string(nameOf(callback)) + " in " + driver.name +
                                        ", host lock held across " + entry.name + ": " + failure);

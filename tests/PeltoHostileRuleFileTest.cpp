@@ -134,8 +134,6 @@ std::vector<HostileFile> hostileFiles() {
 
 class PeltoHostileRuleFileTest : public ::testing::Test {
 protected:
-    void SetUp() override { SKIP_WITHOUT_RULE_FILE_PATH(); }
-
     std::vector<LogLine> problems() const {
         std::vector<LogLine> out;
         for (const LogLine& line : mLog.lines("PeltoConfig")) {
@@ -153,7 +151,7 @@ TEST_F(PeltoHostileRuleFileTest, eachFileLoadsOrIsRejectedWithAReason) {
         SCOPED_TRACE(file.what);
         mFile.write(file.text);
         mLog.clear();
-        PeltoConfig config;
+        PeltoConfig config(mFile.path());
         const bool rejected = file.loadsTarget.empty();
         EXPECT_EQ(config.isTargetLayer(file.loadsTarget, nullptr), !rejected);
         EXPECT_EQ(config.loadConfigSucceeded(), !rejected && std::string(file.error).empty());
@@ -198,7 +196,7 @@ TEST_F(PeltoHostileRuleFileTest, tenMegabytesOfTargetsLoad) {
     text += "]}";
     mFile.write(text);
 
-    PeltoConfig config;
+    PeltoConfig config(mFile.path());
     __android_log_set_minimum_priority(priority);
 
     EXPECT_TRUE(config.loadConfigSucceeded());

@@ -14,7 +14,7 @@ using ::testing::ElementsAre;
 // Rules parsed from text, whatever the rule file on this machine says.
 std::unique_ptr<PeltoConfig> rulesFrom(const std::string& json) {
     test::LogCapture quiet;  // the constructor's own load of the fixed path
-    PeltoConfig fixedPath;
+    PeltoConfig fixedPath(PeltoConfig::kDefaultPath);
     std::unique_ptr<PeltoConfig> rules = PeltoConfig::makeReloadOf(fixedPath);
     std::istringstream stream(json);
     EXPECT_EQ(rules->loadConfig(stream), PeltoConfig::kLoadOk);

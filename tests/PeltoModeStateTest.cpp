@@ -132,12 +132,11 @@ TEST_F(PeltoModeStateTest, setTargetLayerResetsThePaceOnlyForANewLayer) {
 }
 
 TEST(PeltoModeStateListTest, apiCallsUnderListModeLogAnErrorButStoreTheirValue) {
-    SKIP_WITHOUT_RULE_FILE_PATH();
     test::ScopedRuleFile rules(R"({"target_layers": [{"name": "video"}],
         "general_rule": {"on_when_has_other_layer": false, "use_adaptive_timeout": true}})");
     LogCapture log;
     FakeCompositor host;
-    auto controller = host.create(/*useList=*/true);
+    auto controller = host.create(/*useList=*/true, rules.platform());
     int layer = 0;
     host.clearRecords();
     controller->setPeltoEnable(true);

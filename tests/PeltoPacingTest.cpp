@@ -243,12 +243,11 @@ TEST_F(PeltoPacingTest, gatedLinesTellWhatTheTransactionPathDecided) {
 }
 
 TEST(PeltoPacingListTest, onlyTheActiveTargetOfTheRegistryIsSampled) {
-    SKIP_WITHOUT_RULE_FILE_PATH();
     test::ScopedRuleFile rules(R"({"target_layers": [{"name": "video"}, {"name": "game"}],
         "general_rule": {"on_when_has_other_layer": true, "use_adaptive_timeout": true}})");
     FakeClock clock;
     FakeCompositor host;
-    auto controller = host.create(/*useList=*/true);
+    auto controller = host.create(/*useList=*/true, rules.platform());
     int video = 0;
     int game = 0;
     controller->registerLayer(&video, "video#0");

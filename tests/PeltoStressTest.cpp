@@ -72,10 +72,9 @@ private:
 };
 
 TEST(PeltoStressTest, everyEntryPointFromEightThreadsKeepsTheInvariants) {
-    SKIP_WITHOUT_RULE_FILE_PATH();
     ScopedRuleFile rules(kRulesA);
     FakeCompositor host;
-    auto controller = host.create(/*useList=*/true);
+    auto controller = host.create(/*useList=*/true, rules.platform());
     static const char* const kNames[] = {"video#0", "game#0", "sub#0", "kbd#0", "bar#0", "game#1"};
     int layers[6] = {};
     std::vector<sp<IBinder>> handles;

@@ -25,11 +25,12 @@ const LayerHandle* asLayerHandle(const sp<IBinder>& handle) {
 
 } // namespace
 
-std::unique_ptr<PeltoController> LeanCompositor::create(bool useList) {
+std::unique_ptr<PeltoController> LeanCompositor::create(
+        bool useList, const PeltoController::PlatformCalls& platform) {
     return std::make_unique<PeltoController>(
             useList, getLayerPtrFromHandle(), getBufferCountFromHandle(), traverseVisibleLayers(),
             traverseVisibleBufferLayers(), getCurrentVsyncPeriod(), triggerVsyncCallback(),
-            triggerEventQueueInvalidate(), setHwcPeltoOn(), setHwcPeltoOff());
+            triggerEventQueueInvalidate(), setHwcPeltoOn(), setHwcPeltoOff(), platform);
 }
 
 PeltoController::GetLayerPtrFromHandle LeanCompositor::getLayerPtrFromHandle() const {

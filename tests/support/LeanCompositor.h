@@ -26,8 +26,9 @@ public:
 
     static constexpr long kPeriod60Hz = 16'666'666;
 
-    // The controller in the given mode with all nine callbacks.
-    std::unique_ptr<PeltoController> create(bool useList);
+    // The controller in the given mode with all nine callbacks, built with `platform`.
+    std::unique_ptr<PeltoController> create(bool useList,
+                                            const PeltoController::PlatformCalls& platform = {});
 
     // The nine callbacks, for a caller that wraps one or calls them itself.
     PeltoController::GetLayerPtrFromHandle getLayerPtrFromHandle() const;

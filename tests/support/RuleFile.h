@@ -3,28 +3,25 @@
 #include <unistd.h>
 
 #include <cstdio>
-#include <cstdlib>
 #include <fstream>
 #include <string>
 
 #include <gtest/gtest.h>
 
+#include "controller/PeltoController.h"
+
 namespace android::test {
 
-// Points the rule-file loader at a temporary path of its own through PELTO_CONFIG_PATH while it
-// lives, and removes the file afterwards. No file exists there until write(). One at a time.
+// A rule file at a temporary path of its own (under ::testing::TempDir(), writable on a device
+// too), removed when this goes. No file exists there until write(). A configuration or a
+// controller loads it when given path() or platform(). One at a time.
 class ScopedRuleFile {
 public:
     ScopedRuleFile()
-          : mPath(::testing::TempDir() + "pelto_config_" + std::to_string(getpid()) + ".json") {
-        setenv("PELTO_CONFIG_PATH", mPath.c_str(), 1);
-    }
+          : mPath(::testing::TempDir() + "pelto_config_" + std::to_string(getpid()) + ".json") {}
     // The same, with the file written at once.
     explicit ScopedRuleFile(const std::string& json) : ScopedRuleFile() { write(json); }
-    ~ScopedRuleFile() {
-        remove();
-        unsetenv("PELTO_CONFIG_PATH");
-    }
+    ~ScopedRuleFile() { remove(); }
 
     ScopedRuleFile(const ScopedRuleFile&) = delete;
     ScopedRuleFile& operator=(const ScopedRuleFile&) = delete;
@@ -38,6 +35,12 @@ public:
     }
     void remove() const { std::remove(mPath.c_str()); }
     const std::string& path() const { return mPath; }
+    // The real platform calls, with this file as the controller's rule file.
+    PeltoController::PlatformCalls platform() const {
+        PeltoController::PlatformCalls platform;
+        platform.ruleFilePath = mPath;
+        return platform;
+    }
 
 private:
     const std::string mPath;
@@ -45,10 +48,3 @@ private:
 
 } // namespace android::test
 
-// The rule file's path is fixed on a device, so tests that bring their own file run on the host
-// only.
-#ifdef __ANDROID__
-#define SKIP_WITHOUT_RULE_FILE_PATH() GTEST_SKIP() << "the rule file path is fixed on a device"
-#else
-#define SKIP_WITHOUT_RULE_FILE_PATH() static_cast<void>(0)
-#endif

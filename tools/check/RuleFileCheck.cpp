@@ -145,7 +145,8 @@ FileReport RuleFileCheck::check(const std::string& path) {
 
 void RuleFileCheck::loadWithLibrary(const std::string& path, FileReport& report) {
     mLines.clear();
-    // The host build of the library reads its rule file from here.
+    // The host build of the library reads its rule file from here: the
+    // exported entry points, all this tool has, take no path.
     setenv("PELTO_CONFIG_PATH", path.c_str(), 1);
     const auto start = std::chrono::steady_clock::now();
     // A list-mode controller, as a compositor creates it; none of these

@@ -193,7 +193,10 @@ std::string Simulation::ruleLabel(const RuleSource& rules) const {
     return rules.isInline() ? "the scenario's inline rules" : rules.path;
 }
 
-// Points the library's loader at the rule file. Inline rules are written to
+// Points the library's loader at the rule file. The library is reached only
+// through its exported entry points, which take no path, so this is the host
+// build's PELTO_CONFIG_PATH, which the library reads at every load: set again
+// before a reload, it names that reload's file. Inline rules are written to
 // an anonymous in-memory file, reached through /proc/self/fd.
 bool Simulation::useRules(const RuleSource& rules, std::string* error) {
     std::string path = rules.path;
