@@ -476,15 +476,19 @@ bool CaptureParser::dense(const std::vector<SimTime>& ticks,
     const SimTime first = ticks.front() - mStart;
     const SimTime last = ticks.back() - mStart;
     double expected = 0;
+    std::set<double> seen;  // of the known rates only
     for (size_t i = 0; i < rates.size(); ++i) {
         const SimTime from = std::max(first, rates[i].at);
         const SimTime to = std::min(last, i + 1 < rates.size() ? rates[i + 1].at : last);
         if (to > from) expected += static_cast<double>(to - from) / 1e9 * rates[i].refreshHz;
-        for (const RefreshChange& other : rates) {
-            const double ratio = other.refreshHz / rates[i].refreshHz;
+        seen.insert(rates[i].refreshHz);
+    }
+    for (double low : seen) {
+        if (low < 48) return false;
+        for (double high : seen) {
+            const double ratio = high / low;
             if (ratio > 1.5 && std::fabs(ratio - std::round(ratio)) <= 0.03 * ratio) return false;
         }
-        if (rates[i].refreshHz < 48) return false;
     }
     return static_cast<double>(ticks.size() - 1) >= kDenseShare * expected;
 }
@@ -625,8 +629,8 @@ bool CaptureParser::findRefresh() {
         }
     }
     if (pid >= 0) {
-        workRates(mDisplayFrames[pid], pid,
-                  "the shortest steady spacing of the FrameTimeline display frames");
+        workRates(mDisplayFrames[pid], pid, "the FrameTimeline display frames");
+        mCapture.vsyncSource = "the shortest steady spacing of " + mCapture.vsyncSource;
         double hz = 0;
         for (const RefreshChange& r : mCapture.refresh) hz = std::max(hz, r.refreshHz);
         mCapture.refresh.assign(1, {0, hz});
@@ -687,29 +691,46 @@ struct BufferSignal {
     bool absorbed = false;               // an app counter matched to a compositor's
 };
 
+// One rise of a signal's counter.
+struct Rise {
+    SimTime t;
+    size_t signal;
+    bool operator<(const Rise& o) const { return t < o.t; }
+};
+// A time votes for the first this many rises within kMatchWindow after it,
+// so hostile counts of counters rising together cost bounded time.
+constexpr int kMaxRisesAfter = 32;
+
 // The signal, among those `eligible`, whose counter rises within
 // kMatchWindow after at least half of `times`: the one after the most, then
 // a layer's signal before another counter, then the shortest delays; -1
-// when none.
+// when none. `rises` holds every signal's rises in time order.
 template <typename Eligible>
-int matchSignal(const std::vector<SimTime>& times, const std::vector<BufferSignal>& signals,
-                Eligible&& eligible) {
+int matchSignal(const std::vector<SimTime>& times, const std::vector<Rise>& rises,
+                const std::vector<BufferSignal>& signals, Eligible&& eligible) {
+    std::map<size_t, std::pair<size_t, SimTime>> votes;  // signal -> (times, their delays)
+    std::vector<size_t> voted;
+    for (SimTime q : times) {
+        voted.clear();
+        auto it = std::lower_bound(rises.begin(), rises.end(), Rise{q, 0});
+        for (int n = 0; it != rises.end() && it->t - q <= kMatchWindow && n < kMaxRisesAfter;
+             ++it, ++n) {
+            if (!eligible(signals[it->signal]) ||
+                std::find(voted.begin(), voted.end(), it->signal) != voted.end()) {
+                continue;
+            }
+            voted.push_back(it->signal);
+            auto& [count, delays] = votes[it->signal];
+            ++count;
+            delays += it->t - q;
+        }
+    }
     int winner = -1;
     std::tuple<size_t, bool, SimTime> best;
-    for (size_t i = 0; i < signals.size(); ++i) {
-        if (!eligible(signals[i])) continue;
-        const std::vector<SimTime>& rises = *signals[i].rises;
-        size_t votes = 0;
-        SimTime delays = 0;
-        for (SimTime q : times) {
-            const auto it = std::lower_bound(rises.begin(), rises.end(), q);
-            if (it == rises.end() || *it - q > kMatchWindow) continue;
-            ++votes;
-            delays += *it - q;
-        }
-        if (votes == 0 || 2 * votes < times.size()) continue;
+    for (const auto& [i, vote] : votes) {
+        if (2 * vote.first < times.size()) continue;
         const std::tuple<size_t, bool, SimTime> rank{
-                votes, signals[i].kind != BufferSignal::kOtherCounter, -delays};
+                vote.first, signals[i].kind != BufferSignal::kOtherCounter, -vote.second};
         if (winner < 0 || rank > best) {
             winner = static_cast<int>(i);
             best = rank;
@@ -750,6 +771,11 @@ bool CaptureParser::findLayers(std::string* error) {
         s.rises = &series.times;
         signals.push_back(std::move(s));
     }
+    std::vector<Rise> rises;
+    for (size_t i = 0; i < signals.size(); ++i) {
+        for (SimTime t : *signals[i].rises) rises.push_back({t, i});
+    }
+    std::stable_sort(rises.begin(), rises.end());
     const bool compositorLayers =
             std::any_of(signals.begin(), signals.end(), [](const BufferSignal& s) {
                 return s.kind != BufferSignal::kOtherCounter;
@@ -771,7 +797,7 @@ bool CaptureParser::findLayers(std::string* error) {
     // An app's counter names the app's side of a compositor layer it precedes.
     for (BufferSignal& app : signals) {
         if (app.kind != BufferSignal::kAppCounter) continue;
-        const int w = matchSignal(*app.rises, signals, [](const BufferSignal& s) {
+        const int w = matchSignal(*app.rises, rises, signals, [](const BufferSignal& s) {
             return s.kind == BufferSignal::kBufferTx || s.kind == BufferSignal::kLayerCounter;
         });
         if (w < 0) continue;
@@ -781,10 +807,11 @@ bool CaptureParser::findLayers(std::string* error) {
     // Each producer thread's slices go to the signal that follows them.
     std::map<int, std::vector<std::pair<int, std::vector<SimTime>>>> unmatched;  // by pid
     for (auto& [key, times] : mQueueBuffers) {
-        const auto [pid, tid] = key;
+        const int pid = key.first;
+        const int tid = key.second;
         if (pid == sf) continue;
         std::sort(times.begin(), times.end());
-        const int w = matchSignal(times, signals, [&](const BufferSignal& s) {
+        const int w = matchSignal(times, rises, signals, [&](const BufferSignal& s) {
             return !s.absorbed && (s.kind != BufferSignal::kAppCounter || s.pid == pid);
         });
         if (w < 0) {
@@ -908,7 +935,7 @@ bool captureScenario(const Capture& capture, const CapturePlay& play, Scenario* 
              formatMs(capture.duration).c_str(),
              capture.vsyncSource.c_str(), capture.medianPeriodMs);
     s.description = text;
-    Scenario::CaptureFacts& facts = s.capture.emplace();
+    CaptureFacts& facts = s.capture.emplace();
     facts.refreshSource = play.refreshHz > 0 ? "--refresh-hz" : capture.vsyncSource;
     facts.refreshTrusted = capture.refreshTrusted || play.refreshHz > 0;
     facts.refreshGiven = play.refreshHz > 0;

@@ -90,7 +90,7 @@ Json::Value runJson(const Scenario& scenario, const RunRecord& record, const Run
         out["warnings"] = Json::Value(Json::arrayValue);
         for (const std::string& w : capture->warnings) out["warnings"].append(w);
         Json::Value& layers = out["capture_layers"] = Json::Value(Json::arrayValue);
-        for (const Scenario::CaptureFacts::Layer& l : capture->layers) {
+        for (const CaptureFacts::Layer& l : capture->layers) {
             Json::Value layer;
             layer["name"] = l.name;
             layer["buffers"] = Json::Int64(l.buffers);

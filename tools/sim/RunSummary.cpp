@@ -28,7 +28,7 @@ double savedPercent(int64_t fixed, int64_t paced) {
 ContentPace contentPace(const Scenario& scenario, const RunSummary& summary) {
     ContentPace pace;
     if (!scenario.capture || scenario.capture->target.empty()) return pace;
-    for (const Scenario::CaptureFacts::Layer& l : scenario.capture->layers) {
+    for (const CaptureFacts::Layer& l : scenario.capture->layers) {
         if (l.name != scenario.capture->target) continue;
         pace.layer = &l;
         const int64_t fixed = summary.refreshes.fixedTotal();

@@ -36,7 +36,7 @@ double savedPercent(int64_t fixed, int64_t paced);
 // A capture's API-mode target: its buffers, and the share of the run's
 // refreshes a panel refreshing only for them (at the content's pace) saves.
 struct ContentPace {
-    const Scenario::CaptureFacts::Layer* layer = nullptr;
+    const CaptureFacts::Layer* layer = nullptr;
     double savedPercent = 0;
 };
 ContentPace contentPace(const Scenario& scenario, const RunSummary& summary);
