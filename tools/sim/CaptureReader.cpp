@@ -571,6 +571,8 @@ bool CaptureParser::findRefresh() {
             if (m.refreshHz < 1 || m.refreshHz > 1000) continue;  // 0 while the display is off
             modeRates.push_back({m.at - mStart, m.refreshHz});
         }
+        std::stable_sort(modeRates.begin(), modeRates.end(),
+                         [](const RefreshChange& a, const RefreshChange& b) { return a.at < b.at; });
     }
     if (!hwRates.empty() || !modeRates.empty()) {
         size_t windows = 0;
@@ -592,8 +594,11 @@ bool CaptureParser::findRefresh() {
             }
             std::vector<RefreshChange> rates{{0, before}};
             for (const RefreshChange& m : modeRates) {
-                if (m.refreshHz == rates.back().refreshHz) continue;
-                if (m.at == 0) rates.back() = m; else rates.push_back(m);
+                if (m.at == rates.back().at) {
+                    rates.back().refreshHz = m.refreshHz;  // the last of one instant
+                } else if (m.refreshHz != rates.back().refreshHz) {
+                    rates.push_back(m);
+                }
             }
             hwRates = std::move(rates);
             source += (source.empty() ? "" : " and ") + std::string("the counter ") + modeName +
