@@ -11,6 +11,7 @@ packages=(
   libjsoncpp-dev zlib1g-dev
   android-liblog-dev android-libcutils-dev android-libbase-dev android-libutils-dev
   libgtest-dev libgmock-dev libbenchmark-dev
+  jq
   soong
 )
 packages+=("$@")

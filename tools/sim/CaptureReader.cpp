@@ -7,6 +7,8 @@
 #include <filesystem>
 #include <fstream>
 #include <map>
+#include <set>
+#include <tuple>
 
 #include <json/json.h>
 
@@ -19,31 +21,76 @@
 namespace android::tools::sim {
 namespace {
 
-// Vsync counters of the compositor, most direct first.
-constexpr const char* kVsyncCounters[] = {"HW_VSYNC_0", "VSYNC-sf", "VSYNC", "VSYNC-app"};
+// Vsync counters of the compositor after HW_VSYNC_<display>, most direct
+// first. Since Android 11 they tick only on the vsyncs something was
+// scheduled for, so they may show the content's rate rather than the panel's.
+constexpr const char* kVsyncCounters[] = {"VSYNC-sf", "VSYNC", "VSYNC-app"};
+// The compositor's counters of the panel's mode, in frames a second: the
+// rate the composer applied first.
+constexpr const char* kModeCounters[] = {"ActiveModeFPS_HWC", "ActiveModeFPS",
+                                         "ActiveConfigFPS_HWC", "ActiveConfigFPS"};
 // Slices the compositor begins once per composition, for a capture without
-// vsync counters.
+// vsync counters; newer releases add the vsync id ("commit 1234").
 constexpr const char* kCompositionSlices[] = {"onMessageRefresh", "handleMessageRefresh",
-                                              "composite", "onMessageReceived", "handlePageFlip"};
+                                              "composite", "onMessageReceived", "handlePageFlip",
+                                              "commit"};
 // Refresh rates a measured period is rounded to when it is within 3 %.
 constexpr double kKnownRates[] = {24, 25, 30, 48, 50, 60, 72, 75, 90, 96, 100, 120, 144, 165, 240};
-// A new rate counts once this many vsync intervals in a row show it.
+// A new rate counts once this many vsync intervals in a row show it; inside
+// a resync window of the hardware vsync, fewer do, as each tick is a vsync.
 constexpr int kRateRun = 6;
+constexpr int kHwRateRun = 3;
+// A signal that ticks on fewer than this share of the vsyncs its rate makes
+// ticks only when there is work.
+constexpr double kDenseShare = 0.75;
 // An app's queueBuffer is matched to the layer counter that rises within this.
 constexpr SimTime kMatchWindow = 20'000'000;
 
-// The compositor's counters that are not a layer's queued buffers.
+bool startsWith(const std::string& text, const char* prefix) {
+    return text.rfind(prefix, 0) == 0;
+}
+
+bool allDigits(const std::string& text, size_t from) {
+    return from < text.size() &&
+            std::all_of(text.begin() + static_cast<long>(from), text.end(),
+                        [](char c) { return c >= '0' && c <= '9'; });
+}
+
+// HW_VSYNC_<physical display id> (HW_VSYNC_0 before Android 11).
+bool isHwVsync(const std::string& name) {
+    return startsWith(name, "HW_VSYNC_") && allDigits(name, 9);
+}
+
+bool isModeCounter(const std::string& name) {
+    return std::any_of(std::begin(kModeCounters), std::end(kModeCounters),
+                       [&](const char* m) { return startsWith(name, m); });
+}
+
+// A counter that toggles once per vsync it shows.
+bool isVsyncCounter(const std::string& name) {
+    return isHwVsync(name) || std::any_of(std::begin(kVsyncCounters), std::end(kVsyncCounters),
+                                          [&](const char* v) { return name == v; });
+}
+
+// The compositor's counters that cannot be a layer's queued buffers.
 bool isLayerCounter(const std::string& name) {
     static const char* kNotLayers[] = {"VSYNC", "HW_VSYNC", "Pelto", "HwcPeltoMode"};
     for (const char* prefix : kNotLayers) {
-        if (name.rfind(prefix, 0) == 0) return false;
+        if (startsWith(name, prefix)) return false;
     }
-    return name.find("FrameMissed") == std::string::npos;
+    return !isModeCounter(name) && name.find("FrameMissed") == std::string::npos;
 }
 
-std::string layerOfCounter(const std::string& name) {
-    static const std::string kBufferTx = "BufferTX - ";
-    return name.rfind(kBufferTx, 0) == 0 ? name.substr(kBufferTx.size()) : name;
+// A layer's name ends in "#<sequence>" ("StatusBar#74", "...(BLAST)#1077").
+bool layerLikeName(const std::string& name) {
+    const size_t hash = name.rfind('#');
+    return hash != std::string::npos && hash > 0 && allDigits(name, hash + 1);
+}
+
+// A slice name without the vsync id newer releases add.
+std::string sliceName(const std::string& name) {
+    const size_t space = name.rfind(' ');
+    return space != std::string::npos && allDigits(name, space + 1) ? name.substr(0, space) : name;
 }
 
 struct Series {
@@ -69,9 +116,13 @@ private:
     bool readPerfettoTrace(std::string* error);
     bool keep(size_t bytes, std::string* error);
     std::string where() const;
-    bool frameTimelineLayers(int compositorPid);
     bool finish(std::string* error);
-    void findRefresh(const std::vector<SimTime>& ticks);
+    std::vector<RefreshChange> readRates(const std::vector<SimTime>& ticks, int run,
+                                         double* medianMs) const;
+    bool dense(const std::vector<SimTime>& ticks, const std::vector<RefreshChange>& rates) const;
+    void workRates(std::vector<SimTime>& ticks, int pid, const std::string& what);
+    bool findRefresh();
+    bool findLayers(std::string* error);
 
     Capture& mCapture;
     const int64_t mMaxKept;
@@ -92,8 +143,11 @@ private:
     int64_t mEvents = 0;
     std::map<std::pair<int, std::string>, Series> mCounters;        // (pid, name)
     std::map<std::pair<int, std::string>, std::vector<SimTime>> mSlices;  // composition slices
-    std::map<int, std::vector<SimTime>> mQueueBuffers;               // by app pid
+    std::map<std::pair<int, int>, std::vector<SimTime>> mQueueBuffers;  // by (pid, tid)
     std::map<int, std::string> mTaskNames;                           // pid -> its main thread
+    std::map<int, std::string> mThreadNames;                         // tid of a producer -> name
+    // The panel mode counters' values, at each change, by (pid, name).
+    std::map<std::pair<int, std::string>, std::vector<RefreshChange>> mModes;
     // A Perfetto trace's FrameTimeline: compositions by compositor pid, and
     // buffers by layer.
     bool mPerfetto = false;
@@ -253,12 +307,17 @@ bool CaptureParser::mark(const EventLine& e, SimTime t, std::string* error) {
         if (argsBar != std::string::npos) name.resize(argsBar);
         if (name == "queueBuffer" || name.rfind("queueBuffer ", 0) == 0) {
             if (!keep(sizeof(SimTime), error)) return false;
-            mQueueBuffers[pid].push_back(t);
+            if (!mThreadNames.count(e.tid)) {
+                if (!keep(e.task.size() + 64, error)) return false;
+                mThreadNames[e.tid] = e.task;
+            }
+            mQueueBuffers[{pid, e.tid}].push_back(t);
         }
+        const std::string bare = sliceName(name);
         for (const char* slice : kCompositionSlices) {
-            if (name != slice) continue;
+            if (bare != slice) continue;
             if (!keep(sizeof(SimTime), error)) return false;
-            mSlices[{pid, name}].push_back(t);
+            mSlices[{pid, bare}].push_back(t);
         }
         return true;
     }
@@ -272,9 +331,14 @@ bool CaptureParser::mark(const EventLine& e, SimTime t, std::string* error) {
     const auto key = std::make_pair(pid, name);
     if (!mCounters.count(key) && !keep(name.size() + 96, error)) return false;
     Series& series = mCounters[key];
-    const bool vsync = std::find_if(std::begin(kVsyncCounters), std::end(kVsyncCounters),
-                                    [&](const char* v) { return name == v; }) !=
-            std::end(kVsyncCounters);
+    if (isModeCounter(name)) {
+        std::vector<RefreshChange>& modes = mModes[key];
+        if (modes.empty() || modes.back().refreshHz != static_cast<double>(value)) {
+            if (!keep(sizeof(RefreshChange), error)) return false;
+            modes.push_back({t, static_cast<double>(value)});
+        }
+    }
+    const bool vsync = isVsyncCounter(name);
     // A vsync counter toggles once per vsync; a layer's counter rises once per buffer.
     if (vsync ? value != series.last || series.times.empty() : value > series.last) {
         if (!keep(sizeof(SimTime), error)) return false;
@@ -363,15 +427,18 @@ bool CaptureParser::readPerfettoTrace(std::string* error) {
 }
 
 // Vsync ticks to refresh rates: each interval is rounded to a known rate; a
-// rate counts from the first of kRateRun intervals in a row that show it, so
-// an idle gap or a missed vsync does not read as a change.
-void CaptureParser::findRefresh(const std::vector<SimTime>& ticks) {
+// rate counts from the first of `run` intervals in a row that show it, so
+// an idle gap or a missed vsync does not read as a change. Times from the
+// capture's start; empty when no rate is steady.
+std::vector<RefreshChange> CaptureParser::readRates(const std::vector<SimTime>& ticks, int run,
+                                                    double* medianMs) const {
+    std::vector<RefreshChange> rates;
     std::vector<SimTime> intervals;
     for (size_t i = 1; i < ticks.size(); ++i) intervals.push_back(ticks[i] - ticks[i - 1]);
-    if (intervals.empty()) return;
+    if (intervals.empty()) return rates;
     std::vector<SimTime> sorted = intervals;
     std::nth_element(sorted.begin(), sorted.begin() + sorted.size() / 2, sorted.end());
-    mCapture.medianPeriodMs = static_cast<double>(sorted[sorted.size() / 2]) / 1e6;
+    *medianMs = static_cast<double>(sorted[sorted.size() / 2]) / 1e6;
     const auto rateOf = [](SimTime interval) {
         const double hz = 1e9 / static_cast<double>(interval);
         for (double known : kKnownRates) {
@@ -380,26 +447,205 @@ void CaptureParser::findRefresh(const std::vector<SimTime>& ticks) {
         return 0.0;
     };
     double runRate = 0;
-    int run = 0;
+    int length = 0;
     SimTime runStart = 0;
     for (size_t i = 0; i < intervals.size(); ++i) {
-        const double hz = rateOf(intervals[i]);
+        const double hz = intervals[i] > 0 ? rateOf(intervals[i]) : 0;
         if (hz == 0 || hz != runRate) {
             runRate = hz;
-            run = 0;
+            length = 0;
             runStart = ticks[i] - mStart;
         }
-        if (hz == 0 || ++run != kRateRun) continue;
-        if (mCapture.refresh.empty()) {
-            mCapture.refresh.push_back({0, hz});
-        } else if (mCapture.refresh.back().refreshHz != hz) {
-            mCapture.refresh.push_back({runStart, hz});
+        if (hz == 0 || ++length != run) continue;
+        if (rates.empty()) {
+            rates.push_back({0, hz});
+        } else if (rates.back().refreshHz != hz) {
+            rates.push_back({runStart, hz});
         }
     }
-    if (mCapture.refresh.empty()) {
+    return rates;
+}
+
+// Whether ticks come on every vsync: on at least kDenseShare of the vsyncs
+// their rates make between the first and the last, and with no rate a whole
+// multiple of another (24 Hz runs between 120 Hz ones: a 120 Hz panel ticked
+// on every fifth vsync) and none below 48 Hz, which few panels run at.
+bool CaptureParser::dense(const std::vector<SimTime>& ticks,
+                          const std::vector<RefreshChange>& rates) const {
+    if (ticks.size() < 2 || rates.empty()) return true;
+    const SimTime first = ticks.front() - mStart;
+    const SimTime last = ticks.back() - mStart;
+    double expected = 0;
+    std::set<double> seen;  // of the known rates only
+    for (size_t i = 0; i < rates.size(); ++i) {
+        const SimTime from = std::max(first, rates[i].at);
+        const SimTime to = std::min(last, i + 1 < rates.size() ? rates[i + 1].at : last);
+        if (to > from) expected += static_cast<double>(to - from) / 1e9 * rates[i].refreshHz;
+        seen.insert(rates[i].refreshHz);
+    }
+    for (double low : seen) {
+        if (low < 48) return false;
+        for (double high : seen) {
+            const double ratio = high / low;
+            if (ratio > 1.5 && std::fabs(ratio - std::round(ratio)) <= 0.03 * ratio) return false;
+        }
+    }
+    return static_cast<double>(ticks.size() - 1) >= kDenseShare * expected;
+}
+
+// A signal that ticks when the compositor has work: when it ticks on most
+// vsyncs, its rates as they are; else its fastest steady rate throughout, a
+// floor for the panel's, said in the warning.
+void CaptureParser::workRates(std::vector<SimTime>& ticks, int pid, const std::string& what) {
+    std::sort(ticks.begin(), ticks.end());
+    mCapture.compositorPid = pid;
+    mCapture.vsyncSource = what + " of pid " + std::to_string(pid);
+    std::vector<RefreshChange> rates = readRates(ticks, kRateRun, &mCapture.medianPeriodMs);
+    if (rates.empty()) {
         // No steady known rate: the median spacing, as it is.
         mCapture.refresh.push_back({0, std::round(1e5 / mCapture.medianPeriodMs) / 100});
+        mCapture.refreshTrusted = false;
+        mCapture.refreshWarning = what + " shows no steady known rate; the median spacing is taken";
+        return;
     }
+    if (dense(ticks, rates)) {
+        mCapture.refresh = std::move(rates);
+        return;
+    }
+    double hz = 0;
+    for (const RefreshChange& r : rates) hz = std::max(hz, r.refreshHz);
+    const double span = static_cast<double>(ticks.back() - ticks.front()) / 1e9;
+    char text[400];
+    snprintf(text, sizeof(text),
+             "%s ticks on %zu of the %.0f vsyncs a %g Hz panel makes in %.3f s: it ticks only "
+             "when there is work, so %g Hz (its fastest steady rate) is a floor for the panel's "
+             "rate; give the panel's with --refresh-hz",
+             what.c_str(), ticks.size(), span * hz + 1, hz, span, hz);
+    mCapture.refresh.assign(1, {0, hz});
+    mCapture.refreshTrusted = false;
+    mCapture.vsyncSparse = true;
+    mCapture.refreshWarning = text;
+}
+
+// The panel's rate: the spacing of the hardware vsync inside the windows
+// where the compositor re-syncs its model to it, with the mode counter's
+// changes; else a signal that ticks when there is work (see workRates).
+bool CaptureParser::findRefresh() {
+    const Series* hw = nullptr;
+    int hwPid = -1;
+    std::string hwName;
+    for (const auto& [key, series] : mCounters) {
+        if (!isHwVsync(key.second) || (hw != nullptr && series.times.size() <= hw->times.size())) {
+            continue;
+        }
+        hw = &series;
+        hwPid = key.first;
+        hwName = key.second;
+    }
+    std::vector<RefreshChange> hwRates;
+    std::vector<SimTime> hwTicks;
+    if (hw != nullptr && hw->times.size() > kHwRateRun) {
+        hwTicks = hw->times;
+        std::sort(hwTicks.begin(), hwTicks.end());
+        hwRates = readRates(hwTicks, kHwRateRun, &mCapture.medianPeriodMs);
+    }
+    // The mode counter: of the compositor when it is known, else the one
+    // with the most changes.
+    const std::vector<RefreshChange>* modes = nullptr;
+    std::string modeName;
+    int modePid = -1;
+    for (const char* prefix : kModeCounters) {
+        for (const auto& [key, values] : mModes) {
+            if (!startsWith(key.second, prefix) || (hw != nullptr && key.first != hwPid)) continue;
+            if (modes == nullptr || values.size() > modes->size()) {
+                modes = &values;
+                modeName = key.second;
+                modePid = key.first;
+            }
+        }
+        if (modes != nullptr) break;
+    }
+    std::vector<RefreshChange> modeRates;
+    if (modes != nullptr) {
+        for (const RefreshChange& m : *modes) {
+            if (m.refreshHz < 1 || m.refreshHz > 1000) continue;  // 0 while the display is off
+            modeRates.push_back({m.at - mStart, m.refreshHz});
+        }
+        std::stable_sort(modeRates.begin(), modeRates.end(),
+                         [](const RefreshChange& a, const RefreshChange& b) { return a.at < b.at; });
+    }
+    if (!hwRates.empty() || !modeRates.empty()) {
+        size_t windows = 0;
+        for (size_t i = 0; i < hwTicks.size(); ++i) {
+            if (i == 0 || hwTicks[i] - hwTicks[i - 1] > 4 * vsyncPeriodOf(kKnownRates[0])) ++windows;
+        }
+        std::string source;
+        if (!hwRates.empty()) {
+            source = "the resync windows of " + hwName + " (pid " + std::to_string(hwPid) + ": " +
+                    std::to_string(windows) + " windows, " + std::to_string(hwTicks.size()) +
+                    " vsyncs)";
+        }
+        if (!modeRates.empty()) {
+            // Before the mode counter's first change: the rate the windows
+            // showed then, else its first value.
+            double before = modeRates.front().refreshHz;
+            for (const RefreshChange& r : hwRates) {
+                if (r.at < modeRates.front().at) before = r.refreshHz;
+            }
+            std::vector<RefreshChange> rates{{0, before}};
+            for (const RefreshChange& m : modeRates) {
+                if (m.at == rates.back().at) {
+                    rates.back().refreshHz = m.refreshHz;  // the last of one instant
+                } else if (m.refreshHz != rates.back().refreshHz) {
+                    rates.push_back(m);
+                }
+            }
+            hwRates = std::move(rates);
+            source += (source.empty() ? "" : " and ") + std::string("the counter ") + modeName +
+                    " of pid " + std::to_string(modePid);
+            if (hwPid < 0) hwPid = modePid;
+        }
+        mCapture.compositorPid = hwPid;
+        mCapture.vsyncSource = source;
+        mCapture.refresh = std::move(hwRates);
+        return true;
+    }
+    for (const char* counter : kVsyncCounters) {
+        for (auto& [key, series] : mCounters) {
+            if (key.second != counter || series.times.size() < kRateRun + 1) continue;
+            workRates(series.times, key.first, std::string("the counter ") + counter);
+            return true;
+        }
+    }
+    for (const char* slice : kCompositionSlices) {
+        for (auto& [key, times] : mSlices) {
+            if (key.second != slice || times.size() < kRateRun + 1) continue;
+            workRates(times, key.first, std::string("the spacing of the slices ") + slice);
+            return true;
+        }
+    }
+    // FrameTimeline's display frames: one per composition, so their spacing
+    // is a multiple of the period and the shortest steady one is the period.
+    // The panel's own rate changes are not in them.
+    int pid = -1;
+    for (const auto& [p, times] : mDisplayFrames) {
+        if (times.size() >= kRateRun + 1 && (pid < 0 || times.size() > mDisplayFrames[pid].size())) {
+            pid = p;
+        }
+    }
+    if (pid >= 0) {
+        workRates(mDisplayFrames[pid], pid, "the FrameTimeline display frames");
+        mCapture.vsyncSource = "the shortest steady spacing of " + mCapture.vsyncSource;
+        double hz = 0;
+        for (const RefreshChange& r : mCapture.refresh) hz = std::max(hz, r.refreshHz);
+        mCapture.refresh.assign(1, {0, hz});
+        return true;
+    }
+    if (!hwTicks.empty()) {
+        workRates(hwTicks, hwPid, "the counter " + hwName);
+        return true;
+    }
+    return false;
 }
 
 bool CaptureParser::finish(std::string* error) {
@@ -423,76 +669,126 @@ bool CaptureParser::finish(std::string* error) {
                                  " atrace marks without a name or a value, left out");
     }
     mCapture.duration = mEnd - mStart + 1;
-    // The refresh period: the compositor's vsync counters by preference, then
-    // the spacing of its composition slices.
-    for (const char* counter : kVsyncCounters) {
-        for (auto& [key, series] : mCounters) {
-            if (key.second != counter || series.times.size() < kRateRun + 1) continue;
-            mCapture.compositorPid = key.first;
-            mCapture.vsyncSource = std::string("the counter ") + counter + " of pid " +
-                    std::to_string(key.first);
-            std::sort(series.times.begin(), series.times.end());
-            findRefresh(series.times);
-            break;
-        }
-        if (mCapture.compositorPid >= 0) break;
-    }
-    if (mCapture.compositorPid < 0) {
-        for (const char* slice : kCompositionSlices) {
-            for (auto& [key, times] : mSlices) {
-                if (key.second != slice || times.size() < kRateRun + 1) continue;
-                mCapture.compositorPid = key.first;
-                mCapture.vsyncSource = std::string("the spacing of the slices ") + slice +
-                        " of pid " + std::to_string(key.first);
-                std::sort(times.begin(), times.end());
-                findRefresh(times);
-                break;
-            }
-            if (mCapture.compositorPid >= 0) break;
-        }
-    }
-    if (mCapture.compositorPid < 0) {
-        // FrameTimeline's display frames: one per composition, so their
-        // spacing is a multiple of the period and the shortest steady one is
-        // the period. The panel's own rate changes are not in them.
-        int pid = -1;
-        for (const auto& [p, times] : mDisplayFrames) {
-            if (times.size() >= kRateRun + 1 && (pid < 0 || times.size() > mDisplayFrames[pid].size())) {
-                pid = p;
-            }
-        }
-        if (pid >= 0) {
-            std::vector<SimTime>& times = mDisplayFrames[pid];
-            std::sort(times.begin(), times.end());
-            mCapture.compositorPid = pid;
-            mCapture.vsyncSource = "the shortest steady spacing of the FrameTimeline display "
-                                   "frames of pid " + std::to_string(pid);
-            findRefresh(times);
-            double hz = 0;
-            for (const RefreshChange& r : mCapture.refresh) hz = std::max(hz, r.refreshHz);
-            mCapture.refresh.assign(1, {0, hz});
-        }
-    }
-    if (mCapture.compositorPid < 0) {
-        *error = path + ": no vsync signal: no compositor counter HW_VSYNC_0, VSYNC-sf, VSYNC "
-                        "or VSYNC-app and no composition slices (onMessageRefresh, "
-                        "handleMessageRefresh, composite, onMessageReceived, handlePageFlip)" +
+    if (!findRefresh()) {
+        *error = path + ": no vsync signal: no compositor counter HW_VSYNC_<display>, VSYNC-sf, "
+                        "VSYNC or VSYNC-app and no composition slices (onMessageRefresh, "
+                        "handleMessageRefresh, composite, onMessageReceived, handlePageFlip, "
+                        "commit)" +
                 (mPerfetto ? std::string(" and no FrameTimeline display frames") : "") +
                 "; capture with the gfx category";
         return false;
     }
-    const int sf = mCapture.compositorPid;
-    // The layers' queued-buffer counters in the compositor's process.
-    std::map<std::string, std::vector<SimTime>> counterLayers;
-    for (auto& [key, series] : mCounters) {
-        if (key.first != sf || !isLayerCounter(key.second) || series.times.empty()) continue;
-        std::sort(series.times.begin(), series.times.end());
-        counterLayers[layerOfCounter(key.second)] = series.times;
+    return findLayers(error);
+}
+
+// A signal of a layer's buffers: a counter that rises once per buffer.
+struct BufferSignal {
+    enum Kind { kBufferTx, kLayerCounter, kOtherCounter, kAppCounter };
+    std::string layer;
+    std::string counter;
+    int pid = 0;
+    Kind kind = kOtherCounter;
+    const std::vector<SimTime>* rises = nullptr;
+    std::vector<SimTime> producerTimes;  // the queueBuffer slices matched to it
+    std::vector<std::string> producers;
+    std::set<int> producerPids;
+    std::string appCounter;              // an app's QueuedBuffer counter matched to it
+    bool absorbed = false;               // an app counter matched to a compositor's
+};
+
+// One rise of a signal's counter.
+struct Rise {
+    SimTime t;
+    size_t signal;
+    bool operator<(const Rise& o) const { return t < o.t; }
+};
+// A time votes for the first this many rises within kMatchWindow after it,
+// so hostile counts of counters rising together cost bounded time.
+constexpr int kMaxRisesAfter = 32;
+
+// The signal, among those `eligible`, whose counter rises within
+// kMatchWindow after at least half of `times`: the one after the most, then
+// a layer's signal before another counter, then the shortest delays; -1
+// when none. `rises` holds every signal's rises in time order.
+template <typename Eligible>
+int matchSignal(const std::vector<SimTime>& times, const std::vector<Rise>& rises,
+                const std::vector<BufferSignal>& signals, Eligible&& eligible) {
+    std::map<size_t, std::pair<size_t, SimTime>> votes;  // signal -> (times, their delays)
+    std::vector<size_t> voted;
+    for (SimTime q : times) {
+        voted.clear();
+        auto it = std::lower_bound(rises.begin(), rises.end(), Rise{q, 0});
+        for (int n = 0; it != rises.end() && it->t - q <= kMatchWindow && n < kMaxRisesAfter;
+             ++it, ++n) {
+            if (!eligible(signals[it->signal]) ||
+                std::find(voted.begin(), voted.end(), it->signal) != voted.end()) {
+                continue;
+            }
+            voted.push_back(it->signal);
+            auto& [count, delays] = votes[it->signal];
+            ++count;
+            delays += it->t - q;
+        }
     }
+    int winner = -1;
+    std::tuple<size_t, bool, SimTime> best;
+    for (const auto& [i, vote] : votes) {
+        if (2 * vote.first < times.size()) continue;
+        const std::tuple<size_t, bool, SimTime> rank{
+                vote.first, signals[i].kind != BufferSignal::kOtherCounter, -vote.second};
+        if (winner < 0 || rank > best) {
+            winner = static_cast<int>(i);
+            best = rank;
+        }
+    }
+    return winner;
+}
+
+// Each buffer to its layer, in order of trust: the compositor's
+// "BufferTX - <layer>" counter, an app's "QueuedBuffer - <name>" counter,
+// then the producer thread of queueBuffer slices matched to a counter. A
+// compositor counter is a layer only when it carries buffers: a BufferTX
+// prefix, a layer's "#N" name, or a producer whose slices it follows.
+bool CaptureParser::findLayers(std::string* error) {
+    const std::string& path = mCapture.path;
+    const int sf = mCapture.compositorPid;
+    std::vector<BufferSignal> signals;
+    for (auto& [key, series] : mCounters) {
+        if (series.times.empty()) continue;
+        BufferSignal s;
+        s.counter = key.second;
+        s.pid = key.first;
+        if (key.first == sf && isLayerCounter(key.second)) {
+            static const char* kBufferTx = "BufferTX - ";
+            const bool tx = startsWith(key.second, kBufferTx);
+            s.layer = tx ? key.second.substr(strlen(kBufferTx)) : key.second;
+            s.kind = tx ? BufferSignal::kBufferTx
+                        : layerLikeName(key.second) ? BufferSignal::kLayerCounter
+                                                    : BufferSignal::kOtherCounter;
+        } else if (key.first != sf && startsWith(key.second, "QueuedBuffer - ")) {
+            s.layer = key.second.substr(15);
+            s.kind = BufferSignal::kAppCounter;
+        } else {
+            continue;
+        }
+        if (s.layer.empty()) continue;
+        std::sort(series.times.begin(), series.times.end());
+        s.rises = &series.times;
+        signals.push_back(std::move(s));
+    }
+    std::vector<Rise> rises;
+    for (size_t i = 0; i < signals.size(); ++i) {
+        for (SimTime t : *signals[i].rises) rises.push_back({t, i});
+    }
+    std::stable_sort(rises.begin(), rises.end());
+    const bool compositorLayers =
+            std::any_of(signals.begin(), signals.end(), [](const BufferSignal& s) {
+                return s.kind != BufferSignal::kOtherCounter;
+            });
     // Without such counters, FrameTimeline's surface frames that carried a
     // buffer are each layer's buffers (an app's queueBuffer slices would
     // count the same buffers again).
-    if (counterLayers.empty() && !mSurfaceFrames.empty()) {
+    if (!compositorLayers && !mSurfaceFrames.empty()) {
         mQueueBuffers.clear();
         for (auto& [name, frames] : mSurfaceFrames) {
             auto& [pid, times] = frames;
@@ -503,37 +799,103 @@ bool CaptureParser::finish(std::string* error) {
             mCapture.layers.push_back(std::move(layer));
         }
     }
-    // Each app process's queueBuffer slices go to the layer whose counter
-    // rises right after most of them.
-    std::map<std::string, int> layerPid;
-    for (auto& [pid, times] : mQueueBuffers) {
+    // An app's counter names the app's side of a compositor layer it precedes.
+    for (BufferSignal& app : signals) {
+        if (app.kind != BufferSignal::kAppCounter) continue;
+        const int w = matchSignal(*app.rises, rises, signals, [](const BufferSignal& s) {
+            return s.kind == BufferSignal::kBufferTx || s.kind == BufferSignal::kLayerCounter;
+        });
+        if (w < 0) continue;
+        signals[w].appCounter = app.counter;
+        app.absorbed = true;
+    }
+    // Each producer thread's slices go to the signal that follows them.
+    std::map<int, std::vector<std::pair<int, std::vector<SimTime>>>> unmatched;  // by pid
+    for (auto& [key, times] : mQueueBuffers) {
+        const int pid = key.first;
+        const int tid = key.second;
         if (pid == sf) continue;
         std::sort(times.begin(), times.end());
-        std::map<std::string, int> votes;
-        for (const auto& [layer, rises] : counterLayers) {
-            for (SimTime q : times) {
-                const auto it = std::lower_bound(rises.begin(), rises.end(), q);
-                if (it != rises.end() && *it - q <= kMatchWindow) ++votes[layer];
-            }
+        const int w = matchSignal(times, rises, signals, [&](const BufferSignal& s) {
+            return !s.absorbed && (s.kind != BufferSignal::kAppCounter || s.pid == pid);
+        });
+        if (w < 0) {
+            unmatched[pid].emplace_back(tid, times);
+            continue;
         }
-        std::string best;
-        for (const auto& [layer, n] : votes) {
-            if (best.empty() || n > votes[best]) best = layer;
-        }
-        const std::string task = mTaskNames.count(pid) ? mTaskNames[pid] : "";
-        if (best.empty() || layerPid.count(best)) {
-            best = "queueBuffer of pid " + std::to_string(pid) + (task.empty() ? "" : " " + task);
-        }
-        layerPid[best] = pid;
-        Capture::Layer layer{best, {}, "the queueBuffer slices of pid " + std::to_string(pid)};
-        for (SimTime q : times) layer.buffers.push_back(q - mStart);
-        mCapture.layers.push_back(std::move(layer));
+        BufferSignal& s = signals[w];
+        s.producerTimes.insert(s.producerTimes.end(), times.begin(), times.end());
+        s.producerPids.insert(pid);
+        s.producers.push_back(mThreadNames[tid] + " (tid " + std::to_string(tid) + ") of pid " +
+                              std::to_string(pid));
     }
-    for (const auto& [name, rises] : counterLayers) {
-        if (layerPid.count(name)) continue;
-        Capture::Layer layer{name, {}, "its queued-buffer counter in the compositor"};
-        for (SimTime r : rises) layer.buffers.push_back(r - mStart);
+    std::map<std::string, bool> named;
+    const auto add = [&](Capture::Layer layer) {
+        if (named[layer.name]) return;  // a name twice: the more trusted signal's
+        named[layer.name] = true;
         mCapture.layers.push_back(std::move(layer));
+    };
+    const auto joined = [](const std::vector<std::string>& list) {
+        std::string out;
+        for (const std::string& item : list) out += (out.empty() ? "" : ", ") + item;
+        return out;
+    };
+    for (BufferSignal& s : signals) {
+        if (s.absorbed || (!compositorLayers && !mSurfaceFrames.empty())) continue;
+        std::sort(s.producerTimes.begin(), s.producerTimes.end());
+        const std::string producers =
+                s.producers.empty() ? "" : "; queued by " + joined(s.producers);
+        const std::string app = s.appCounter.empty() ? "" : "; the app counts them in " + s.appCounter;
+        Capture::Layer layer{s.layer, {}, {}};
+        const std::vector<SimTime>* times = s.rises;
+        switch (s.kind) {
+            case BufferSignal::kBufferTx:
+                layer.source = "its BufferTX counter in the compositor" + producers + app;
+                break;
+            case BufferSignal::kAppCounter:
+                layer.source = "the app's counter " + s.counter + " (pid " +
+                        std::to_string(s.pid) + ")" + producers;
+                break;
+            case BufferSignal::kLayerCounter:
+            case BufferSignal::kOtherCounter:
+                // Before BLAST the app's queueBuffer is the buffer; the
+                // compositor's counter only names its layer.
+                if (!s.producerTimes.empty()) {
+                    times = &s.producerTimes;
+                    std::string list;
+                    for (int p : s.producerPids) list += (list.empty() ? "" : ", ") + std::to_string(p);
+                    layer.source = "the queueBuffer slices of pid " + list + producers + app;
+                } else if (s.kind == BufferSignal::kLayerCounter) {
+                    layer.source = "its queued-buffer counter in the compositor" + app;
+                } else {
+                    mCapture.skippedCounters.push_back(s.counter);
+                    continue;
+                }
+                break;
+        }
+        for (SimTime t : *times) layer.buffers.push_back(t - mStart);
+        add(std::move(layer));
+    }
+    // Producers that no counter follows: one layer a process, or one a
+    // thread where a process has several.
+    for (auto& [pid, threads] : unmatched) {
+        const std::string task = mTaskNames.count(pid) ? " " + mTaskNames[pid] : "";
+        for (auto& [tid, times] : threads) {
+            const std::string thread = mThreadNames[tid] + " (tid " + std::to_string(tid) + ")";
+            Capture::Layer layer{"queueBuffer of pid " + std::to_string(pid) + task +
+                                         (threads.size() > 1 ? " " + thread : ""),
+                                 {},
+                                 "the queueBuffer slices of pid " + std::to_string(pid) +
+                                         "; queued by " + thread};
+            for (SimTime q : times) layer.buffers.push_back(q - mStart);
+            add(std::move(layer));
+        }
+    }
+    if (!mCapture.skippedCounters.empty()) {
+        mCapture.notes.push_back(
+                std::to_string(mCapture.skippedCounters.size()) +
+                " compositor counters not taken for layers (no producer, no BufferTX prefix, no "
+                "#N name): " + joined(mCapture.skippedCounters));
     }
     if (mCapture.layers.empty()) {
         *error = path + ": no layer with buffers: no queued-buffer counter in the compositor "
@@ -567,24 +929,41 @@ bool captureScenario(const Capture& capture, const CapturePlay& play, Scenario* 
     s.duration = capture.duration;
     s.display.width = play.width;
     s.display.height = play.height;
-    s.display.refreshHz = capture.refresh.front().refreshHz;
-    s.display.refreshChanges.assign(capture.refresh.begin() + 1, capture.refresh.end());
+    // --refresh-hz: the panel's rate throughout, whatever the capture shows.
+    const std::vector<RefreshChange> given{{0, play.refreshHz}};
+    const std::vector<RefreshChange>& refresh = play.refreshHz > 0 ? given : capture.refresh;
+    s.display.refreshHz = refresh.front().refreshHz;
+    s.display.refreshChanges.assign(refresh.begin() + 1, refresh.end());
     char text[256];
     snprintf(text, sizeof(text), "capture: %lld %s, %s; refresh from %s (median spacing %.3f ms)",
              static_cast<long long>(capture.lines), capture.unit.c_str(),
              formatMs(capture.duration).c_str(),
              capture.vsyncSource.c_str(), capture.medianPeriodMs);
     s.description = text;
+    CaptureFacts& facts = s.capture.emplace();
+    facts.refreshSource = play.refreshHz > 0 ? "--refresh-hz" : capture.vsyncSource;
+    facts.refreshTrusted = capture.refreshTrusted || play.refreshHz > 0;
+    facts.refreshGiven = play.refreshHz > 0;
+    facts.vsyncSparse = capture.vsyncSparse;
     std::vector<std::string>& a = s.assumptions;
     for (const RefreshChange& r : capture.refresh) {
         snprintf(text, sizeof(text), "read: %g Hz from %s", r.refreshHz, formatMs(r.at).c_str());
+        a.push_back(text);
+    }
+    if (!capture.refreshWarning.empty()) {
+        facts.warnings.push_back(capture.refreshWarning);
+        a.push_back("warning: " + capture.refreshWarning);
+    }
+    if (play.refreshHz > 0) {
+        snprintf(text, sizeof(text), "assumed: the panel at %g Hz throughout (--refresh-hz)",
+                 play.refreshHz);
         a.push_back(text);
     }
     for (const std::string& note : capture.notes) a.push_back("read: " + note);
     // A capture is held to the bounds of a scenario file: a vsync signal
     // whose ticks share a timestamp, or a span of years, would make a run
     // that never ends.
-    for (const RefreshChange& r : capture.refresh) {
+    for (const RefreshChange& r : refresh) {
         if (r.refreshHz >= kMinRefreshHz && r.refreshHz <= kMaxRefreshHz) continue;
         snprintf(text, sizeof(text), "a refresh rate of %g Hz (median spacing %.3f ms)",
                  r.refreshHz, capture.medianPeriodMs);
@@ -606,6 +985,9 @@ bool captureScenario(const Capture& capture, const CapturePlay& play, Scenario* 
         times.last = c.buffers.back();
         a.push_back("read: layer " + c.name + ": " + std::to_string(c.buffers.size()) +
                     " buffers from " + c.source);
+        const double span = static_cast<double>(c.buffers.back() - c.buffers.front()) / 1e9;
+        facts.layers.push_back({c.name, c.source, static_cast<int64_t>(c.buffers.size()),
+                                span > 0 ? static_cast<double>(c.buffers.size() - 1) / span : 0});
         s.layers.push_back(std::move(layer));
     }
     if (const double steps = runSteps(s); steps > kMaxRunSteps) {
@@ -639,6 +1021,7 @@ bool captureScenario(const Capture& capture, const CapturePlay& play, Scenario* 
         return false;
     }
     if (target == nullptr) target = &s.layers.front();
+    facts.target = target->name;
     a.push_back("API mode, target " + target->name +
                 (play.apiTarget.empty() ? " (the layer with the most buffers; --rules or "
                                           "--api-target to choose)"

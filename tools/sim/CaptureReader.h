@@ -21,6 +21,13 @@ struct Capture {
     std::string vsyncSource;                 // which signal gave the refresh period
     std::vector<RefreshChange> refresh;      // the first at 0
     double medianPeriodMs = 0;               // of the vsync signal, as measured
+    // False when the rate comes from a signal that ticks only when there is
+    // work (VSYNC-sf or VSYNC-app on a few vsyncs, compositions, FrameTimeline):
+    // its fastest steady rate is then a floor for the panel's.
+    bool refreshTrusted = true;
+    bool vsyncSparse = false;
+    std::string refreshWarning;              // why the rate is not trusted
+    std::vector<std::string> skippedCounters;  // compositor counters not taken for layers
     std::vector<Layer> layers;
     SimTime duration = 0;
     int64_t lines = 0;
@@ -44,6 +51,7 @@ struct CapturePlay {
     uint32_t width = 1080;
     uint32_t height = 2400;
     bool displayGiven = false;
+    double refreshHz = 0;   // the panel's rate throughout (--refresh-hz), when set
 };
 
 // A scenario that plays the capture, with the assumptions it makes in

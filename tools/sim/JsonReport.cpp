@@ -62,6 +62,50 @@ Json::Value runJson(const Scenario& scenario, const RunRecord& record, const Run
         state["with_decisions"] = Json::Int64(r.paced[s]);
         state["saved_percent"] = savedPercent(r.fixed[s], r.paced[s]);
     }
+    // The panel's rate as numbers: the first, every change, and where they
+    // came from in a capture.
+    Json::Value& panel = out["panel"];
+    panel["refresh_hz"] = scenario.display.refreshHz;
+    panel["changes"] = Json::Value(Json::arrayValue);
+    panel["rates_hz"] = Json::Value(Json::arrayValue);
+    std::vector<double> rates;
+    std::vector<RefreshChange> changes{{0, scenario.display.refreshHz}};
+    changes.insert(changes.end(), scenario.display.refreshChanges.begin(),
+                   scenario.display.refreshChanges.end());
+    for (const RefreshChange& c : changes) {
+        Json::Value change;
+        change["at_s"] = seconds(c.at);
+        change["hz"] = c.refreshHz;
+        panel["changes"].append(change);
+        if (std::find(rates.begin(), rates.end(), c.refreshHz) == rates.end()) {
+            rates.push_back(c.refreshHz);
+            panel["rates_hz"].append(c.refreshHz);
+        }
+    }
+    if (const auto& capture = scenario.capture) {
+        panel["source"] = capture->refreshSource;
+        panel["trusted"] = capture->refreshTrusted;
+        panel["given"] = capture->refreshGiven;
+        panel["vsync_signal_sparse"] = capture->vsyncSparse;
+        out["warnings"] = Json::Value(Json::arrayValue);
+        for (const std::string& w : capture->warnings) out["warnings"].append(w);
+        Json::Value& layers = out["capture_layers"] = Json::Value(Json::arrayValue);
+        for (const CaptureFacts::Layer& l : capture->layers) {
+            Json::Value layer;
+            layer["name"] = l.name;
+            layer["buffers"] = Json::Int64(l.buffers);
+            layer["fps"] = l.fps;
+            layer["source"] = l.source;
+            layers.append(layer);
+        }
+        if (const ContentPace pace = contentPace(scenario, summary); pace.layer != nullptr) {
+            Json::Value& target = out["target"];
+            target["name"] = pace.layer->name;
+            target["buffers"] = Json::Int64(pace.layer->buffers);
+            target["fps"] = pace.layer->fps;
+            target["content_paced_saved_percent"] = pace.savedPercent;
+        }
+    }
     out["reasons_seen"] = Json::Value(Json::arrayValue);
     for (int32_t reason : reasonsSeen(record)) out["reasons_seen"].append(reason);
     out["state_changes"] = Json::Value(Json::arrayValue);

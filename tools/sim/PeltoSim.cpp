@@ -5,7 +5,7 @@
 //             [--verbose] [--debug-lines] [--dump] [--rules RULES]
 //             [--refresh-floor-hz HZ] SCENARIO
 //   pelto-sim --capture FILE [--rules RULES | --api-target NAME] [--display WxH]
-//             [--write-scenario OUT.json] [other options as above]
+//             [--refresh-hz HZ] [--write-scenario OUT.json] [other options as above]
 //   pelto-sim --compare OTHER_RULES [--rules RULES] [--json FILE] INPUT...
 #include <cstdio>
 #include <algorithm>
@@ -54,7 +54,8 @@ void usage() {
     fprintf(stderr,
             "usage: pelto-sim [options] SCENARIO.json\n"
             "       pelto-sim --capture FILE [--rules RULES.json | --api-target NAME]\n"
-            "                 [--display WxH] [--write-scenario OUT.json] [options]\n"
+            "                 [--display WxH] [--refresh-hz HZ] [--write-scenario OUT.json]\n"
+            "                 [options]\n"
             "       pelto-sim --compare OTHER_RULES.json [--rules RULES.json] INPUT...\n"
             "  --lib PATH       the library to load (default: %s)\n"
             "  --capture FILE   play a systrace/atrace capture (text, HTML report, Perfetto\n"
@@ -62,6 +63,8 @@ void usage() {
             "  --rules FILE     this rule file instead of the scenario's (list mode)\n"
             "  --api-target NAME  play a capture in API mode with this layer as target\n"
             "  --display WxH    the display size a capture does not record (default 1080x2400)\n"
+            "  --refresh-hz HZ  the panel's rate throughout a capture, where the capture has\n"
+            "                   no trustworthy vsync signal (its assumptions say so)\n"
             "  --write-scenario OUT.json  write the scenario made from a capture\n"
             "  --compare OTHER  play each input (a scenario, or a capture) with its rules\n"
             "                   and with OTHER; one table of both and the difference\n"
@@ -109,6 +112,14 @@ bool parseArgs(int argc, char** argv, Options* options) {
             options->play.width = w;
             options->play.height = h;
             options->play.displayGiven = true;
+        } else if (arg == "--refresh-hz" && hasValue) {
+            char* end = nullptr;
+            const double hz = strtod(argv[++i], &end);
+            if (end == argv[i] || *end != '\0' || !(hz >= kMinRefreshHz && hz <= kMaxRefreshHz)) {
+                fprintf(stderr, "pelto-sim: --refresh-hz %s: expected 1 to 1000\n", argv[i]);
+                return false;
+            }
+            options->play.refreshHz = hz;
         } else if (arg == "--write-scenario" && hasValue) {
             options->writeScenario = argv[++i];
         } else if (arg == "--compare" && hasValue) {
@@ -149,6 +160,10 @@ bool parseArgs(int argc, char** argv, Options* options) {
     }
     if (std::count(options->inputs.begin(), options->inputs.end(), "-") > 1) {
         fprintf(stderr, "pelto-sim: standard input (-) can be read once\n");
+        return false;
+    }
+    if (options->play.refreshHz > 0 && !options->capture && options->compareRules.empty()) {
+        fprintf(stderr, "pelto-sim: --refresh-hz goes with --capture\n");
         return false;
     }
     if (!options->play.rules.empty() && !options->play.apiTarget.empty()) {

@@ -25,6 +25,18 @@ double savedPercent(int64_t fixed, int64_t paced) {
                       : 100.0 * static_cast<double>(fixed - paced) / static_cast<double>(fixed);
 }
 
+ContentPace contentPace(const Scenario& scenario, const RunSummary& summary) {
+    ContentPace pace;
+    if (!scenario.capture || scenario.capture->target.empty()) return pace;
+    for (const CaptureFacts::Layer& l : scenario.capture->layers) {
+        if (l.name != scenario.capture->target) continue;
+        pace.layer = &l;
+        const int64_t fixed = summary.refreshes.fixedTotal();
+        pace.savedPercent = savedPercent(fixed, std::min(fixed, l.buffers));
+    }
+    return pace;
+}
+
 StateChange stateAt(const RunRecord& record, SimTime t) {
     const StateChange* change = lastAt(record.states, t);
     return change != nullptr ? *change : StateChange{0, 0, 0, -1, {}};

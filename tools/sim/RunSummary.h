@@ -33,6 +33,14 @@ struct RunSummary {
 // The share of `fixed` refreshes that `paced` saves, in percent.
 double savedPercent(int64_t fixed, int64_t paced);
 
+// A capture's API-mode target: its buffers, and the share of the run's
+// refreshes a panel refreshing only for them (at the content's pace) saves.
+struct ContentPace {
+    const CaptureFacts::Layer* layer = nullptr;
+    double savedPercent = 0;
+};
+ContentPace contentPace(const Scenario& scenario, const RunSummary& summary);
+
 RunSummary summarize(const Scenario& scenario, const RunRecord& record);
 
 // What the library had told the compositor by time t (inclusive).

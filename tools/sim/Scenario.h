@@ -135,6 +135,23 @@ struct Expectation {
     double share = 0;
 };
 
+// What a capture showed, for the JSON report.
+struct CaptureFacts {
+    std::string refreshSource;
+    bool refreshTrusted = true;
+    bool refreshGiven = false;  // --refresh-hz
+    bool vsyncSparse = false;
+    std::vector<std::string> warnings;
+    struct Layer {
+        std::string name;
+        std::string source;
+        int64_t buffers = 0;
+        double fps = 0;  // buffers a second between its first and last
+    };
+    std::vector<Layer> layers;
+    std::string target;  // API mode
+};
+
 struct Scenario {
     std::string path;
     std::string name;
@@ -151,6 +168,7 @@ struct Scenario {
     // What a scenario made from a device capture assumes where the capture
     // is silent; printed at the top of the run.
     std::vector<std::string> assumptions;
+    std::optional<CaptureFacts> capture;
 
     const LayerSpec* findLayer(const std::string& name) const;
 };

@@ -74,6 +74,11 @@ void printSummary(FILE* out, const Scenario& scenario, const RunSummary& summary
         fprintf(out, "    while %-9s %" PRId64 " -> %" PRId64 " (%.1f%% saved)\n", peltoStateName(s),
                 r.fixed[s], r.paced[s], savedPercent(r.fixed[s], r.paced[s]));
     }
+    if (const ContentPace pace = contentPace(scenario, summary); pace.layer != nullptr) {
+        fprintf(out, "  content pace      the target's %" PRId64 " buffers, %.2f a second: a panel "
+                "refreshing only for them saves %.1f%%\n",
+                pace.layer->buffers, pace.layer->fps, pace.savedPercent);
+    }
     if (summary.buffersPlayed > 0 || summary.framesSkipped > 0) {
         fprintf(out, "  buffers queued    %" PRId64 "%s\n", summary.buffersPlayed,
                 summary.framesSkipped == 0

@@ -366,7 +366,64 @@ TEST(PerfettoReader, PlaysThroughTheCaptureReaderLikeText) {
     ASSERT_EQ(capture.layers.size(), 1u);
     EXPECT_EQ(capture.layers[0].name, "app#0");
     EXPECT_EQ(capture.layers[0].buffers.size(), 6u);
-    EXPECT_EQ(capture.layers[0].buffers[0], 2 * 8'333'333 + 1'000'000);
+    // The compositor's BufferTX counter gives the times.
+    EXPECT_EQ(capture.layers[0].buffers[0], 2 * 8'333'333 + 1'200'000);
+}
+
+// A text capture of one second: the hardware vsync in two resync windows at
+// 120 Hz, VSYNC-sf only on the video's 24 Hz vsyncs, a video and an animated
+// UI in one process, a vendor counter that moves with the video, and a
+// counter named like an activity (no BufferTX, no #N) fed by another app.
+TEST(CaptureReader, PanelRateFromResyncWindowsAndEachBufferToItsLayer) {
+    const std::string path = testing::TempDir() + "capture_reader_test_layers.txt";
+    FILE* file = fopen(path.c_str(), "w");
+    ASSERT_NE(file, nullptr);
+    const auto line = [&](int64_t us, const char* task, int tid, int tgid, const std::string& mark) {
+        fprintf(file, "%16s-%-5d (%5d) [001] ...1  100.%06lld: tracing_mark_write: %s\n", task, tid,
+                tgid, static_cast<long long>(us), mark.c_str());
+    };
+    const std::string video = "SurfaceView[com.example/com.example.Player](BLAST)#9";
+    const std::string ui = "com.example/com.example.Player#7";
+    for (int k = 0; k < 118; ++k) {
+        const int64_t v = k * 1'000'000 / 120;
+        if (k < 8 || (k >= 60 && k < 68)) {
+            line(v, "HwBinder:600_1", 620, 600, "C|600|HW_VSYNC_4619827259835644672|" + std::to_string(k % 2));
+        }
+        if (k % 5 == 0) {
+            line(v + 200, "surfaceflinger", 600, 600, "C|600|VSYNC-sf|" + std::to_string(k / 5 % 2));
+            line(v + 300, "MediaCodec_loop", 7050, 7000, "B|7000|queueBuffer");
+            line(v + 400, "surfaceflinger", 600, 600, "C|600|VSP-mode|" + std::to_string(k / 5 % 2));
+            line(v + 900, "binder:600_2", 640, 600, "C|600|BufferTX - " + video + "|" + std::to_string(k / 5 + 1));
+        }
+        if (k >= 30 && k < 50) {
+            line(v + 2000, "RenderThread", 7010, 7000, "B|7000|queueBuffer");
+            line(v + 3000, "binder:600_2", 640, 600, "C|600|BufferTX - " + ui + "|" + std::to_string(k));
+        }
+        if (k % 40 == 1) {
+            line(v + 4000, "RenderThread", 8010, 8000, "B|8000|queueBuffer");
+            line(v + 5000, "surfaceflinger", 600, 600, "C|600|com.other/com.other.Main|" + std::to_string(k));
+        }
+    }
+    fclose(file);
+    Capture capture;
+    std::string error;
+    ASSERT_TRUE(readCapture(path, &capture, &error)) << error;
+    std::remove(path.c_str());
+    ASSERT_EQ(capture.refresh.size(), 1u);
+    EXPECT_EQ(capture.refresh[0].refreshHz, 120);
+    EXPECT_TRUE(capture.refreshTrusted);
+    EXPECT_NE(capture.vsyncSource.find("HW_VSYNC_4619827259835644672 (pid 600: 2 windows"),
+              std::string::npos) << capture.vsyncSource;
+    ASSERT_EQ(capture.layers.size(), 3u);
+    EXPECT_EQ(capture.layers[0].name, video);
+    EXPECT_EQ(capture.layers[0].buffers.size(), 24u);
+    EXPECT_NE(capture.layers[0].source.find("queued by MediaCodec_loop (tid 7050)"), std::string::npos);
+    EXPECT_EQ(capture.layers[1].name, ui);
+    EXPECT_EQ(capture.layers[1].buffers.size(), 20u);
+    EXPECT_NE(capture.layers[1].source.find("queued by RenderThread (tid 7010)"), std::string::npos);
+    EXPECT_EQ(capture.layers[2].name, "com.other/com.other.Main");
+    EXPECT_EQ(capture.layers[2].source, "the queueBuffer slices of pid 8000; queued by RenderThread (tid 8010) of pid 8000");
+    EXPECT_EQ(capture.skippedCounters, std::vector<std::string>{"VSP-mode"});
 }
 
 TEST(CaptureReader, WhatItKeepsIsBounded) {
