@@ -78,12 +78,12 @@ std::optional<PeltoController::Decision> PeltoController::decideList(unsigned in
     // take its own locks; the visitor only records what it is given, and
     // captures only `this`, so that passing it allocates nothing.
     s.visits.clear();
-    mTraverseVisibleBufferLayers(
-            [this](const void* layerPtr, float area, bool focused) NO_THREAD_SAFETY_ANALYSIS {
-                // Called synchronously, inside the traversal, on this thread,
-                // which holds mCompositionMutex.
-                mScratch.visits.emplace_back(layerPtr, area, focused);
-            });
+    mTraverseVisibleBufferLayers([this](const void* layerPtr, float area, bool focused) {
+        // Called synchronously, inside the traversal, on this thread, which
+        // holds mCompositionMutex.
+        base::ScopedLockAssertion assumeLocked(mCompositionMutex);
+        mScratch.visits.emplace_back(layerPtr, area, focused);
+    });
 
     // A new active target measures the pace afresh from the host's period,
     // which is read with no controller lock held. The visits are then sorted
