@@ -114,8 +114,8 @@ Transaction::Transaction(ListModeRig& rig, size_t batch, TargetAt at)
     const size_t others = at == TargetAt::Absent ? batch : batch - 1;
     LOG_ALWAYS_FATAL_IF(others > rig.scene.visibleNonTargets.size(), "batch too large");
     for (size_t i = 0; i < others; ++i) {
-        mStates.emplace_back(test::LeanCompositor::handleFor(rig.scene.visibleNonTargets[i]),
-                             true, false, fence);
+        mStates.emplace_back(test::LeanCompositor::handleFor(rig.scene.visibleNonTargets[i]), true,
+                             false, fence);
     }
     if (mHasTarget) {
         const auto position = at == TargetAt::First ? mStates.begin() : mStates.end();

@@ -68,9 +68,9 @@ public:
 
 private:
     std::vector<PeltoTransactionState> mStates;
-    size_t mLookups;     // elements up to and including the target's
+    size_t mLookups; // elements up to and including the target's
     bool mHasTarget;
-    long mTimestamp;     // one vsync before setup, so each call asks for a vsync
+    long mTimestamp; // one vsync before setup, so each call asks for a vsync
     PeltoController::GetLayerPtrFromHandle mGetLayerPtrFromHandle;
     PeltoController::GetBufferCountFromHandle mGetBufferCountFromHandle;
     PeltoController::GetCurrentVsyncPeriod mGetCurrentVsyncPeriod;

@@ -143,7 +143,7 @@ void BM_IsQ2QFull(benchmark::State& state) {
     ListModeRig rig(kTransactionRegistered, kTransactionVisible);
     const Transaction transaction(rig, 1, TargetAt::First);
     for (int i = 0; i < 64; ++i) {
-        transaction.run(*rig.controller);  // a measured average, so the full test runs
+        transaction.run(*rig.controller); // a measured average, so the full test runs
     }
     NoLogGuard guard(state);
     for (auto _ : state) {
@@ -189,18 +189,25 @@ BENCHMARK(BM_CompositeListTraced)
         ->Apply(addMinMaxStatistics);
 BENCHMARK(BM_ClockRead)->Apply(addMinMaxStatistics);
 BENCHMARK(BM_TraceCounterEvent)->Apply(addMinMaxStatistics);
-BENCHMARK(BM_CompositeApi)->ArgName("visible")->Arg(8)->Arg(64)->Arg(256)->Apply(
-        addMinMaxStatistics);
-BENCHMARK(BM_CompositeApiFloor)->ArgName("visible")->Arg(8)->Arg(64)->Arg(256)->Apply(
-        addMinMaxStatistics);
+BENCHMARK(BM_CompositeApi)
+        ->ArgName("visible")
+        ->Arg(8)
+        ->Arg(64)
+        ->Arg(256)
+        ->Apply(addMinMaxStatistics);
+BENCHMARK(BM_CompositeApiFloor)
+        ->ArgName("visible")
+        ->Arg(8)
+        ->Arg(64)
+        ->Arg(256)
+        ->Apply(addMinMaxStatistics);
 BENCHMARK(BM_SetTransactionState)->Apply(transactionCases)->Apply(addMinMaxStatistics);
 BENCHMARK(BM_SetTransactionStateFloor)->Apply(transactionCases)->Apply(addMinMaxStatistics);
 BENCHMARK(BM_SetTransactionStateTraced)
         ->ArgNames({"batch", "target"})
         ->Args({1, static_cast<int64_t>(TargetAt::First)})
         ->Apply(addMinMaxStatistics);
-BENCHMARK(BM_RegisterDestroyChurn)->ArgName("registered")->Arg(1024)->Apply(
-        addMinMaxStatistics);
+BENCHMARK(BM_RegisterDestroyChurn)->ArgName("registered")->Arg(1024)->Apply(addMinMaxStatistics);
 BENCHMARK(BM_IsQ2QFull)->Apply(addMinMaxStatistics);
 BENCHMARK(BM_Dump)->ArgName("layers")->Arg(256)->Apply(addMinMaxStatistics);
 

@@ -203,7 +203,9 @@ int main(int argc, char** argv) {
     };
 
     android::PeltoController& controller = *rig.controller;
-    const auto reloads = [&](const std::atomic<bool>& stop) { return reloadLoop(controller, stop); };
+    const auto reloads = [&](const std::atomic<bool>& stop) {
+        return reloadLoop(controller, stop);
+    };
     const auto parses = [&](const std::atomic<bool>& stop) { return parseLoop(path, stop); };
     const auto bursts = [&](const std::atomic<bool>& stop) { return burstLoop(controller, stop); };
     const auto bystanderBursts = [&](const std::atomic<bool>& stop) {
@@ -214,22 +216,22 @@ int main(int argc, char** argv) {
     };
     struct Load {
         std::string name;
-        size_t ruleBytes;  // 0: the rule file is not rewritten
-        std::function<int(const std::atomic<bool>&)> loop;  // null: a quiet row
-        ListModeRig* rig;  // the scene composited
+        size_t ruleBytes;                                  // 0: the rule file is not rewritten
+        std::function<int(const std::atomic<bool>&)> loop; // null: a quiet row
+        ListModeRig* rig;                                  // the scene composited
     };
     std::vector<Load> loads = {{"no load", 0, nullptr, &rig}};
-    for (const auto& [size, bytes] : {std::pair{"1 KB", size_t{1} << 10},
-                                      std::pair{"100 KB", size_t{100} << 10},
-                                      std::pair{"1 MB", size_t{1} << 20}}) {
+    for (const auto& [size, bytes] :
+         {std::pair{"1 KB", size_t{1} << 10}, std::pair{"100 KB", size_t{100} << 10},
+          std::pair{"1 MB", size_t{1} << 20}}) {
         loads.push_back({std::string("parse only ") + size + " rules", bytes, parses, &rig});
         loads.push_back({std::string("reload ") + size + " rules", bytes, reloads, &rig});
     }
     loads.push_back(
             {"1,000-registration bursts into another controller", 0, bystanderBursts, &rig});
     loads.push_back({"1,000-registration bursts", 0, bursts, &rig});
-    const std::string largeScene = "(" + std::to_string(kLargeRegistered) + ", " +
-            std::to_string(kVisible) + ") scene";
+    const std::string largeScene =
+            "(" + std::to_string(kLargeRegistered) + ", " + std::to_string(kVisible) + ") scene";
     loads.push_back({"no load, " + largeScene, 0, nullptr, &large});
     loads.push_back({"dumps every " + std::to_string(kDumpInterval.count()) + " ms, " + largeScene,
                      0, dumps, &large});
@@ -266,9 +268,10 @@ int main(int argc, char** argv) {
            "own scene\n",
            kRegistered, kVisible, static_cast<long long>(kCompositeInterval.count()), roundCount,
            seconds);
-    printf("| load | composites | load ops | p50 us | p99 us | p99.9 us | max us | p99.9 / quiet |\n");
+    printf("| load | composites | load ops | p50 us | p99 us | p99.9 us | max us | p99.9 / quiet "
+           "|\n");
     printf("|---|---|---|---|---|---|---|---|\n");
-    std::map<const ListModeRig*, double> quiet;  // each scene's quiet p99.9
+    std::map<const ListModeRig*, double> quiet; // each scene's quiet p99.9
     for (size_t i = 0; i < loads.size(); ++i) {
         size_t composites = 0;
         int loadOps = 0;

@@ -109,8 +109,8 @@ void SummaryReporter::Finalize() {
         if (!t->label.empty()) {
             args += " (" + t->label + ")";
         }
-        out << "| " << t->function << " | " << args << " | " << format("%.1f", median(*t))
-            << " | " << spread(*t) << " | ";
+        out << "| " << t->function << " | " << args << " | " << format("%.1f", median(*t)) << " | "
+            << spread(*t) << " | ";
         if (const Times* floor = find(t->function + kFloorSuffix, t->args)) {
             const double floorMedian = median(*floor);
             out << format("%.1f", floorMedian) << " | " << spread(*floor) << " | "

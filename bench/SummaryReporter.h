@@ -27,20 +27,20 @@ public:
 
 private:
     struct Times {
-        std::pair<int64_t, int64_t> order;  // family, instance: registration order
+        std::pair<int64_t, int64_t> order; // family, instance: registration order
         std::string function;
         std::string args;
         std::string label;
-        std::vector<double> repetitions;    // CPU time per call of each repetition
-        std::map<std::string, double> aggregates;  // "median", "min", "max"
-        std::map<std::string, double> counters;    // from the median aggregate
+        std::vector<double> repetitions;          // CPU time per call of each repetition
+        std::map<std::string, double> aggregates; // "median", "min", "max"
+        std::map<std::string, double> counters;   // from the median aggregate
     };
 
     static double median(const Times& t);
     static std::string spread(const Times& t);
     const Times* find(const std::string& function, const std::string& args) const;
 
-    std::map<std::string, Times> mTimes;  // by function and arguments
+    std::map<std::string, Times> mTimes; // by function and arguments
 };
 
 } // namespace android::bench

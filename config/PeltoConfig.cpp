@@ -3,8 +3,8 @@
 #include "config/PeltoConfig.h"
 
 #include <cstdlib>
-#include <limits>
 #include <iterator>
+#include <limits>
 #include <optional>
 #include <utility>
 
@@ -51,8 +51,7 @@ int32_t leadingNumber(const std::string& text) {
 
 // On a hit, hands out the stored record when asked for it; a miss writes nothing.
 template <typename Map>
-bool findRecord(const Map& map, const std::string& name,
-                const typename Map::mapped_type** record) {
+bool findRecord(const Map& map, const std::string& name, const typename Map::mapped_type** record) {
     const auto it = map.find(name);
     if (it == map.end()) {
         return false;
@@ -243,8 +242,7 @@ int PeltoConfig::loadConfigText(const std::string& text) {
     return kLoadOk;
 }
 
-bool PeltoConfig::isTargetLayer(const std::string& name,
-                                const PeltoTargetLayerInfo** info) const {
+bool PeltoConfig::isTargetLayer(const std::string& name, const PeltoTargetLayerInfo** info) const {
     return findRecord(mTargetLayers, name, info);
 }
 
@@ -253,8 +251,7 @@ bool PeltoConfig::isTargetIgnoreLayer(const std::string& name,
     return findRecord(mTargetIgnoreLayers, name, info);
 }
 
-bool PeltoConfig::isExceptionLayer(const std::string& name,
-                                   const PeltoExceptionRule** rule) const {
+bool PeltoConfig::isExceptionLayer(const std::string& name, const PeltoExceptionRule** rule) const {
     return findRecord(mExceptionRules, name, rule);
 }
 

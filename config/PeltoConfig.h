@@ -16,11 +16,11 @@ class Value;
 namespace android {
 
 struct PeltoTargetLayerInfo {
-    int32_t id = 0;  // index of the naming element in "target_layers"
+    int32_t id = 0; // index of the naming element in "target_layers"
 };
 
 struct PeltoTargetIgnoreInfo {
-    int32_t id = 0;  // id of the target whose "ignore_names" lists this name
+    int32_t id = 0; // id of the target whose "ignore_names" lists this name
 };
 
 // The rule file in memory: target layers, layers to ignore beside a target,

@@ -84,10 +84,9 @@ void PeltoConfig::dump(std::string& out) const {
     for (const auto* target : sortedByName(mTargetLayers)) {
         os << target->second.id << ": " << target->first << "\n";
         const int32_t id = target->second.id;
-        auto ignore = std::lower_bound(ignoreLayers.begin(), ignoreLayers.end(), id,
-                                       [](const auto* item, int32_t value) {
-                                           return item->second.id < value;
-                                       });
+        auto ignore = std::lower_bound(
+                ignoreLayers.begin(), ignoreLayers.end(), id,
+                [](const auto* item, int32_t value) { return item->second.id < value; });
         for (; ignore != ignoreLayers.end() && (*ignore)->second.id == id; ++ignore) {
             os << "\tignore name: " << (*ignore)->first << "\n";
         }

@@ -25,9 +25,7 @@ PeltoExceptionRuleNumeric<T> makeNumericCondition(int32_t conditionType, T value
             break;
         case kConditionInRange:
             if (value2) {
-                condition.func = [value1, upper = *value2](T x) {
-                    return value1 < x && x < upper;
-                };
+                condition.func = [value1, upper = *value2](T x) { return value1 < x && x < upper; };
             } else {
                 condition.func = [](T) { return false; };
             }

@@ -23,10 +23,10 @@
 #include "controller/FenceThreadCalls.h"
 #include "controller/PeltoExport.h"
 #include "controller/PeltoLayer.h"
-#include "controller/PeltoTypes.h"
-#include "controller/SpinThenBlockMutex.h"
 #include "controller/PeltoLayerRegistry.h"
 #include "controller/PeltoQ2QRing.h"
+#include "controller/PeltoTypes.h"
+#include "controller/SpinThenBlockMutex.h"
 #include "scheduler/TimerSyscalls.h"
 #include "trace/PeltoTracedOrdinal.h"
 
@@ -208,8 +208,7 @@ public:
     PELTO_EXPORT void dump(std::string& out) const EXCLUDES(mLayerMutex);
     // Reloads the rule file, appends the outcome and the new rules, and
     // classifies every layer again.
-    PELTO_EXPORT void reloadConfigThenDump(std::string& out)
-            EXCLUDES(mReloadMutex, mLayerMutex);
+    PELTO_EXPORT void reloadConfigThenDump(std::string& out) EXCLUDES(mReloadMutex, mLayerMutex);
 
 private:
     // A state and the reason stored with it.

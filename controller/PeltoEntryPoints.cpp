@@ -14,15 +14,13 @@ PeltoController* createPeltoController(
         PeltoController::GetCurrentVsyncPeriod getCurrentVsyncPeriod,
         PeltoController::TriggerVsyncCallback triggerVsyncCallback,
         PeltoController::HostCallback triggerEventQueueInvalidate,
-        PeltoController::HostCallback setHwcPeltoOn,
-        PeltoController::HostCallback setHwcPeltoOff) {
-    return new PeltoController(useList, std::move(getLayerPtrFromHandle),
-                               std::move(getBufferCountFromHandle),
-                               std::move(traverseVisibleLayers),
-                               std::move(traverseVisibleBufferLayers),
-                               std::move(getCurrentVsyncPeriod), std::move(triggerVsyncCallback),
-                               std::move(triggerEventQueueInvalidate), std::move(setHwcPeltoOn),
-                               std::move(setHwcPeltoOff));
+        PeltoController::HostCallback setHwcPeltoOn, PeltoController::HostCallback setHwcPeltoOff) {
+    return new PeltoController(
+            useList, std::move(getLayerPtrFromHandle), std::move(getBufferCountFromHandle),
+            std::move(traverseVisibleLayers), std::move(traverseVisibleBufferLayers),
+            std::move(getCurrentVsyncPeriod), std::move(triggerVsyncCallback),
+            std::move(triggerEventQueueInvalidate), std::move(setHwcPeltoOn),
+            std::move(setHwcPeltoOff));
 }
 
 void destroyPeltoController(PeltoController* ctl) {

@@ -18,7 +18,7 @@ struct PeltoLayer {
     const PeltoTargetLayerInfo* targetInfo = nullptr;
     const PeltoTargetIgnoreInfo* targetIgnoreInfo = nullptr;
     const PeltoExceptionRule* exceptionRule = nullptr;
-    float area = 0.0f;  // visible area at the last list-mode traversal
+    float area = 0.0f; // visible area at the last list-mode traversal
     bool focused = false;
 };
 

@@ -190,9 +190,8 @@ void PeltoLayerRegistry::apply(Reclassification&& reclassification, const PeltoC
     }
 }
 
-PeltoLayerRegistry::DumpStep PeltoLayerRegistry::copyDumpChunk(DumpCursor& cursor,
-                                                                DumpChunk& chunk,
-                                                                size_t limit) const {
+PeltoLayerRegistry::DumpStep PeltoLayerRegistry::copyDumpChunk(DumpCursor& cursor, DumpChunk& chunk,
+                                                               size_t limit) const {
     chunk.names.clear();
     chunk.records.clear();
     if (!cursor.started) {
@@ -204,8 +203,8 @@ PeltoLayerRegistry::DumpStep PeltoLayerRegistry::copyDumpChunk(DumpCursor& curso
     }
     for (; cursor.next != mLayers.end() && chunk.records.size() < limit; ++cursor.next) {
         const PeltoLayer& layer = *cursor.next;
-        DumpChunk::Record record{layer.type,  false, 0, layer.isActiveTarget, layer.area,
-                                 layer.focused, 0};
+        DumpChunk::Record record{layer.type, false,         0, layer.isActiveTarget,
+                                 layer.area, layer.focused, 0};
         if (layer.type == kTarget && layer.targetInfo != nullptr) {
             record.hasId = true;
             record.id = layer.targetInfo->id;

@@ -77,8 +77,9 @@ void PeltoController::setTransactionState(const std::vector<PeltoTransactionStat
 
         if (handle == nullptr) {
             if (std::get<1>(state)) {
-                traceLog("pelto2_sf_lib: setTransactionState, Transaction with buffer, but no "
-                         "Layer?");
+                traceLog(
+                        "pelto2_sf_lib: setTransactionState, Transaction with buffer, but no "
+                        "Layer?");
             } else {
                 traceLog("pelto2_sf_lib: setTransactionState, no layerPtr");
             }
@@ -106,14 +107,16 @@ void PeltoController::setTransactionState(const std::vector<PeltoTransactionStat
         const int32_t bufferCount = mGetBufferCountFromHandle(handle);
 
         const int64_t duration = saturatingSub(now, timestamp);
-        const auto periodThreshold = static_cast<int64_t>(static_cast<float>(period) * kVsyncRequestFraction);
+        const auto periodThreshold =
+                static_cast<int64_t>(static_cast<float>(period) * kVsyncRequestFraction);
         if (debug) {
             const auto q2QThreshold =
                     static_cast<int64_t>(static_cast<float>(avgPeriod) * kQ2QTooFastFraction);
-            traceLog("pelto2_sf_lib: setTransactionState, duration=%ld, periodThreshold=%ld, "
-                     "q2QThreshold=%ld, bufferCount=%d",
-                     static_cast<long>(duration), static_cast<long>(periodThreshold),
-                     static_cast<long>(q2QThreshold), bufferCount);
+            traceLog(
+                    "pelto2_sf_lib: setTransactionState, duration=%ld, periodThreshold=%ld, "
+                    "q2QThreshold=%ld, bufferCount=%d",
+                    static_cast<long>(duration), static_cast<long>(periodThreshold),
+                    static_cast<long>(q2QThreshold), bufferCount);
         }
 
         if (bufferCount > 1) {
@@ -122,8 +125,9 @@ void PeltoController::setTransactionState(const std::vector<PeltoTransactionStat
             traceLog("pelto2_sf_lib: setTransactionState, leave with triggerVsyncCallback");
             mTriggerVsyncCallback(true);
         } else {
-            traceLog("pelto2_sf_lib: setTransactionState, leave with q2q too fast, duration < "
-                     "periodThreshold");
+            traceLog(
+                    "pelto2_sf_lib: setTransactionState, leave with q2q too fast, duration < "
+                    "periodThreshold");
         }
         return;
     }

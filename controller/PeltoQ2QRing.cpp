@@ -29,7 +29,7 @@ uint64_t PeltoQ2QRing::capacityFor(int64_t period) {
         return 0;
     }
     const float perSecond = 1e9f / static_cast<float>(period);
-    if (!(perSecond < 18446744073709551616.0f)) {  // 2^64
+    if (!(perSecond < 18446744073709551616.0f)) { // 2^64
         return 0;
     }
     return static_cast<uint64_t>(perSecond) >> 1;
@@ -43,7 +43,7 @@ void PeltoQ2QRing::reset(int64_t period) {
 
 void PeltoQ2QRing::resetLocked(int64_t period) {
     mAvgQ2QPeriod = 0;
-    mQ2QDurations.clear();  // keeps the allocation
+    mQ2QDurations.clear(); // keeps the allocation
     mCurrentPeriod = period;
     mLastQueueTime = -1;
     mQ2QIndex = 0;

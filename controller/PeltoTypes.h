@@ -30,18 +30,18 @@ constexpr const char* peltoStateName(int32_t state) {
 
 // Why the state last changed; stored with the state as int32_t.
 enum class PeltoReason : int32_t {
-    None = -1,                      // no change yet
-    ForceOff = 360,                 // the compositor asked for Off
-    ApiNoTarget = 375,              // API mode: no target layer set
-    ApiOn = 389,                    // API mode: target visible and enabled
-    ApiDisabled = 391,              // API mode: target visible, not enabled
-    ApiTargetNotVisible = 394,      // API mode: target not visible
-    NoTargetRegistered = 413,       // list mode: no target layer registered
-    NoTargetVisible = 455,          // list mode: no target layer visible
-    OtherLayerNoGeneralRule = 511,  // another layer visible, no general rule
-    GeneralRule = 518,              // the general rule, on another layer
-    ExceptionRule = 547,            // an exception layer's rule
-    ListOn = 551,                   // list mode: every test passed
+    None = -1,                     // no change yet
+    ForceOff = 360,                // the compositor asked for Off
+    ApiNoTarget = 375,             // API mode: no target layer set
+    ApiOn = 389,                   // API mode: target visible and enabled
+    ApiDisabled = 391,             // API mode: target visible, not enabled
+    ApiTargetNotVisible = 394,     // API mode: target not visible
+    NoTargetRegistered = 413,      // list mode: no target layer registered
+    NoTargetVisible = 455,         // list mode: no target layer visible
+    OtherLayerNoGeneralRule = 511, // another layer visible, no general rule
+    GeneralRule = 518,             // the general rule, on another layer
+    ExceptionRule = 547,           // an exception layer's rule
+    ListOn = 551,                  // list mode: every test passed
 };
 
 // A short description of a reason code, for people reading a run.

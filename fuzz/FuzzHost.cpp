@@ -69,17 +69,12 @@ PeltoController* FuzzHost::create(bool useList, const PeltoController::PlatformC
     auto period = [this]() -> long { return mPeriod; };
     auto vsync = [this](bool) { ++mVsyncCallbacks; };
     auto invalidate = [] { check(false, "the event-queue invalidate callback was called"); };
-    auto hwcOn = [this] {
-        check(!mHwcOn.exchange(true), "HWC mode switched on twice in a row");
-    };
-    auto hwcOff = [this] {
-        check(mHwcOn.exchange(false), "HWC mode switched off while not on");
-    };
+    auto hwcOn = [this] { check(!mHwcOn.exchange(true), "HWC mode switched on twice in a row"); };
+    auto hwcOff = [this] { check(mHwcOn.exchange(false), "HWC mode switched off while not on"); };
     // Built as createPeltoController() builds it, with the input's platform
     // calls; destroyPeltoController() deletes it.
-    return new PeltoController(useList, layerPtr, bufferCount, traverseLayers,
-                               traverseBufferLayers, period, vsync, invalidate, hwcOn, hwcOff,
-                               platform);
+    return new PeltoController(useList, layerPtr, bufferCount, traverseLayers, traverseBufferLayers,
+                               period, vsync, invalidate, hwcOn, hwcOff, platform);
 }
 
 } // namespace android::fuzz

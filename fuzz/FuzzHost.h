@@ -55,7 +55,9 @@ public:
     long vsyncPeriod() const { return mPeriod; }
     // The handle of a slot's layer; the last slot's handle names no layer.
     const sp<IBinder>& handle(size_t slot) const { return mHandles[slot % kSlots]; }
-    void setBufferCount(size_t slot, int bufferCount) { mBufferCounts[slot % kSlots] = bufferCount; }
+    void setBufferCount(size_t slot, int bufferCount) {
+        mBufferCounts[slot % kSlots] = bufferCount;
+    }
 
     // Whether the last HWC call was "on" (false before any).
     bool hwcOn() const { return mHwcOn; }

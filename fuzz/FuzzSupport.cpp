@@ -20,9 +20,9 @@ std::string makeRuleFilePath() {
     // Every input rewrites the file: on a disk that costs milliseconds, in
     // memory microseconds.
     const char* dir = std::getenv("TMPDIR");
-    std::string path = dir != nullptr && dir[0] != '\0'       ? dir
-            : access("/dev/shm", W_OK | X_OK) == 0 ? "/dev/shm"
-                                                    : "/tmp";
+    std::string path = dir != nullptr && dir[0] != '\0' ? dir
+            : access("/dev/shm", W_OK | X_OK) == 0      ? "/dev/shm"
+                                                        : "/tmp";
     path += "/pelto_fuzz_" + std::to_string(getpid()) + ".json";
     std::atexit(removeRuleFile);
     return path;

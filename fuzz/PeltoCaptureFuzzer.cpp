@@ -55,7 +55,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         check(error.find(path) != std::string::npos, "the error names the file");
         return 0;
     }
-    check(scenario.display.refreshHz >= kMinRefreshHz && scenario.display.refreshHz <= kMaxRefreshHz,
+    check(scenario.display.refreshHz >= kMinRefreshHz &&
+                  scenario.display.refreshHz <= kMaxRefreshHz,
           "a panel's rate");
     for (const RefreshChange& change : scenario.display.refreshChanges) {
         check(change.refreshHz >= kMinRefreshHz && change.refreshHz <= kMaxRefreshHz,

@@ -24,8 +24,8 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 #include <array>
+#include <atomic>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -51,7 +51,7 @@
 namespace android::fuzz {
 namespace {
 
-constexpr size_t kMaxCalls = 256;  // per script
+constexpr size_t kMaxCalls = 256; // per script
 // A reload reads and parses the file: the costliest call by far. Past this
 // many in a script, Reload does nothing.
 constexpr int kMaxReloads = 4;
@@ -81,8 +81,8 @@ constexpr int kSetupTimerFaultShift = 3;
 // reused controller, so only one value in sixteen asks for it.
 constexpr uint8_t kNewControllerFrom = 0xf0;
 
-const char* const kFixedNames[] = {"video#0", "video#7", "game#1",  "subtitle#0", "keyboard#0",
-                                   "other#0", "video",   "game#1#2", "",          "#"};
+const char* const kFixedNames[] = {"video#0", "video#7", "game#1",   "subtitle#0", "keyboard#0",
+                                   "other#0", "video",   "game#1#2", "",           "#"};
 constexpr size_t kMaxRuleNames = 6;
 constexpr size_t kMaxRuleNameLength = 64;
 
@@ -100,52 +100,58 @@ const float kAreas[] = {0.0f,
                         std::numeric_limits<float>::max(),
                         std::numeric_limits<float>::denorm_min(),
                         1e-3f,
-                        1e30f};  // index 15: a raw f32 follows
+                        1e30f}; // index 15: a raw f32 follows
 
-const long kPeriods[] = {16'666'666, 8'333'333, 11'111'111,
-                         33'333'333, 0,         -1,
-                         1,          500'000'000, 500'000'001,
-                         std::numeric_limits<long>::max(), std::numeric_limits<long>::min()};
+const long kPeriods[] = {16'666'666,
+                         8'333'333,
+                         11'111'111,
+                         33'333'333,
+                         0,
+                         -1,
+                         1,
+                         500'000'000,
+                         500'000'001,
+                         std::numeric_limits<long>::max(),
+                         std::numeric_limits<long>::min()};
 
-const int kBufferCounts[] = {0, 1, 2, 3, -1, -2, std::numeric_limits<int>::min(),
-                             std::numeric_limits<int>::max()};
+const int kBufferCounts[] = {
+        0, 1, 2, 3, -1, -2, std::numeric_limits<int>::min(), std::numeric_limits<int>::max()};
 
-const int64_t kClockSteps[] = {0,          1'000'000,   4'000'000,     8'333'333,
-                               16'666'666, 33'333'333, 100'000'000,   1'000'000'000,
-                               10'000'000'000};
+const int64_t kClockSteps[] = {0,          1'000'000,   4'000'000,     8'333'333,     16'666'666,
+                               33'333'333, 100'000'000, 1'000'000'000, 10'000'000'000};
 
 // Opcodes (a byte modulo the count). The first group runs on either thread,
 // the second only on the composing one. Arguments follow as listed; "slot" is
 // a byte modulo kSlots, the last slot being the null pointer.
 enum class Op : uint8_t {
-    SetTransactionState,      // count (modulo 9), per element: slot in bits 0-2, bit 3 null
-                              // handle, bit 4 has buffer, bit 5 the unused flag, bits 6-7
-                              // fence kind; then the timestamp selector (9: a u64 follows)
-    SetBufferCount,           // slot, then an index into kBufferCounts (8 and up: a u32)
-    SetHasPendingBuffer,      // slot
-    SetHasOtherUI,            // bit 0
-    SetPreviousPresentFence,  // fence kind
-    SetSFInProgress,          // bit 0
+    SetTransactionState,     // count (modulo 9), per element: slot in bits 0-2, bit 3 null
+                             // handle, bit 4 has buffer, bit 5 the unused flag, bits 6-7
+                             // fence kind; then the timestamp selector (9: a u64 follows)
+    SetBufferCount,          // slot, then an index into kBufferCounts (8 and up: a u32)
+    SetHasPendingBuffer,     // slot
+    SetHasOtherUI,           // bit 0
+    SetPreviousPresentFence, // fence kind
+    SetSFInProgress,         // bit 0
     OnActiveModeUpdated,
     IsQ2QFull,
     IsOn,
     Commit,
     Dump,
-    Reload,                   // at most kMaxReloads per script
-    AdvanceClock,             // index into kClockSteps, or a u32 of microseconds
-    SetVsyncPeriod,           // index into kPeriods, or a u64
-    QueueFence,               // fence kind
+    Reload,         // at most kMaxReloads per script
+    AdvanceClock,   // index into kClockSteps, or a u32 of microseconds
+    SetVsyncPeriod, // index into kPeriods, or a u64
+    QueueFence,     // fence kind
     CalculateTimeout,
     TimeoutCallback,
     SharedCount,
-    Register = SharedCount,   // slot, then name: bits 0-3 the name, bit 4 "#digit" appended
-    Destroy,                  // slot
-    Composite,                // bit 0 forceOff, bit 1 compositeFlag, bits 2-3 screen
-                              // (full, 0, 1, or a u32 that follows)
-    SetVisible,               // count (modulo 17), per entry: slot in bits 0-2, area in
-                              // bits 3-6 (15: an f32 follows), bit 7 focused
-    SetTargetLayer,           // slot
-    SetPeltoEnable,           // bit 0
+    Register = SharedCount, // slot, then name: bits 0-3 the name, bit 4 "#digit" appended
+    Destroy,                // slot
+    Composite,              // bit 0 forceOff, bit 1 compositeFlag, bits 2-3 screen
+                            // (full, 0, 1, or a u32 that follows)
+    SetVisible,             // count (modulo 17), per entry: slot in bits 0-2, area in
+                            // bits 3-6 (15: an f32 follows), bit 7 focused
+    SetTargetLayer,         // slot
+    SetPeltoEnable,         // bit 0
     Count,
 };
 
@@ -169,15 +175,18 @@ int64_t wrappingSub(int64_t a, int64_t b) {
 // Fence kinds: none, NO_FENCE, a signalled pipe, a descriptor that cannot be waited on.
 sp<Fence> makeFence(uint8_t kind) {
     switch (kind % 4) {
-        case 0: return nullptr;
-        case 1: return Fence::NO_FENCE;
+        case 0:
+            return nullptr;
+        case 1:
+            return Fence::NO_FENCE;
         case 2: {
             int fds[2];
             if (pipe2(fds, O_CLOEXEC) != 0) return Fence::NO_FENCE;
             close(fds[1]);
             return sp<Fence>(new Fence(fds[0]));
         }
-        default: return sp<Fence>(new Fence(std::numeric_limits<int>::max()));
+        default:
+            return sp<Fence>(new Fence(std::numeric_limits<int>::max()));
     }
 }
 
@@ -262,7 +271,7 @@ scheduler::TimerSyscalls faultyTimerSyscalls() {
     calls.read = [](int fd, void* buffer, size_t count) -> ssize_t {
         return timerCallFails(kTimerRead) ? -1 : real().read(fd, buffer, count);
     };
-    calls.write = real().write;  // the destructor's wake-up
+    calls.write = real().write; // the destructor's wake-up
     return calls;
 }
 
@@ -283,8 +292,8 @@ DumpView parseDump(const std::string& dump) {
     static constexpr std::string_view kState = "==========\nPelto State: ";
     static constexpr std::string_view kReason = "Pelto State Reason: ";
     static constexpr std::string_view kLayers = "==========\nTargetLayer:\n";
-    static const char* const kHeadings[] = {"TargetLayer:", "TargetIgnoreLayer:",
-                                            "ExceptionLayer:", "Nobody:"};
+    static const char* const kHeadings[] = {
+            "TargetLayer:", "TargetIgnoreLayer:", "ExceptionLayer:", "Nobody:"};
     DumpView view;
     const size_t stateAt = dump.rfind(kState);
     check(stateAt != std::string::npos, "the dump has no state block");
@@ -338,10 +347,10 @@ struct Run {
     PeltoController* controller = nullptr;
     FuzzHost* host = nullptr;
     bool useList = false;
-    const PeltoConfig* rules = nullptr;  // the input's rules as a new loader reads them
-    const char* reloadLine = nullptr;    // what a reload must print first (list mode)
-    std::vector<std::string> names;      // names the scripts register
-    std::string* transcript = nullptr;   // what the composing script saw (compare mode)
+    const PeltoConfig* rules = nullptr; // the input's rules as a new loader reads them
+    const char* reloadLine = nullptr;   // what a reload must print first (list mode)
+    std::vector<std::string> names;     // names the scripts register
+    std::string* transcript = nullptr;  // what the composing script saw (compare mode)
 };
 
 // One script: its own input span and its own record of what it did.
@@ -458,16 +467,26 @@ private:
         const int64_t now = clockNow();
         const int64_t period = mRun.host->vsyncPeriod();
         switch (selector % 10) {
-            case 0: return now;
-            case 1: return wrappingSub(now, period);
-            case 2: return wrappingSub(now, wrappingAdd(period, period));
-            case 3: return wrappingSub(now, period / 2);
-            case 4: return wrappingAdd(now, period);
-            case 5: return 0;
-            case 6: return -1;
-            case 7: return std::numeric_limits<long>::min();
-            case 8: return std::numeric_limits<long>::max();
-            default: return static_cast<long>(mInput.u64());
+            case 0:
+                return now;
+            case 1:
+                return wrappingSub(now, period);
+            case 2:
+                return wrappingSub(now, wrappingAdd(period, period));
+            case 3:
+                return wrappingSub(now, period / 2);
+            case 4:
+                return wrappingAdd(now, period);
+            case 5:
+                return 0;
+            case 6:
+                return -1;
+            case 7:
+                return std::numeric_limits<long>::min();
+            case 8:
+                return std::numeric_limits<long>::max();
+            default:
+                return static_cast<long>(mInput.u64());
         }
     }
 
@@ -499,9 +518,10 @@ private:
             case Op::SetBufferCount: {
                 const uint8_t slot = mInput.byte();
                 const uint8_t index = mInput.byte();
-                mRun.host->setBufferCount(slot, index < std::size(kBufferCounts)
-                                                        ? kBufferCounts[index]
-                                                        : static_cast<int>(mInput.u32()));
+                mRun.host->setBufferCount(slot,
+                                          index < std::size(kBufferCounts)
+                                                  ? kBufferCounts[index]
+                                                  : static_cast<int>(mInput.u32()));
                 return;
             }
             case Op::SetHasPendingBuffer:
@@ -617,10 +637,17 @@ private:
         const bool forceOff = (flags & 1) != 0;
         unsigned int screenArea = kScreenArea;
         switch ((flags >> 2) & 3) {
-            case 1: screenArea = 0; break;
-            case 2: screenArea = 1; break;
-            case 3: screenArea = mInput.u32(); break;
-            default: break;
+            case 1:
+                screenArea = 0;
+                break;
+            case 2:
+                screenArea = 1;
+                break;
+            case 3:
+                screenArea = mInput.u32();
+                break;
+            default:
+                break;
         }
         ::composite(mRun.controller, forceOff, (flags & 2) != 0, screenArea);
 
@@ -647,8 +674,8 @@ private:
             }
         } else {
             const char* expected = mApiTarget == nullptr || !apiTargetVisible() ? "Off"
-                    : mApiEnable                                               ? "On"
-                                                                               : "Temp Off";
+                    : mApiEnable                                                ? "On"
+                                                                                : "Temp Off";
             check(view.state == expected, "API mode: the state does not follow target and enable");
         }
     }
@@ -694,8 +721,8 @@ struct Cache {
     // The rules each controller last reloaded (or was built with).
     std::array<std::string, 2> controllerText;
     std::array<bool, 2> controllerPresent{};
-    std::unique_ptr<PeltoConfig> defaults;  // switches and status of a new configuration
-    std::unique_ptr<PeltoConfig> model;     // the last input's rules, freshly loaded
+    std::unique_ptr<PeltoConfig> defaults; // switches and status of a new configuration
+    std::unique_ptr<PeltoConfig> model;    // the last input's rules, freshly loaded
     std::string modelText;
     bool modelPresent = false;
     bool modelLoads = false;
@@ -704,13 +731,12 @@ struct Cache {
 };
 
 Cache& cache() {
-    static Cache* cache = new Cache();  // never destroyed: its threads outlive exit handlers
+    static Cache* cache = new Cache(); // never destroyed: its threads outlive exit handlers
     return *cache;
 }
 
 void writeRules(std::string_view rules, bool present) {
-    writeRuleFile(present ? reinterpret_cast<const uint8_t*>(rules.data()) : nullptr,
-                  rules.size());
+    writeRuleFile(present ? reinterpret_cast<const uint8_t*>(rules.data()) : nullptr, rules.size());
 }
 
 PeltoController* buildController(FuzzHost& host, bool useList, unsigned faults) {
@@ -839,12 +865,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     setClock(kClockStart);
     armTimerFaults(setup);
     if (ctl == nullptr || newController) {
-        destroyPeltoController(ctl);  // null: nothing
+        destroyPeltoController(ctl); // null: nothing
         ctl = buildController(c.host, useList, faults);
     } else {
         // Rules that every reload since read from the same file need no reload.
-        const bool sameRules = c.controllerText[mode] == rules &&
-                c.controllerPresent[mode] == rulesPresent;
+        const bool sameRules =
+                c.controllerText[mode] == rules && c.controllerPresent[mode] == rulesPresent;
         resetController(ctl, rules, rulesPresent, loads, !sameRules);
         c.host.reset();
         setClock(kClockStart);

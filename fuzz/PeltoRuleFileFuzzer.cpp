@@ -19,11 +19,15 @@ namespace {
 constexpr size_t kMaxInputNames = 32;
 constexpr size_t kMaxInputNameLength = 128;
 
-const char* const kFixedNames[] = {"",          "t",           "InputMethod",  "VolumeDialog",
-                                   "StatusBar", "name",        "target_layers", "0",
-                                   "1",         "true",        "null",          "#"};
+const char* const kFixedNames[] = {"",          "t",    "InputMethod",   "VolumeDialog",
+                                   "StatusBar", "name", "target_layers", "0",
+                                   "1",         "true", "null",          "#"};
 
-const float kRatios[] = {0.0f, 30.0f, 50.0f, 100.0f, std::numeric_limits<float>::quiet_NaN(),
+const float kRatios[] = {0.0f,
+                         30.0f,
+                         50.0f,
+                         100.0f,
+                         std::numeric_limits<float>::quiet_NaN(),
                          std::numeric_limits<float>::infinity()};
 
 // The fixed names, then the text between pairs of double quotes (escapes are

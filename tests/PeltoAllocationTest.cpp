@@ -46,8 +46,7 @@ protected:
     }
 
     void compositeOnce() {
-        mController->composite(/*forceOff=*/false, /*compositeFlag=*/true,
-                               LayerScene::kScreenArea);
+        mController->composite(/*forceOff=*/false, /*compositeFlag=*/true, LayerScene::kScreenArea);
     }
 
     // One transaction per vsync, each asking for a vsync callback.

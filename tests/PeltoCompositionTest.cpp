@@ -3,8 +3,8 @@
 
 #include "controller/PeltoController.h"
 #include "support/FakeCompositor.h"
-#include "support/RuleFile.h"
 #include "support/LogCapture.h"
+#include "support/RuleFile.h"
 
 namespace android {
 namespace {
@@ -94,8 +94,7 @@ TEST_F(PeltoCompositionTest, listModeOutcomesInTheirOrder) {
     // The general rule is tried first: 518 wins over 547. (Temp Off to Temp
     // Off is no change, so go through On to see the reason.)
     EXPECT_EQ(show({{kVideo, 5000}}), "On 551");
-    EXPECT_EQ(show({{kVideo, 5000}, {kKeyboard, 3000, true}, {kStatusBar, 2000}}),
-              "Temp Off 518");
+    EXPECT_EQ(show({{kVideo, 5000}, {kKeyboard, 3000, true}, {kStatusBar, 2000}}), "Temp Off 518");
 
     EXPECT_EQ(show({{kStatusBar, 500}}), "Off 455");
     EXPECT_EQ(show({{kVideo, 5000}}), "On 551");
@@ -154,34 +153,35 @@ TEST_F(PeltoCompositionTest, activeTargetSticksWhileVisibleAndMovesWithOneReset)
     start(kMayStayOnRules);
     mHost.clearRecords();
 
-    show({{kVideo, 5000}, {kGame, 100}});  // video first: it becomes active
+    show({{kVideo, 5000}, {kGame, 100}}); // video first: it becomes active
     EXPECT_EQ(mHost.vsyncPeriodCalls(), 1);
-    show({{kGame, 100}, {kVideo, 5000}});  // video still visible: stays active
+    show({{kGame, 100}, {kVideo, 5000}}); // video still visible: stays active
     EXPECT_EQ(mHost.vsyncPeriodCalls(), 1);
     EXPECT_TRUE(mController->isActiveTargetLayer(kVideo));
     EXPECT_FALSE(mController->isActiveTargetLayer(kGame));
 
-    show({{kGame, 100}});  // video gone: game takes over, with one reset
+    show({{kGame, 100}}); // video gone: game takes over, with one reset
     EXPECT_EQ(mHost.vsyncPeriodCalls(), 2);
-    show({{kVideo, 5000}, {kGame, 100}});  // video back: game stays
+    show({{kVideo, 5000}, {kGame, 100}}); // video back: game stays
     EXPECT_EQ(mHost.vsyncPeriodCalls(), 2);
     EXPECT_TRUE(mController->isActiveTargetLayer(kGame));
 
     EXPECT_THAT(log.messages("PeltoController"),
-                ::testing::IsSupersetOf({"active target layer: video#0",
-                                         "active target layer: game#1"}));
+                ::testing::IsSupersetOf(
+                        {"active target layer: video#0", "active target layer: game#1"}));
     EXPECT_EQ(log.count("PeltoController", "active target layer: video#0"), 1u);
     EXPECT_EQ(log.count("PeltoController", "active target layer: game#1"), 1u);
 
     std::string out;
     mController->dump(out);
-    EXPECT_THAT(out, HasSubstr("TargetLayer:\n\tvideo#0\n\t\tid: 0\n\t\tarea: 5000 focused: 0\n"
-                               "\tgame#1\n\t\tid: 1\n\t\tcurrent active\n\t\tarea: 100 focused: 0\n"));
+    EXPECT_THAT(out,
+                HasSubstr("TargetLayer:\n\tvideo#0\n\t\tid: 0\n\t\tarea: 5000 focused: 0\n"
+                          "\tgame#1\n\t\tid: 1\n\t\tcurrent active\n\t\tarea: 100 focused: 0\n"));
 }
 
 TEST_F(PeltoCompositionTest, activeTargetAnswerFollowsTheLayersFirstRecord) {
     start(kMayStayOnRules);
-    EXPECT_FALSE(mController->isActiveTargetLayer(kVideo));  // nothing composited yet
+    EXPECT_FALSE(mController->isActiveTargetLayer(kVideo)); // nothing composited yet
     EXPECT_FALSE(mController->isActiveTargetLayer(nullptr));
     show({{kVideo, 5000}});
     EXPECT_TRUE(mController->isActiveTargetLayer(kVideo));
@@ -260,7 +260,7 @@ TEST(PeltoCompositionApiTest, apiModeDecidesFromTheNamedTargetsVisibility) {
 
     host.setVisibleLayers({&target});
     controller->composite(true, false, kScreen);
-    EXPECT_EQ(dumpedState(*controller), "Off 394");  // Off already: forceOff changes nothing
+    EXPECT_EQ(dumpedState(*controller), "Off 394"); // Off already: forceOff changes nothing
 
     // The registry and reload do nothing in API mode.
     controller->registerLayer(&target, "video#0");

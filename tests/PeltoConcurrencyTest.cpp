@@ -94,7 +94,7 @@ TEST(PeltoConcurrencyTest, reloadsNeverShowCompositionAHalfBuiltRegistry) {
     EXPECT_THAT(host.hwcCalls(), ::testing::ElementsAre("on"));
     std::string out;
     controller->dump(out);
-    EXPECT_THAT(out, Not(HasSubstr("game#")));  // no destroyed layer came back
+    EXPECT_THAT(out, Not(HasSubstr("game#"))); // no destroyed layer came back
 }
 
 } // namespace

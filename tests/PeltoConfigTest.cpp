@@ -28,7 +28,8 @@ constexpr float kNaN = std::numeric_limits<float>::quiet_NaN();
 // elements.
 std::string withExceptions(const std::string& elements) {
     return R"({"target_layers": [{"name": "t"}], "general_rule": {"on_when_has_other_layer": 1,
-               "use_adaptive_timeout": true}, "exception_rule": [)" + elements + "]}";
+               "use_adaptive_timeout": true}, "exception_rule": [)" +
+            elements + "]}";
 }
 
 // Repeated names, each kind of condition, a rule whose only element fails, names that sort apart
@@ -105,32 +106,61 @@ TEST_F(PeltoConfigTest, problemsAreLoggedAndTheRestOfTheFileStillLoads) {
             // A missing file empties the rules, and keeps the switches and the flag.
             {"", -5, true, false, false, {"W failed to open " + mFile.path()}},
             {R"(["target_layers"])", -5, false, false, false, {"E root is not an object", failed}},
-            {R"({"target_layers": [], "general_rule": {"on_when_has_other_layer": 1}})", -5, false,
-             false, false, {"E targetLayers.empty()", failed}},
-            {R"({"target_layers": {"name": "t"}})", -5, false, false, false,
+            {R"({"target_layers": [], "general_rule": {"on_when_has_other_layer": 1}})",
+             -5,
+             false,
+             false,
+             false,
+             {"E targetLayers.empty()", failed}},
+            {R"({"target_layers": {"name": "t"}})",
+             -5,
+             false,
+             false,
+             false,
              {"E target_layers is not an array", failed}},
             {R"({"target_layers": ["t", {"name": ["a"]}, {"ignore_names": "v"},
                                   {"name": "w", "ignore_names": ["x", {}, 7]}],
                  "general_rule": {"on_when_has_other_layer": 1, "use_adaptive_timeout": 1}})",
-             0, false, true, true,
+             0,
+             false,
+             true,
+             true,
              {"E target_layers[0] is not an object", "E target_layers[1].name is not a string",
               "E target_layers[2].ignore_names is not an array", "I target layer id 3, name w",
               "I \tignore layer id 3, name x", "E target_layers[3].ignore_names[1] is not a string",
               "I \tignore layer id 3, name 7", "I stayOnWhenHasOtherLayer 1", none}},
-            {R"({"target_layers": [{}], "general_rule": {}})", 0, false, true, true,
+            {R"({"target_layers": [{}], "general_rule": {}})",
+             0,
+             false,
+             true,
+             true,
              {target, "W generalRule.empty(), stayOnWhenHasOtherLayer = true", none}},
-            {R"({"target_layers": [{}], "general_rule": [false]})", 0, false, true, true,
+            {R"({"target_layers": [{}], "general_rule": [false]})",
+             0,
+             false,
+             true,
+             true,
              {target, "E general_rule is not an object", none}},
-            {R"({"target_layers": [{}], "general_rule": {"use_adaptive_timeout": "0"}})", 0, false,
-             true, true,
+            {R"({"target_layers": [{}], "general_rule": {"use_adaptive_timeout": "0"}})",
+             0,
+             false,
+             true,
+             true,
              {target, "W no on_when_has_other_layer, default on",
               "E use_adaptive_timeout, type not convertible to boolean", none}},
             {R"({"target_layers": [{}], "general_rule": {"on_when_has_other_layer": 0.5,
                                                         "use_adaptive_timeout": 0}})",
-             0, true, true, false, {target, "I stayOnWhenHasOtherLayer 1", none}},
+             0,
+             true,
+             true,
+             false,
+             {target, "I stayOnWhenHasOtherLayer 1", none}},
             {R"({"target_layers": [{}], "exception_rule": {"focus": true},
                  "general_rule": {"on_when_has_other_layer": 0, "use_adaptive_timeout": 1}})",
-             0, false, false, true,
+             0,
+             false,
+             false,
+             true,
              {target, "I stayOnWhenHasOtherLayer 0", "E exception_rule is not an array"}},
     };
     // Exception elements that are dropped, each with the reason logged.
@@ -166,7 +196,11 @@ TEST_F(PeltoConfigTest, problemsAreLoggedAndTheRestOfTheFileStillLoads) {
         elements.emplace_back(R"({"layer_screen_size_ratio": {)" + ratio + "}}", error);
     }
     for (const auto& [element, error] : elements) {
-        cases.push_back({withExceptions(element), 0, false, true, true,
+        cases.push_back({withExceptions(element),
+                         0,
+                         false,
+                         true,
+                         true,
                          {"I target layer id 0, name t", "I stayOnWhenHasOtherLayer 1",
                           "E " + error, "I excpetion rule entry load fail, i 0"}});
     }
@@ -317,8 +351,9 @@ TEST_F(PeltoRuleMatchTest, entryWithoutPredicateIsSkippedWithAWarning) {
     rule.entries[3].ruleLayerScreenSizeRatio =
             makeNumericCondition(int32_t{kConditionInRange}, 0.0f, std::optional<float>());
     EXPECT_FALSE(mConfig->checkRuleMatch({50.0f, false}, rule));
-    EXPECT_THAT(log(), ElementsAre("W entry.ruleLayerScreenSizeRatio->func == nullpltr",
-                                   "W entry.ruleFocus->func == nullpltr"));
+    EXPECT_THAT(log(),
+                ElementsAre("W entry.ruleLayerScreenSizeRatio->func == nullpltr",
+                            "W entry.ruleFocus->func == nullpltr"));
     rule.entries[3].ruleLayerScreenSizeRatio =
             makeNumericCondition(int32_t{kConditionSmaller}, 100.0f, std::optional<float>());
     EXPECT_TRUE(mConfig->checkRuleMatch({50.0f, false}, rule));

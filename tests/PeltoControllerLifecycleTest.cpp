@@ -16,9 +16,9 @@
 
 #include "controller/PeltoController.h"
 #include "support/FakeCompositor.h"
-#include "support/RuleFile.h"
 #include "support/FakeTrace.h"
 #include "support/LogCapture.h"
+#include "support/RuleFile.h"
 #include "support/SanitizedBuild.h"
 
 namespace android {
@@ -113,7 +113,8 @@ TEST(PeltoControllerLifecycleTest, constructionCallsOnlyTheVsyncPeriodOnceAndTra
     EXPECT_THAT(host.hwcCalls(), IsEmpty());
     EXPECT_FALSE(controller->isOn());
 
-    for (const char* name : {"PeltoHasPendingBuf", "PeltoState", "Pelto2-Q2QFps", "PeltoHasOtherUI"}) {
+    for (const char* name :
+         {"PeltoHasPendingBuf", "PeltoState", "Pelto2-Q2QFps", "PeltoHasOtherUI"}) {
         EXPECT_THAT(FakeTrace::instance().counters(name), ElementsAre(counter(name, 0))) << name;
     }
     // The timer's alarm state is traced too, under the timer's name.
@@ -156,16 +157,16 @@ TEST(PeltoControllerLifecycleTest, threadSetupRefusalsAreLoggedAndConstructionCo
     FakeCompositor host;
     auto refused = host.create(/*useList=*/false, refuseAll);
 
-    EXPECT_EQ(attempts, 4);  // every step is tried after a refusal
-    EXPECT_THAT(log.lines("PeltoController"),
-                ElementsAre(test::LogLine{ANDROID_LOG_INFO, "PeltoController",
-                                          "pthread_setname_np fail"},
-                            test::LogLine{ANDROID_LOG_ERROR, "PeltoController",
-                                          "Couldn't set SCHED_FIFO for pelto_fence_loop"},
-                            test::LogLine{ANDROID_LOG_ERROR, "PeltoController",
-                                          "set HAL_PRIORITY_URGENT_DISPLAY fail"},
-                            test::LogLine{ANDROID_LOG_ERROR, "PeltoController",
-                                          "set SP_FOREGROUND fail"}));
+    EXPECT_EQ(attempts, 4); // every step is tried after a refusal
+    EXPECT_THAT(
+            log.lines("PeltoController"),
+            ElementsAre(
+                    test::LogLine{ANDROID_LOG_INFO, "PeltoController", "pthread_setname_np fail"},
+                    test::LogLine{ANDROID_LOG_ERROR, "PeltoController",
+                                  "Couldn't set SCHED_FIFO for pelto_fence_loop"},
+                    test::LogLine{ANDROID_LOG_ERROR, "PeltoController",
+                                  "set HAL_PRIORITY_URGENT_DISPLAY fail"},
+                    test::LogLine{ANDROID_LOG_ERROR, "PeltoController", "set SP_FOREGROUND fail"}));
     EXPECT_THAT(log.lines("SchedulerTimer"),
                 Contains(Field(&test::LogLine::message, "could not create TimerDispatch mPipes")));
     // The fence loop runs all the same, and teardown does not wait for the
@@ -182,14 +183,12 @@ void constructWithout(bool useList, int missing, int alsoMissing = -1) {
     auto pick = [&](int index, auto callback) {
         return index == missing || index == alsoMissing ? decltype(callback)() : callback;
     };
-    PeltoController controller(useList, pick(0, host.getLayerPtrFromHandle()),
-                               pick(1, host.getBufferCountFromHandle()),
-                               pick(2, host.traverseVisibleLayers()),
-                               pick(3, host.traverseVisibleBufferLayers()),
-                               pick(4, host.getCurrentVsyncPeriod()),
-                               pick(5, host.triggerVsyncCallback()),
-                               pick(6, host.triggerEventQueueInvalidate()),
-                               pick(7, host.setHwcPeltoOn()), pick(8, host.setHwcPeltoOff()));
+    PeltoController controller(
+            useList, pick(0, host.getLayerPtrFromHandle()),
+            pick(1, host.getBufferCountFromHandle()), pick(2, host.traverseVisibleLayers()),
+            pick(3, host.traverseVisibleBufferLayers()), pick(4, host.getCurrentVsyncPeriod()),
+            pick(5, host.triggerVsyncCallback()), pick(6, host.triggerEventQueueInvalidate()),
+            pick(7, host.setHwcPeltoOn()), pick(8, host.setHwcPeltoOff()));
 }
 
 TEST(PeltoControllerLifecycleDeathTest, eachRequiredCallbackIsAssertedWithItsTexts) {

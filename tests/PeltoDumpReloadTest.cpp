@@ -62,7 +62,7 @@ protected:
         mController->registerLayer(kSubtitle, "subtitle#0");
         mController->registerLayer(kKeyboard, "keyboard#7");
         mController->registerLayer(kOther, "other#0");
-        mController->registerLayer(nullptr, "video#1");  // refused: no record
+        mController->registerLayer(nullptr, "video#1"); // refused: no record
     }
 
     ScopedRuleFile mRules{kRules};
@@ -77,7 +77,8 @@ TEST_F(PeltoDumpReloadTest, dumpShowsConfigurationLayersAndStatus) {
 
     std::string out = "kept\n";
     mController->dump(out);
-    EXPECT_EQ(out, std::string("kept\n") + kConfigText +
+    EXPECT_EQ(out,
+              std::string("kept\n") + kConfigText +
                       "==========\n"
                       "TargetLayer:\n"
                       "\tvideo#0\n"
@@ -116,16 +117,18 @@ TEST_F(PeltoDumpReloadTest, reloadReclassifiesEveryLayerUnderTheNewRules) {
     std::string out;
     mController->reloadConfigThenDump(out);
     EXPECT_THAT(out, StartsWith("Reload Succeeded\nmLoadConfigSucceeded: 1\n"));
-    EXPECT_THAT(out, EndsWith("Target Layer\n0: other\n==========\nException Rule\n"
-                              "Exception General Rule\n>\n"));
+    EXPECT_THAT(out,
+                EndsWith("Target Layer\n0: other\n==========\nException Rule\n"
+                         "Exception General Rule\n>\n"));
 
     std::string dump;
     mController->dump(dump);
-    EXPECT_THAT(dump, HasSubstr("TargetLayer:\n\tother#0\n\t\tid: 0\n\t\tarea: 0 focused: 0\n"
-                                "TargetIgnoreLayer:\nExceptionLayer:\nNobody:\n"
-                                "\tvideo#0\n\t\tarea: 0 focused: 0\n"
-                                "\tsubtitle#0\n\t\tarea: 0 focused: 0\n"
-                                "\tkeyboard#7\n\t\tarea: 0 focused: 0\n"));
+    EXPECT_THAT(dump,
+                HasSubstr("TargetLayer:\n\tother#0\n\t\tid: 0\n\t\tarea: 0 focused: 0\n"
+                          "TargetIgnoreLayer:\nExceptionLayer:\nNobody:\n"
+                          "\tvideo#0\n\t\tarea: 0 focused: 0\n"
+                          "\tsubtitle#0\n\t\tarea: 0 focused: 0\n"
+                          "\tkeyboard#7\n\t\tarea: 0 focused: 0\n"));
     // The state is left to the next composition.
     EXPECT_EQ(dumpedState(*mController), "On 551");
     mController->composite(false, false, 10000);
@@ -263,12 +266,12 @@ TEST_F(PeltoDumpReloadTest, dumpsOfManyLayersAreWholeAndOrderedWhileLayersComeAn
     // layer whole or not at all.
     int churned[4] = {};
     EXPECT_EQ(dumpWhile(*mController,
-                      [&](int i) {
-                          int* layer = &churned[i % 4];
-                          mController->registerLayer(layer, "churn#" + std::to_string(i));
-                          mController->destroyLayer(layer);
-                      },
-                      {sections}),
+                        [&](int i) {
+                            int* layer = &churned[i % 4];
+                            mController->registerLayer(layer, "churn#" + std::to_string(i));
+                            mController->destroyLayer(layer);
+                        },
+                        {sections}),
               "");
 
     // Reloads that move the "subtitle.app" layers between two sections: every
@@ -282,12 +285,12 @@ TEST_F(PeltoDumpReloadTest, dumpsOfManyLayersAreWholeAndOrderedWhileLayersComeAn
     mController->dump(dumpB);
     ASSERT_NE(layerSections(dumpB), sections);
     EXPECT_EQ(dumpWhile(*mController,
-                      [&](int i) {
-                          mRules.write(i % 2 ? kRules : rulesB);
-                          std::string out;
-                          mController->reloadConfigThenDump(out);
-                      },
-                      {sections, layerSections(dumpB)}),
+                        [&](int i) {
+                            mRules.write(i % 2 ? kRules : rulesB);
+                            std::string out;
+                            mController->reloadConfigThenDump(out);
+                        },
+                        {sections, layerSections(dumpB)}),
               "");
 }
 

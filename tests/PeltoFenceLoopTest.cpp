@@ -47,7 +47,7 @@ TEST(PeltoFenceLoopTest, waitsForEachQueuedFenceThenRequestsAVsyncCallback) {
     PipeFence first;
     PipeFence second;
     controller->queueFence(first.fence);
-    controller->queueFence(nullptr);  // skipped without a word
+    controller->queueFence(nullptr); // skipped without a word
     controller->queueFence(second.fence);
     EXPECT_THAT(host.vsyncCallbacks(), IsEmpty());
 
@@ -60,7 +60,7 @@ TEST(PeltoFenceLoopTest, waitsForEachQueuedFenceThenRequestsAVsyncCallback) {
     const std::string firstName = "Pelto: wait fence " + std::to_string(first.fence->get()) + "\n";
     const std::string secondName =
             "Pelto: wait fence " + std::to_string(second.fence->get()) + "\n";
-    controller.reset();  // joins the loop, so its trace is complete
+    controller.reset(); // joins the loop, so its trace is complete
 
     // The fence loop's sections, without the timer thread's iteration marks.
     std::vector<test::TraceEvent> fenceEvents;
@@ -118,14 +118,14 @@ TEST(PeltoFenceLoopTest, hintsAreStoredAndClearedByResetFps) {
     auto controller = host.create(/*useList=*/false);
     PipeFence present;
     controller->setPreviousPresentFence(present.fence);
-    controller->setPreviousPresentFence(present.fence);  // the same fence: no extra reference
+    controller->setPreviousPresentFence(present.fence); // the same fence: no extra reference
     EXPECT_EQ(present.fence->getStrongCount(), 2);
     controller->setPreviousPresentFence(nullptr);
     EXPECT_EQ(present.fence->getStrongCount(), 1);
 
     controller->setPreviousPresentFence(present.fence);
     controller->setSFInProgress(true);
-    controller->onActiveModeUpdated();  // resetFps releases the stored fence
+    controller->onActiveModeUpdated(); // resetFps releases the stored fence
     EXPECT_EQ(present.fence->getStrongCount(), 1);
 }
 
@@ -138,9 +138,9 @@ TEST(PeltoFenceLoopTest, timeoutIsOneVsyncPeriodAndItsCallbackRequestsVsync) {
     EXPECT_EQ(controller->calculateTimeout(), 16'666'666);
     host.setVsyncPeriod(8'333'333);
     EXPECT_EQ(controller->calculateTimeout(), 8'333'333);
-    EXPECT_THAT(FakeTrace::instance().counters("PeltoTimeout"),
-                ElementsAre(counter("PeltoTimeout", 16'666'666),
-                            counter("PeltoTimeout", 8'333'333)));
+    EXPECT_THAT(
+            FakeTrace::instance().counters("PeltoTimeout"),
+            ElementsAre(counter("PeltoTimeout", 16'666'666), counter("PeltoTimeout", 8'333'333)));
 
     controller->timeoutCallback();
     controller->timeoutCallback();

@@ -47,14 +47,22 @@ enum class Callback {
 
 const char* nameOf(Callback callback) {
     switch (callback) {
-        case Callback::GetLayerPtrFromHandle: return "mGetLayerPtrFromHandle";
-        case Callback::GetBufferCountFromHandle: return "mGetBufferCountFromHandle";
-        case Callback::TraverseVisibleLayers: return "mTraverseVisibleLayers";
-        case Callback::TraverseVisibleBufferLayers: return "mTraverseVisibleBufferLayers";
-        case Callback::GetCurrentVsyncPeriod: return "mGetCurrentVsyncPeriod";
-        case Callback::TriggerVsyncCallback: return "mTriggerVsyncCallback";
-        case Callback::SetHwcPeltoOn: return "mSetHwcPeltoOn";
-        case Callback::SetHwcPeltoOff: return "mSetHwcPeltoOff";
+        case Callback::GetLayerPtrFromHandle:
+            return "mGetLayerPtrFromHandle";
+        case Callback::GetBufferCountFromHandle:
+            return "mGetBufferCountFromHandle";
+        case Callback::TraverseVisibleLayers:
+            return "mTraverseVisibleLayers";
+        case Callback::TraverseVisibleBufferLayers:
+            return "mTraverseVisibleBufferLayers";
+        case Callback::GetCurrentVsyncPeriod:
+            return "mGetCurrentVsyncPeriod";
+        case Callback::TriggerVsyncCallback:
+            return "mTriggerVsyncCallback";
+        case Callback::SetHwcPeltoOn:
+            return "mSetHwcPeltoOn";
+        case Callback::SetHwcPeltoOff:
+            return "mSetHwcPeltoOff";
     }
     return "?";
 }
@@ -170,7 +178,7 @@ struct Layers {
 struct Driver {
     const char* name;
     bool useList;
-    std::vector<Callback> calls;  // the callbacks the call makes
+    std::vector<Callback> calls; // the callbacks the call makes
     std::function<void(PeltoController*, LockingHost&, const Layers&)> setUp;
     std::function<void(PeltoController*, LockingHost&, const Layers&)> drive;
 };
@@ -221,9 +229,8 @@ std::vector<Driver> drivers() {
                  ::composite(ctl, false, false, kScreenArea);
              },
              [](PeltoController* ctl, LockingHost& host, const Layers& layers) {
-                 ::setTransactionState(ctl, {{host.fake().handleFor(&layers.video), true, false,
-                                              nullptr}},
-                                       0);
+                 ::setTransactionState(
+                         ctl, {{host.fake().handleFor(&layers.video), true, false, nullptr}}, 0);
              }},
     };
 }
@@ -231,28 +238,38 @@ std::vector<Driver> drivers() {
 // An exported entry point, called by the thread that holds the host lock.
 struct EntryPoint {
     const char* name;
-    std::set<Callback> calls;  // the callbacks it may call on the caller's thread
+    std::set<Callback> calls; // the callbacks it may call on the caller's thread
     std::function<void(PeltoController*, LockingHost&, const Layers&)> call;
 };
 
 std::vector<EntryPoint> entryPoints() {
     using C = Callback;
     return {
-            {"dump", {}, [](PeltoController* ctl, LockingHost&, const Layers&) {
+            {"dump",
+             {},
+             [](PeltoController* ctl, LockingHost&, const Layers&) {
                  std::string out;
                  ::dump(ctl, out);
              }},
-            {"reloadConfigThenDump", {}, [](PeltoController* ctl, LockingHost&, const Layers&) {
+            {"reloadConfigThenDump",
+             {},
+             [](PeltoController* ctl, LockingHost&, const Layers&) {
                  std::string out;
                  ::reloadConfigThenDump(ctl, out);
              }},
-            {"registerLayer", {}, [](PeltoController* ctl, LockingHost&, const Layers& layers) {
+            {"registerLayer",
+             {},
+             [](PeltoController* ctl, LockingHost&, const Layers& layers) {
                  ::registerLayer(ctl, &layers.extra, "extra#3");
              }},
-            {"destroyLayer", {}, [](PeltoController* ctl, LockingHost&, const Layers& layers) {
+            {"destroyLayer",
+             {},
+             [](PeltoController* ctl, LockingHost&, const Layers& layers) {
                  ::destroyLayer(ctl, &layers.spare);
              }},
-            {"commit", {}, [](PeltoController* ctl, LockingHost&, const Layers&) { ::commit(ctl); }},
+            {"commit",
+             {},
+             [](PeltoController* ctl, LockingHost&, const Layers&) { ::commit(ctl); }},
             {"composite",
              {C::TraverseVisibleLayers, C::TraverseVisibleBufferLayers, C::GetCurrentVsyncPeriod,
               C::SetHwcPeltoOn, C::SetHwcPeltoOff},
@@ -263,35 +280,43 @@ std::vector<EntryPoint> entryPoints() {
              {C::GetLayerPtrFromHandle, C::GetBufferCountFromHandle, C::GetCurrentVsyncPeriod,
               C::TriggerVsyncCallback},
              [](PeltoController* ctl, LockingHost& host, const Layers& layers) {
-                 ::setTransactionState(ctl, {{host.fake().handleFor(&layers.video), true, false,
-                                              nullptr}},
-                                       0);
+                 ::setTransactionState(
+                         ctl, {{host.fake().handleFor(&layers.video), true, false, nullptr}}, 0);
              }},
-            {"onActiveModeUpdated", {C::GetCurrentVsyncPeriod},
-             [](PeltoController* ctl, LockingHost&, const Layers&) {
-                 ::onActiveModeUpdated(ctl);
-             }},
-            {"setHasPendingBuffer", {}, [](PeltoController* ctl, LockingHost&, const Layers& layers) {
+            {"onActiveModeUpdated",
+             {C::GetCurrentVsyncPeriod},
+             [](PeltoController* ctl, LockingHost&, const Layers&) { ::onActiveModeUpdated(ctl); }},
+            {"setHasPendingBuffer",
+             {},
+             [](PeltoController* ctl, LockingHost&, const Layers& layers) {
                  ::setHasPendingBuffer(ctl, &layers.video);
              }},
             {"isOn", {}, [](PeltoController* ctl, LockingHost&, const Layers&) { ::isOn(ctl); }},
-            {"setPeltoEnable", {}, [](PeltoController* ctl, LockingHost&, const Layers&) {
+            {"setPeltoEnable",
+             {},
+             [](PeltoController* ctl, LockingHost&, const Layers&) {
                  ::setPeltoEnable(ctl, true);
              }},
-            {"setTargetLayer", {C::GetCurrentVsyncPeriod},
+            {"setTargetLayer",
+             {C::GetCurrentVsyncPeriod},
              [](PeltoController* ctl, LockingHost&, const Layers& layers) {
                  ::setTargetLayer(ctl, &layers.spare);
              }},
-            {"setHasOtherUI", {}, [](PeltoController* ctl, LockingHost&, const Layers&) {
-                 ::setHasOtherUI(ctl, true);
-             }},
-            {"setPreviousPresentFence", {}, [](PeltoController* ctl, LockingHost&, const Layers&) {
+            {"setHasOtherUI",
+             {},
+             [](PeltoController* ctl, LockingHost&, const Layers&) { ::setHasOtherUI(ctl, true); }},
+            {"setPreviousPresentFence",
+             {},
+             [](PeltoController* ctl, LockingHost&, const Layers&) {
                  ::setPreviousPresentFence(ctl, new Fence(eventfd(1, EFD_CLOEXEC)));
              }},
-            {"setSFInProgress", {}, [](PeltoController* ctl, LockingHost&, const Layers&) {
+            {"setSFInProgress",
+             {},
+             [](PeltoController* ctl, LockingHost&, const Layers&) {
                  ::setSFInProgress(ctl, true);
              }},
-            {"isQ2QFull", {C::GetCurrentVsyncPeriod},
+            {"isQ2QFull",
+             {C::GetCurrentVsyncPeriod},
              [](PeltoController* ctl, LockingHost&, const Layers&) { ::isQ2QFull(ctl); }},
     };
 }

@@ -1,9 +1,8 @@
 // Rule files that no device should carry, generated at run time: deep nesting,
-// a 10 MB file (2 MB under sanitizers), numbers beyond every range, NaN and infinities, a byte-order
-// mark, comments, duplicate keys and bytes that are not UTF-8. Each one either
-// loads or is rejected with an error line that says why; none may crash or
-// hang the loader. How long the 10 MB file takes and how much memory it needs
-// is measured outside the tests (docs/RELIABILITY.md).
+// a 10 MB file (2 MB under sanitizers), numbers beyond every range, NaN and infinities, a
+// byte-order mark, comments, duplicate keys and bytes that are not UTF-8. Each one either loads or
+// is rejected with an error line that says why; none may crash or hang the loader. How long the 10
+// MB file takes and how much memory it needs is measured outside the tests (docs/RELIABILITY.md).
 #include <string>
 #include <vector>
 
@@ -67,8 +66,9 @@ std::vector<HostileFile> hostileFiles() {
             {"objects nested far beyond the parser's limit",
              R"({"target_layers": )" + repeat(R"({"a": )", 100'000), "",
              "parse fail, Exceeded stackLimit in readValue()."},
-            {"nesting one past the parser's limit, closed", repeat("[", 1000) + "1" + repeat("]", 1000),
-             "", "parse fail, Exceeded stackLimit in readValue()."},
+            {"nesting one past the parser's limit, closed",
+             repeat("[", 1000) + "1" + repeat("]", 1000), "",
+             "parse fail, Exceeded stackLimit in readValue()."},
             {"nesting just within the limit where a name is expected",
              R"({"target_layers": [{"name": "t", "ignore_names": [)" + repeat("[", 900) +
                      repeat("]", 900) + "]}], " + kRest + "}",
@@ -80,8 +80,8 @@ std::vector<HostileFile> hostileFiles() {
              withException(ratio + R"({"condition": "1", "value1": -1e400}})"), "",
              "'-1e400' is not a number."},
             {"a bound beyond float (becomes infinite)",
-             withException(ratio + R"({"condition": "2", "value1": -1e39, "value2": 1e300}})"),
-             "t", ""},
+             withException(ratio + R"({"condition": "2", "value1": -1e39, "value2": 1e300}})"), "t",
+             ""},
             {"a name beyond 64-bit integers (read as its text)",
              withTarget("123456789012345678901234567890"), "1.2345678901234568e+29", ""},
             {"a condition type beyond int32",
@@ -95,8 +95,8 @@ std::vector<HostileFile> hostileFiles() {
                  -99999999999999999999999, "use_adaptive_timeout": 1e308},
                  "exception_rule": [{"name": "d", "always_true": 1}]})",
              "t", ""},
-            {"NaN as a bound", withException(ratio + R"({"condition": "1", "value1": NaN}})"),
-             "", "Syntax error: value, object or array expected."},
+            {"NaN as a bound", withException(ratio + R"({"condition": "1", "value1": NaN}})"), "",
+             "Syntax error: value, object or array expected."},
             {"Infinity as a bound",
              withException(ratio + R"({"condition": "1", "value1": Infinity}})"), "",
              "Syntax error: value, object or array expected."},
@@ -107,21 +107,23 @@ std::vector<HostileFile> hostileFiles() {
             {"a UTF-8 byte-order mark", "\xEF\xBB\xBF" + withTarget(R"("t")"), "t", ""},
             {"comments of both kinds",
              "// head\n" + withTarget(R"(/* before */ "t" // after
-                                      )") + "\n/* tail */",
+                                      )") +
+                     "\n/* tail */",
              "t", ""},
-            {"a comment left open inside the root", R"({"target_layers": [{"name": "t"}] /*)",
-             "", "Missing ',' or '}' in object declaration"},
-            {"text after the root value (ignored)", withTarget(R"("t")") + R"( {"x": [)", "t",
-             ""},
+            {"a comment left open inside the root", R"({"target_layers": [{"name": "t"}] /*)", "",
+             "Missing ',' or '}' in object declaration"},
+            {"text after the root value (ignored)", withTarget(R"("t")") + R"( {"x": [)", "t", ""},
             {"duplicate keys (the last one counts)",
              R"({"target_layers": [{"name": "a", "name": "dup"}], "target_layers": [{"name": "b",
-                 "name": "last"}], )" + kRest + "}",
+                 "name": "last"}], )" +
+                     kRest + "}",
              "last", ""},
             {"bytes that are not UTF-8 inside a name", withTarget("\"\xFF\xFE\xC0\x80\""),
              "\xFF\xFE\xC0\x80", ""},
             {"bytes that are not UTF-8 outside strings",
-             R"({"target_layers": [{"name": "t"}])" "\xFF\x80}", "",
-             "Missing ',' or '}' in object declaration"},
+             R"({"target_layers": [{"name": "t"}])"
+             "\xFF\x80}",
+             "", "Missing ',' or '}' in object declaration"},
             {"a lone UTF-16 surrogate", withTarget(R"("\ud800")"), "",
              "additional six characters expected to parse unicode surrogate pair."},
             {"an escaped NUL inside a name", withTarget(R"("a\u0000b")"), std::string("a\0b", 3),
@@ -158,9 +160,9 @@ TEST_F(PeltoHostileRuleFileTest, eachFileLoadsOrIsRejectedWithAReason) {
         if (std::string(file.error).empty()) {
             EXPECT_THAT(problems(), IsEmpty());
         } else {
-            EXPECT_THAT(problems(), Contains(AllOf(Field(&LogLine::priority, ANDROID_LOG_ERROR),
-                                                   Field(&LogLine::message,
-                                                         HasSubstr(file.error)))));
+            EXPECT_THAT(problems(),
+                        Contains(AllOf(Field(&LogLine::priority, ANDROID_LOG_ERROR),
+                                       Field(&LogLine::message, HasSubstr(file.error)))));
         }
         if (rejected) {
             EXPECT_THAT(problems(),
@@ -169,8 +171,8 @@ TEST_F(PeltoHostileRuleFileTest, eachFileLoadsOrIsRejectedWithAReason) {
         // The same file again gives the same configuration.
         std::string first;
         config.dump(first);
-        EXPECT_EQ(config.loadConfig(true), rejected ? PeltoConfig::kLoadFailed
-                                                    : PeltoConfig::kLoadOk);
+        EXPECT_EQ(config.loadConfig(true),
+                  rejected ? PeltoConfig::kLoadFailed : PeltoConfig::kLoadOk);
         std::string second;
         config.dump(second);
         EXPECT_EQ(first, second);
@@ -215,8 +217,9 @@ TEST_F(PeltoHostileRuleFileTest, tenMegabytesOfTargetsLoad) {
     config.dump(dump);
     const std::string lastId = std::to_string(targets - 1);
     EXPECT_THAT(dump, HasSubstr("\n0: layer-0\n\tignore name: ignored-0\n1: layer-1\n"));
-    EXPECT_THAT(dump, HasSubstr("\n" + lastId + ": layer-" + lastId + "\n\tignore name: ignored-" +
-                                lastId + "\n"));
+    EXPECT_THAT(dump,
+                HasSubstr("\n" + lastId + ": layer-" + lastId + "\n\tignore name: ignored-" +
+                          lastId + "\n"));
 }
 
 } // namespace

@@ -13,7 +13,7 @@ using ::testing::ElementsAre;
 
 // Rules parsed from text, whatever the rule file on this machine says.
 std::unique_ptr<PeltoConfig> rulesFrom(const std::string& json) {
-    test::LogCapture quiet;  // the constructor's own load of the fixed path
+    test::LogCapture quiet; // the constructor's own load of the fixed path
     PeltoConfig fixedPath(PeltoConfig::kDefaultPath);
     std::unique_ptr<PeltoConfig> rules = PeltoConfig::makeReloadOf(fixedPath);
     std::istringstream stream(json);
@@ -41,14 +41,14 @@ TEST(PeltoLayerRegistryTest, classifiesByTheNameBeforeTheLastHashTargetFirst) {
       "exception_rule": [ { "name": "video", "always_true": true },
                           { "name": "popup", "always_true": true } ]})");
     PeltoLayerRegistry registry;
-    registry.add(PeltoLayerRegistry::prepare(layer(1), "a#b#c"), *rules);      // key "a#b"
-    registry.add(PeltoLayerRegistry::prepare(layer(2), "#7"), *rules);         // key ""
-    registry.add(PeltoLayerRegistry::prepare(layer(3), "video#0"), *rules);    // target first
-    registry.add(PeltoLayerRegistry::prepare(layer(4), "popup"), *rules);      // looked up whole
-    registry.add(PeltoLayerRegistry::prepare(layer(5), "a#b"), *rules);        // key "a"
-    registry.add(PeltoLayerRegistry::prepare(layer(6), "popup#1#2"), *rules);  // key "popup#1"
-    EXPECT_THAT(records(registry), ElementsAre("a#b#c:1", "#7:1", "video#0:1", "popup:3",
-                                               "a#b:0", "popup#1#2:0"));
+    registry.add(PeltoLayerRegistry::prepare(layer(1), "a#b#c"), *rules);     // key "a#b"
+    registry.add(PeltoLayerRegistry::prepare(layer(2), "#7"), *rules);        // key ""
+    registry.add(PeltoLayerRegistry::prepare(layer(3), "video#0"), *rules);   // target first
+    registry.add(PeltoLayerRegistry::prepare(layer(4), "popup"), *rules);     // looked up whole
+    registry.add(PeltoLayerRegistry::prepare(layer(5), "a#b"), *rules);       // key "a"
+    registry.add(PeltoLayerRegistry::prepare(layer(6), "popup#1#2"), *rules); // key "popup#1"
+    EXPECT_THAT(records(registry),
+                ElementsAre("a#b#c:1", "#7:1", "video#0:1", "popup:3", "a#b:0", "popup#1#2:0"));
     EXPECT_EQ(registry.targetCount(), 3);
     EXPECT_EQ(registry.find(layer(3))->targetInfo->id, 2);
     EXPECT_NE(registry.find(layer(4))->exceptionRule, nullptr);
@@ -62,7 +62,7 @@ TEST(PeltoLayerRegistryTest, duplicatesActiveTargetsAndRemoval) {
     registry.add(PeltoLayerRegistry::prepare(layer(2), "game#0"), *rules);
     registry.add(PeltoLayerRegistry::prepare(layer(1), "video#1"), *rules);
     EXPECT_EQ(registry.targetCount(), 3);
-    EXPECT_EQ(registry.find(layer(1))->name, "video#0");  // the first record is found
+    EXPECT_EQ(registry.find(layer(1))->name, "video#0"); // the first record is found
 
     // Every target record of the pointer is flagged; a later duplicate is not.
     registry.setActiveTarget(layer(1));
@@ -74,8 +74,7 @@ TEST(PeltoLayerRegistryTest, duplicatesActiveTargetsAndRemoval) {
     EXPECT_FALSE(registry.isActiveTarget(nullptr));
 
     registry.setActiveTarget(layer(2));
-    EXPECT_THAT(records(registry),
-                ElementsAre("video#0:1", "game#0:1*", "video#1:1", "video#2:1"));
+    EXPECT_THAT(records(registry), ElementsAre("video#0:1", "game#0:1*", "video#1:1", "video#2:1"));
 
     // One removal takes every record of a pointer, active or not; an unknown
     // pointer changes nothing.
@@ -92,7 +91,8 @@ TEST(PeltoLayerRegistryTest, duplicatesActiveTargetsAndRemoval) {
 
 TEST(PeltoLayerRegistryTest, reclassificationKeepsOrderAndStartsEveryRecordAfresh) {
     const auto before = rulesFrom(R"({"target_layers": [{"name": "video"}]})");
-    const auto after = rulesFrom(R"({"target_layers": [{"name": "game", "ignore_names": ["video"]}]})");
+    const auto after =
+            rulesFrom(R"({"target_layers": [{"name": "game", "ignore_names": ["video"]}]})");
     for (const bool changedMeanwhile : {false, true}) {
         SCOPED_TRACE(changedMeanwhile ? "layers came and went meanwhile" : "unchanged");
         PeltoLayerRegistry registry;

@@ -3,9 +3,9 @@
 
 #include "controller/PeltoController.h"
 #include "support/FakeCompositor.h"
-#include "support/RuleFile.h"
 #include "support/FakeTrace.h"
 #include "support/LogCapture.h"
+#include "support/RuleFile.h"
 #include "trace/PeltoTraceLog.h"
 
 #include <android-base/properties.h>
@@ -53,35 +53,35 @@ TEST_F(PeltoModeStateTest, transitionsCallTheHwcOnlyWhenCrossingOn) {
     ScopedFakeTrace trace(true);
     mHost.clearRecords();
 
-    compositeWith(true, false);  // Off -> Temp Off: nothing else
+    compositeWith(true, false); // Off -> Temp Off: nothing else
     EXPECT_THAT(mHost.timeline(), IsEmpty());
     EXPECT_EQ(dumpedState(*mController), "Temp Off 391");
 
-    compositeWith(true, true);  // Temp Off -> On
+    compositeWith(true, true); // Temp Off -> On
     EXPECT_THAT(mHost.timeline(), ElementsAre("on"));
     EXPECT_TRUE(mController->isOn());
-    compositeWith(true, true);  // same state: nothing at all
+    compositeWith(true, true); // same state: nothing at all
     EXPECT_THAT(mHost.timeline(), ElementsAre("on"));
 
-    compositeWith(true, false);  // On -> Temp Off: HWC off, no reset
+    compositeWith(true, false); // On -> Temp Off: HWC off, no reset
     EXPECT_THAT(mHost.timeline(), ElementsAre("on", "off"));
 
-    compositeWith(false, false);  // Temp Off -> Off: nothing else
+    compositeWith(false, false); // Temp Off -> Off: nothing else
     EXPECT_THAT(mHost.timeline(), ElementsAre("on", "off"));
 
-    compositeWith(true, true);  // Off -> On
+    compositeWith(true, true); // Off -> On
     mHost.clearRecords();
-    mController->composite(true, false, 0);  // On -> Off: reset, then HWC off
+    mController->composite(true, false, 0); // On -> Off: reset, then HWC off
     EXPECT_THAT(mHost.timeline(), ElementsAre("period", "off"));
     EXPECT_EQ(dumpedState(*mController), "Off 360");
 
-    EXPECT_THAT(log.messages("PeltoController"),
-                ElementsAre("setPeltoState, Off -> Temp Off, 391\n",
-                            "setPeltoState, Temp Off -> On, 389\n",
-                            "setPeltoState, On -> Temp Off, 391\n",
-                            "setPeltoState, Temp Off -> Off, 394\n",
-                            "setPeltoState, Off -> On, 389\n", "setPeltoState, On -> Off, 360\n",
-                            "from on to off, re-register vsync\n"));
+    EXPECT_THAT(
+            log.messages("PeltoController"),
+            ElementsAre("setPeltoState, Off -> Temp Off, 391\n",
+                        "setPeltoState, Temp Off -> On, 389\n",
+                        "setPeltoState, On -> Temp Off, 391\n",
+                        "setPeltoState, Temp Off -> Off, 394\n", "setPeltoState, Off -> On, 389\n",
+                        "setPeltoState, On -> Off, 360\n", "from on to off, re-register vsync\n"));
     EXPECT_THAT(FakeTrace::instance().counters("PeltoState"),
                 ElementsAre(counter("PeltoState", 2), counter("PeltoState", 1),
                             counter("PeltoState", 2), counter("PeltoState", 0),
@@ -97,13 +97,13 @@ TEST_F(PeltoModeStateTest, pendingBufferFlagFollowsTheTargetAndCommitWhileOn) {
     controller->setHasPendingBuffer(nullptr);
     controller->setTargetLayer(&layer);
     controller->setHasPendingBuffer(&layer);
-    controller->setHasPendingBuffer(&mHost);  // another layer: ignored
-    controller->commit();                     // Off: unchanged
+    controller->setHasPendingBuffer(&mHost); // another layer: ignored
+    controller->commit();                    // Off: unchanged
     host.setVisibleLayers({&layer});
     controller->setPeltoEnable(true);
-    controller->composite(false, false, 0);  // On
+    controller->composite(false, false, 0); // On
     controller->commit();
-    controller->commit();  // traced again even though already false
+    controller->commit(); // traced again even though already false
     EXPECT_THAT(FakeTrace::instance().counters("PeltoHasPendingBuf"),
                 ElementsAre(counter("PeltoHasPendingBuf", 1), counter("PeltoHasPendingBuf", 1),
                             counter("PeltoHasPendingBuf", 0), counter("PeltoHasPendingBuf", 0)));
@@ -119,7 +119,7 @@ TEST_F(PeltoModeStateTest, pendingBufferFlagFollowsTheTargetAndCommitWhileOn) {
 TEST_F(PeltoModeStateTest, setTargetLayerResetsThePaceOnlyForANewLayer) {
     int b = 0;
     mHost.clearRecords();
-    mController->setTargetLayer(&mTarget);  // the target it already has
+    mController->setTargetLayer(&mTarget); // the target it already has
     EXPECT_EQ(mHost.vsyncPeriodCalls(), 0);
     mController->setTargetLayer(&b);
     EXPECT_EQ(mHost.vsyncPeriodCalls(), 1);
@@ -258,7 +258,7 @@ TEST(PeltoStatePairTest, aDumpNeverShowsAStateWithAnotherStatesReason) {
     std::thread composition([&] {
         for (bool enable = false; !done; enable = !enable) {
             controller->setPeltoEnable(enable);
-            controller->composite(false, false, 0);  // On 389 / Temp Off 391
+            controller->composite(false, false, 0); // On 389 / Temp Off 391
         }
     });
     std::set<std::string> seen;

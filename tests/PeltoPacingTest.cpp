@@ -7,9 +7,9 @@
 #include "controller/PeltoController.h"
 #include "support/FakeClock.h"
 #include "support/FakeCompositor.h"
-#include "support/RuleFile.h"
 #include "support/FakeTrace.h"
 #include "support/LogCapture.h"
+#include "support/RuleFile.h"
 #include "trace/PeltoTraceLog.h"
 
 namespace android {
@@ -70,9 +70,17 @@ protected:
 
 TEST_F(PeltoPacingTest, ringCapacityIsHalfTheRefreshRateInSinglePrecision) {
     const std::pair<long, int64_t> table[] = {
-            {33'333'333, 15}, {16'666'666, 30}, {11'111'111, 45}, {8'333'333, 60},
-            {8'333'334, 59},  {6'944'444, 72},  {500'000'000, 1}, {600'000'000, 0},
-            {0, 0},           {-16'666'666, 0}, {std::numeric_limits<long>::max(), 0},
+            {33'333'333, 15},
+            {16'666'666, 30},
+            {11'111'111, 45},
+            {8'333'333, 60},
+            {8'333'334, 59},
+            {6'944'444, 72},
+            {500'000'000, 1},
+            {600'000'000, 0},
+            {0, 0},
+            {-16'666'666, 0},
+            {std::numeric_limits<long>::max(), 0},
             {1, 500'000'000},
     };
     for (const auto& [period, capacity] : table) {
@@ -86,7 +94,7 @@ TEST_F(PeltoPacingTest, ringCapacityIsHalfTheRefreshRateInSinglePrecision) {
 TEST_F(PeltoPacingTest, averageNeedsFiveDurationsAndTheFirstSampleOnlyStoresItsTime) {
     ScopedFakeTrace trace(true);
     mHost.clearRecords();
-    queueEvery(k60Hz, 1);  // first sample: no duration, rate traced as 0
+    queueEvery(k60Hz, 1); // first sample: no duration, rate traced as 0
     // The first sample after a reset also passes the pause test once more.
     EXPECT_EQ(mHost.vsyncPeriodCalls(), 1 /*reset*/ + 1 /*threshold*/);
     queueEvery(k60Hz, 3);
@@ -94,9 +102,9 @@ TEST_F(PeltoPacingTest, averageNeedsFiveDurationsAndTheFirstSampleOnlyStoresItsT
     EXPECT_EQ(dumpedNumber(*mController, "avgPeriod"), 0);
     EXPECT_FALSE(mController->isQ2QFull());
 
-    queueEvery(k60Hz, 1);  // five samples, four durations
+    queueEvery(k60Hz, 1); // five samples, four durations
     EXPECT_EQ(dumpedNumber(*mController, "avgPeriod"), 0);
-    queueEvery(k60Hz, 1);  // the sixth gives the first average
+    queueEvery(k60Hz, 1); // the sixth gives the first average
     EXPECT_EQ(dumpedNumber(*mController, "avgPeriod"), k60Hz);
     EXPECT_TRUE(mController->isQ2QFull());
     EXPECT_THAT(FakeTrace::instance().counters("Pelto2-Q2QFps"),
@@ -122,11 +130,11 @@ TEST_F(PeltoPacingTest, rateFollowsTheIntegerAverage) {
 
 TEST_F(PeltoPacingTest, ringWrapsAtCapacityAndAveragesTheLatest) {
     queueEvery(20'000'000, 1);
-    queueEvery(20'000'000, 2);  // two slow durations, about to be overwritten
+    queueEvery(20'000'000, 2); // two slow durations, about to be overwritten
     queueEvery(k60Hz, 28);
     EXPECT_EQ(dumpedNumber(*mController, "queueCount"), 30);
     EXPECT_GT(dumpedNumber(*mController, "avgPeriod"), k60Hz);
-    queueEvery(k60Hz, 1);  // overwrites the oldest slow duration
+    queueEvery(k60Hz, 1); // overwrites the oldest slow duration
     EXPECT_EQ(dumpedNumber(*mController, "queueCount"), 30);
     EXPECT_EQ(dumpedNumber(*mController, "avgPeriod"), (20'000'000 + 29 * k60Hz) / 30);
     queueEvery(k60Hz, 1);
@@ -136,9 +144,9 @@ TEST_F(PeltoPacingTest, ringWrapsAtCapacityAndAveragesTheLatest) {
 TEST_F(PeltoPacingTest, aPauseOfMoreThanTenPeriodsRestartsTheRing) {
     queueEvery(k60Hz, 7);
     EXPECT_EQ(dumpedNumber(*mController, "queueCount"), 6);
-    queueEvery(10 * k60Hz, 1);  // exactly ten periods: kept
+    queueEvery(10 * k60Hz, 1); // exactly ten periods: kept
     EXPECT_EQ(dumpedNumber(*mController, "queueCount"), 7);
-    queueEvery(10 * k60Hz + 1, 1);  // one nanosecond more: restarted
+    queueEvery(10 * k60Hz + 1, 1); // one nanosecond more: restarted
     EXPECT_EQ(dumpedNumber(*mController, "queueCount"), 0);
     EXPECT_EQ(dumpedNumber(*mController, "avgPeriod"), 0);
 }
@@ -147,7 +155,7 @@ TEST_F(PeltoPacingTest, q2qFullBelowOnePointOnePeriods) {
     queueEvery(18'333'332, 6);
     EXPECT_TRUE(mController->isQ2QFull());
     mController->onActiveModeUpdated();
-    EXPECT_FALSE(mController->isQ2QFull());  // until five new durations
+    EXPECT_FALSE(mController->isQ2QFull()); // until five new durations
     queueEvery(18'333'333, 6);
     EXPECT_FALSE(mController->isQ2QFull());
     // The period is read afresh, not taken from the last reset.
@@ -168,7 +176,7 @@ TEST_F(PeltoPacingTest, vsyncIsRequestedWhenTheBufferIsOldEnoughAndAlone) {
     queue(50'000'000);
     EXPECT_THAT(mHost.vsyncCallbacks(), ElementsAre(true, true));
 
-    mHost.setVsyncPeriod(11'111'111);  // threshold 10,000,000
+    mHost.setVsyncPeriod(11'111'111); // threshold 10,000,000
     queue(10'000'000);
     queue(9'999'999);
     EXPECT_THAT(mHost.vsyncCallbacks(), ElementsAre(true, true, true));
@@ -194,15 +202,15 @@ TEST_F(PeltoPacingTest, nothingIsSampledUnlessOnAndTempOffKeepsTheAverage) {
     LogCapture log;
     queueEvery(k60Hz, 6);
     mController->setPeltoEnable(false);
-    mController->composite(false, false, 0);  // Temp Off 391
-    EXPECT_TRUE(mController->isQ2QFull());     // no reset on the way to Temp Off
+    mController->composite(false, false, 0); // Temp Off 391
+    EXPECT_TRUE(mController->isQ2QFull());   // no reset on the way to Temp Off
     queueEvery(k60Hz, 3);
     EXPECT_EQ(dumpedNumber(*mController, "queueCount"), 5);
     EXPECT_THAT(mHost.vsyncCallbacks(), IsEmpty());
 
     mController->setPeltoEnable(true);
-    mController->composite(false, false, 0);  // On
-    mController->composite(true, false, 0);   // forced Off: the ring restarts
+    mController->composite(false, false, 0); // On
+    mController->composite(true, false, 0);  // forced Off: the ring restarts
     EXPECT_FALSE(mController->isQ2QFull());
     EXPECT_EQ(dumpedNumber(*mController, "queueCount"), 0);
 }

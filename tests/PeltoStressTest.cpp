@@ -36,7 +36,7 @@ constexpr const char* kRulesB = R"({"target_layers": [{"name": "game"}, {"name":
     "general_rule": {"on_when_has_other_layer": true, "use_adaptive_timeout": false},
     "exception_rule": [{"layer_screen_size_ratio": {"condition": "1", "value1": 90}}]})";
 
-constexpr int kOperations = 400;  // per worker thread
+constexpr int kOperations = 400; // per worker thread
 
 // A fence that has already signalled: an eventfd whose counter is not zero.
 sp<Fence> signalledFence() {
@@ -97,12 +97,12 @@ TEST(PeltoStressTest, everyEntryPointFromEightThreadsKeepsTheInvariants) {
                 controller->commit();
             }
         });
-        worker([&](int i) {  // reloads alternate between two rule files
+        worker([&](int i) { // reloads alternate between two rule files
             rules.write(i % 2 ? kRulesA : kRulesB);
             std::string out;
             controller->reloadConfigThenDump(out);
         });
-        worker([&](int i) {  // registrations and destroys
+        worker([&](int i) { // registrations and destroys
             const int k = i % 6;
             if ((i / 6) % 2 == 0) {
                 controller->registerLayer(&layers[k], kNames[k]);
@@ -110,33 +110,33 @@ TEST(PeltoStressTest, everyEntryPointFromEightThreadsKeepsTheInvariants) {
                 controller->destroyLayer(&layers[k]);
             }
         });
-        worker([&](int i) {  // what the host shows
+        worker([&](int i) { // what the host shows
             std::vector<FakeCompositor::VisibleLayer> visible;
             for (int k = 0; k < 6; ++k) {
                 if ((i >> k) & 1) visible.push_back({&layers[k], 100.0f * k, k == 3});
             }
             host.setVisibleBufferLayers(visible);
         });
-        worker([&](int i) {  // transactions
+        worker([&](int i) { // transactions
             controller->setTransactionState({{handles[i % 6], true, false, signalledFence()},
                                              {handles[(i + 1) % 6], false, false, nullptr}},
                                             i);
         });
-        worker([&](int i) {  // hints
+        worker([&](int i) { // hints
             controller->setHasOtherUI(i % 2);
             controller->setHasPendingBuffer(&layers[i % 6]);
             controller->setSFInProgress(i % 3 == 0);
             const sp<Fence> fences[] = {Fence::NO_FENCE, signalledFence(), nullptr};
             controller->setPreviousPresentFence(fences[i % 3]);
-            controller->queueFence(signalledFence());  // the fence thread drops it
+            controller->queueFence(signalledFence()); // the fence thread drops it
         });
-        worker([&](int) {  // queries and dumps
+        worker([&](int) { // queries and dumps
             std::string out;
             controller->dump(out);
             controller->isOn();
             controller->isQ2QFull();
         });
-        worker([&](int i) {  // display mode changes, including unusable periods
+        worker([&](int i) { // display mode changes, including unusable periods
             static const long kPeriods[] = {16'666'666, 8'333'333, 0, -1, 11'111'111};
             host.setVsyncPeriod(kPeriods[i % 5]);
             controller->onActiveModeUpdated();

@@ -297,10 +297,16 @@ TEST_F(PeltoTimerTest, failedSetupOrWaitIsLoggedAndTheLoopRebuilt) {
             {kTimerfdCreate, {EMFILE}, 1, " #0", {"Error adding timer fd to epoll dispatch loop"}},
             {kEpollCreate, {EMFILE}, 1, " #0", {"Error adding timer fd to epoll dispatch loop"}},
             // Without a pipe the control fd is -1, which epoll refuses.
-            {kPipe2, {EBADF}, 1, " #0",
+            {kPipe2,
+             {EBADF},
+             1,
+             " #0",
              {"could not create TimerDispatch mPipes", "Error adding control fd to dispatch loop"}},
             // An interrupted wait goes on; a failed one rebuilds the loop, and its count restarts.
-            {kEpollWait, {EINTR, EIO}, 3, " #0 #1 #0",
+            {kEpollWait,
+             {EINTR, EIO},
+             3,
+             " #0 #1 #0",
              {"Error waiting on epoll: Input/output error"}},
     };
     for (const auto& c : cases) {
@@ -385,9 +391,9 @@ TEST_F(PeltoTimerTest, failedRunsAreRetriedAfterGrowingPausesAndLoggedAsACount) 
     EXPECT_EQ(lines[0], "Error adding timer fd to epoll dispatch loop");
     EXPECT_EQ(lines.size(), 1 + static_cast<size_t>(std::log2(runs))) << runs << " runs";
     EXPECT_THAT(lines, Contains("Dispatch loop failed 8 times in a row; next attempt in 128 ms"));
-    EXPECT_TRUE(mLog.contains(ANDROID_LOG_WARN, kTag,
-                              "Dispatch loop stopped after " + std::to_string(runs) +
-                                      " failed runs in a row"));
+    EXPECT_TRUE(mLog.contains(
+            ANDROID_LOG_WARN, kTag,
+            "Dispatch loop stopped after " + std::to_string(runs) + " failed runs in a row"));
 }
 
 } // namespace

@@ -23,7 +23,7 @@ TEST(PeltoTracedOrdinalTest, tracesOnceAtConstructionAndOnEveryAssignment) {
     ScopedFakeTrace trace(true);
     PeltoTracedOrdinal<int32_t> v("PeltoState", 0);
     v = 1;
-    v = 1;  // the same value is traced again
+    v = 1; // the same value is traced again
     EXPECT_EQ(v.get(), 1);
     EXPECT_THAT(FakeTrace::instance().events(),
                 ElementsAre(counter("PeltoState", 0), counter("PeltoState", 1),

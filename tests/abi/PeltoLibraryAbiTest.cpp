@@ -23,12 +23,24 @@ using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
 const char* const kEntryPoints[] = {
-        "createPeltoController", "destroyPeltoController", "dump",
-        "reloadConfigThenDump",  "registerLayer",          "destroyLayer",
-        "commit",                "composite",              "setTransactionState",
-        "onActiveModeUpdated",   "setHasPendingBuffer",    "isOn",
-        "setPeltoEnable",        "setTargetLayer",         "setHasOtherUI",
-        "setPreviousPresentFence", "setSFInProgress",      "isQ2QFull",
+        "createPeltoController",
+        "destroyPeltoController",
+        "dump",
+        "reloadConfigThenDump",
+        "registerLayer",
+        "destroyLayer",
+        "commit",
+        "composite",
+        "setTransactionState",
+        "onActiveModeUpdated",
+        "setHasPendingBuffer",
+        "isOn",
+        "setPeltoEnable",
+        "setTargetLayer",
+        "setHasOtherUI",
+        "setPreviousPresentFence",
+        "setSFInProgress",
+        "isQ2QFull",
 };
 
 class PeltoLibraryAbiTest : public ::testing::Test {
@@ -54,8 +66,7 @@ protected:
 // The dynamic symbols the library defines, demangled.
 std::set<std::string> definedDynamicSymbols() {
     std::set<std::string> symbols;
-    const std::string command =
-            std::string("nm -D --defined-only -C '") + PELTO_LIBRARY_PATH + "'";
+    const std::string command = std::string("nm -D --defined-only -C '") + PELTO_LIBRARY_PATH + "'";
     FILE* nm = popen(command.c_str(), "r");
     if (nm == nullptr) return symbols;
     char line[4096];
@@ -113,7 +124,7 @@ TEST_F(PeltoLibraryAbiTest, aCompositorDrivesEveryEntryPointThroughDlsym) {
     EXPECT_TRUE(sym<IsOnFn>("isOn")(ctl));
     sym<CommitFn>("commit")(ctl);
     sym<SetTransactionStateFn>("setTransactionState")(ctl, {{handle, true, false, nullptr}}, 0);
-    EXPECT_THAT(vsync, ElementsAre(true));  // a buffer queued long ago
+    EXPECT_THAT(vsync, ElementsAre(true)); // a buffer queued long ago
     EXPECT_FALSE(sym<IsQ2QFullFn>("isQ2QFull")(ctl));
     sym<OnActiveModeUpdatedFn>("onActiveModeUpdated")(ctl);
     sym<SetPreviousPresentFenceFn>("setPreviousPresentFence")(ctl, Fence::NO_FENCE);
@@ -122,7 +133,7 @@ TEST_F(PeltoLibraryAbiTest, aCompositorDrivesEveryEntryPointThroughDlsym) {
     sym<DestroyLayerFn>("destroyLayer")(ctl, &target);
     std::string out;
     sym<ReloadConfigThenDumpFn>("reloadConfigThenDump")(ctl, out);
-    EXPECT_THAT(out, IsEmpty());  // API mode has no rule file
+    EXPECT_THAT(out, IsEmpty()); // API mode has no rule file
     sym<DumpFn>("dump")(ctl, out);
     EXPECT_THAT(out, ::testing::HasSubstr("Pelto State: On\nPelto State Reason: 389\n"));
     sym<CompositeFn>("composite")(ctl, true, false, 100);

@@ -26,8 +26,9 @@ size_t AllocationCounter::allocations() const {
 
 // A sanitizer's runtime defines every operator new and delete itself and cannot
 // share them, so its allocator's hook counts instead (malloc included).
-extern "C" int __sanitizer_install_malloc_and_free_hooks(
-        void (*mallocHook)(const volatile void*, size_t), void (*freeHook)(const volatile void*));
+extern "C" int __sanitizer_install_malloc_and_free_hooks(void (*mallocHook)(const volatile void*,
+                                                                            size_t),
+                                                         void (*freeHook)(const volatile void*));
 
 namespace {
 

@@ -1,6 +1,5 @@
 #include "support/FakeCompositor.h"
 
-
 namespace android::test {
 
 FakeCompositor::FakeCompositor() = default;

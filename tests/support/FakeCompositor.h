@@ -56,8 +56,8 @@ public:
     // What the controller asked for.
     int vsyncPeriodCalls() const;
     std::vector<bool> vsyncCallbacks() const;
-    std::vector<std::string> hwcCalls() const;  // "on" / "off", in order
-    int otherCalls() const;  // traversals, handle lookups, buffer counts, invalidates
+    std::vector<std::string> hwcCalls() const; // "on" / "off", in order
+    int otherCalls() const; // traversals, handle lookups, buffer counts, invalidates
     // Period reads ("period"), vsync requests ("vsync") and HWC calls ("on",
     // "off"), in the order they came.
     std::vector<std::string> timeline() const;

@@ -11,8 +11,8 @@ namespace android::test {
 struct TraceEvent {
     enum class Kind { Begin, End, Counter };
     Kind kind;
-    std::string name;   // section or counter name; empty for End
-    int64_t value = 0;  // counter value
+    std::string name;  // section or counter name; empty for End
+    int64_t value = 0; // counter value
 
     bool operator==(const TraceEvent& o) const {
         return kind == o.kind && name == o.name && value == o.value;

@@ -62,8 +62,8 @@ LayerScene makeLayerScene(size_t registered, size_t visible) {
     if (visible >= 16) {
         shown.push_back({"SurfaceView[com.example.game/com.example.game.MainActivity](BLAST)",
                          kScreen * 0.2f, false, true});
-        shown.push_back({"com.example.game/com.example.game.MainActivity", kScreen * 0.2f, false,
-                         false});
+        shown.push_back(
+                {"com.example.game/com.example.game.MainActivity", kScreen * 0.2f, false, false});
     }
     const size_t exceptions = visible / 8;
     for (size_t i = 0; i < exceptions; ++i) {

@@ -24,11 +24,11 @@ struct LayerScene {
         std::string name;
     };
 
-    std::string ruleFile;                               // JSON text
-    std::vector<Registration> registrations;            // in registration order
-    std::vector<LeanCompositor::BufferLayer> visible;   // in traversal order
-    const void* activeTarget = nullptr;                 // the first visible target
-    std::vector<const void*> visibleNonTargets;         // visible, not a target
+    std::string ruleFile;                             // JSON text
+    std::vector<Registration> registrations;          // in registration order
+    std::vector<LeanCompositor::BufferLayer> visible; // in traversal order
+    const void* activeTarget = nullptr;               // the first visible target
+    std::vector<const void*> visibleNonTargets;       // visible, not a target
 };
 
 // registered >= visible >= 8.

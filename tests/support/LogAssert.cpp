@@ -13,8 +13,7 @@ extern "C" void __android_log_assert(const char* cond, const char* tag, const ch
         vsnprintf(message, sizeof(message), fmt, args);
         va_end(args);
     }
-    fprintf(stderr, "FATAL tag=%s cond=[%s] msg=[%s]\n", tag ? tag : "", cond ? cond : "",
-            message);
+    fprintf(stderr, "FATAL tag=%s cond=[%s] msg=[%s]\n", tag ? tag : "", cond ? cond : "", message);
     fflush(stderr);
     abort();
 }

@@ -57,9 +57,8 @@ std::vector<std::string> LogCapture::messages(const std::string& tag) const {
 
 size_t LogCapture::count(const std::string& tag, const std::string& message) const {
     std::lock_guard lock(mMutex);
-    return std::count_if(mLines.begin(), mLines.end(), [&](const LogLine& l) {
-        return l.tag == tag && l.message == message;
-    });
+    return std::count_if(mLines.begin(), mLines.end(),
+                         [&](const LogLine& l) { return l.tag == tag && l.message == message; });
 }
 
 bool LogCapture::contains(int priority, const std::string& tag, const std::string& message) const {

@@ -14,8 +14,8 @@ constexpr const char* kEntryFailPrefix = "excpetion rule entry load fail, i ";
 constexpr const char* kLoadFailurePrefixes[] = {"failed to open ", "loadConfig failed, ret "};
 
 struct KnownMessage {
-    const char* prefix;  // the message starts with this text
-    const char* path;    // absolute, or relative to exception_rule[N] when `inEntry`
+    const char* prefix; // the message starts with this text
+    const char* path;   // absolute, or relative to exception_rule[N] when `inEntry`
     bool inEntry;
 };
 
@@ -75,26 +75,28 @@ std::string withTargetIndex(const std::string& message, const char* prefix, std:
 
 std::vector<Finding> readLoaderLines(const std::vector<LogLine>& lines) {
     std::vector<Finding> findings;
-    std::vector<size_t> waitingForEntry;  // findings whose path needs the entry's index
+    std::vector<size_t> waitingForEntry; // findings whose path needs the entry's index
     for (const LogLine& line : lines) {
         if (line.tag != kConfigTag) continue;
         Finding finding;
         finding.source = Finding::Source::Loader;
         finding.message = line.message;
         finding.logPriority = priorityLetter(line.priority);
-        finding.severity = line.priority >= ANDROID_LOG_ERROR  ? Finding::Severity::Error
-                : line.priority >= ANDROID_LOG_WARN            ? Finding::Severity::Warning
-                                                               : Finding::Severity::Info;
+        finding.severity = line.priority >= ANDROID_LOG_ERROR ? Finding::Severity::Error
+                : line.priority >= ANDROID_LOG_WARN           ? Finding::Severity::Warning
+                                                              : Finding::Severity::Info;
         for (const char* prefix : kUncleanWarnings) {
             if (startsWith(line.message, prefix)) finding.severity = Finding::Severity::Error;
         }
         finding.path = leadingPath(line.message);
         if (startsWith(line.message, kEntryFailPrefix)) {
             const std::string entry = "exception_rule[" +
-                    std::to_string(std::atoi(line.message.c_str() + std::strlen(kEntryFailPrefix))) +
+                    std::to_string(std::atoi(line.message.c_str() +
+                                             std::strlen(kEntryFailPrefix))) +
                     "]";
             finding.path = entry;
-            for (size_t index : waitingForEntry) findings[index].path = entry + findings[index].path;
+            for (size_t index : waitingForEntry)
+                findings[index].path = entry + findings[index].path;
             waitingForEntry.clear();
         } else if (finding.path.empty()) {
             for (const KnownMessage& known : kKnownMessages) {

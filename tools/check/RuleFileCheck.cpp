@@ -22,8 +22,8 @@ namespace {
 // rule reload; past this size that is worth a warning with the time it took.
 constexpr uintmax_t kLargeFileBytes = 4u << 20;
 
-constexpr const char* kLayerSections[] = {"TargetLayer:", "TargetIgnoreLayer:", "ExceptionLayer:",
-                                          "Nobody:"};
+constexpr const char* kLayerSections[] = {
+        "TargetLayer:", "TargetIgnoreLayer:", "ExceptionLayer:", "Nobody:"};
 
 Finding fileFinding(Finding::Severity severity, const char* code, std::string message,
                     std::string fix) {
@@ -39,8 +39,8 @@ Finding fileFinding(Finding::Severity severity, const char* code, std::string me
 // The controller's dump without its status block: the configuration, then
 // the layer sections when `withLayers`.
 std::string configurationPart(const std::string& dump, bool withLayers) {
-    const size_t end = dump.find(withLayers ? "==========\nPelto State:"
-                                            : "==========\nTargetLayer:");
+    const size_t end =
+            dump.find(withLayers ? "==========\nPelto State:" : "==========\nTargetLayer:");
     return end == std::string::npos ? dump : dump.substr(0, end);
 }
 
@@ -80,7 +80,8 @@ FileReport RuleFileCheck::check(const std::string& path) {
     if (stat(path.c_str(), &info) != 0) {
         report.findings.push_back(fileFinding(
                 Finding::Severity::Error, errno == ENOENT ? "no-such-file" : "cannot-read",
-                errno == ENOENT ? "there is no such file" : std::string("cannot read it: ") + std::strerror(errno),
+                errno == ENOENT ? "there is no such file"
+                                : std::string("cannot read it: ") + std::strerror(errno),
                 "give the path of the rule file"));
     } else if (S_ISDIR(info.st_mode)) {
         report.findings.push_back(fileFinding(Finding::Severity::Error, "not-a-file",
@@ -89,29 +90,32 @@ FileReport RuleFileCheck::check(const std::string& path) {
     } else if (!S_ISREG(info.st_mode)) {
         // The library reads only regular files; reading a FIFO or a device
         // here could block or never end.
-        report.findings.push_back(fileFinding(Finding::Severity::Error, "not-a-file",
-                                              "this is not a regular file (a FIFO, a socket or a device)",
-                                              "give the path of the rule file itself"));
+        report.findings.push_back(
+                fileFinding(Finding::Severity::Error, "not-a-file",
+                            "this is not a regular file (a FIFO, a socket or a device)",
+                            "give the path of the rule file itself"));
     } else if (static_cast<unsigned long long>(info.st_size) > kMaxRuleFileBytes) {
         report.findings.push_back(fileFinding(
                 Finding::Severity::Error, "too-large",
-                "the file has " + std::to_string(info.st_size) + " bytes; the library reads at most " +
-                        std::to_string(kMaxRuleFileBytes),
+                "the file has " + std::to_string(info.st_size) +
+                        " bytes; the library reads at most " + std::to_string(kMaxRuleFileBytes),
                 "a rule file is a few kilobytes: check that this is the rule file"));
     } else {
         std::ifstream stream(path, std::ios::binary);
         text.assign(std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>());
         report.sizeBytes = text.size();
         if (!stream.is_open() || stream.bad()) {
-            report.findings.push_back(fileFinding(Finding::Severity::Error, "cannot-read",
-                                                  std::string("cannot read it: ") + std::strerror(errno),
-                                                  "make the file readable"));
+            report.findings.push_back(
+                    fileFinding(Finding::Severity::Error, "cannot-read",
+                                std::string("cannot read it: ") + std::strerror(errno),
+                                "make the file readable"));
         } else if (text.find_first_not_of(" \t\r\n") == std::string::npos) {
-            report.findings.push_back(fileFinding(
-                    Finding::Severity::Error, "empty-file",
-                    text.empty() ? "the file is empty (0 bytes)" : "the file holds only white space",
-                    "a rule file is a JSON object with at least \"target_layers\" (see "
-                    "config/examples/pelto_config.json)"));
+            report.findings.push_back(
+                    fileFinding(Finding::Severity::Error, "empty-file",
+                                text.empty() ? "the file is empty (0 bytes)"
+                                             : "the file holds only white space",
+                                "a rule file is a JSON object with at least \"target_layers\" (see "
+                                "config/examples/pelto_config.json)"));
         }
     }
     if (!report.findings.empty()) {
@@ -177,7 +181,8 @@ void RuleFileCheck::loadWithLibrary(const std::string& path, FileReport& report)
 
 void RuleFileCheck::decide(FileReport& report) const {
     bool loadFailed = false;
-    for (const Finding& finding : report.findings) loadFailed = loadFailed || isLoadFailure(finding);
+    for (const Finding& finding : report.findings)
+        loadFailed = loadFailed || isLoadFailure(finding);
     if (report.loaded && !report.loadConfigSucceeded && report.errors() == 0) {
         // Every cause the tool knows is counted above; this keeps the count
         // honest should the library learn a new one.

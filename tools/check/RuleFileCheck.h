@@ -16,8 +16,8 @@ namespace android::tools {
 class RuleFileCheck {
 public:
     struct Options {
-        std::vector<std::string> layers;  // names to register and classify
-        bool strict = false;              // warnings and lint findings reject the file
+        std::vector<std::string> layers; // names to register and classify
+        bool strict = false;             // warnings and lint findings reject the file
     };
 
     RuleFileCheck(PeltoLibrary& library, Options options);

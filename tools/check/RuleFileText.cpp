@@ -27,8 +27,8 @@ bool RuleFileText::parse(std::string text, std::string* error) {
 int RuleFileText::lineOf(const Json::Value& value) const {
     const ptrdiff_t offset = value.getOffsetStart();
     if (offset < 0 || static_cast<size_t>(offset) > mText.size()) return 0;
-    const auto next = std::upper_bound(mLineStarts.begin(), mLineStarts.end(),
-                                       static_cast<size_t>(offset));
+    const auto next =
+            std::upper_bound(mLineStarts.begin(), mLineStarts.end(), static_cast<size_t>(offset));
     return static_cast<int>(next - mLineStarts.begin());
 }
 
@@ -41,7 +41,8 @@ int RuleFileText::lineOfPath(const std::string& path) const {
         } else if (path[i] == '[') {
             const size_t end = path.find(']', i);
             if (end == std::string::npos || !value->isArray()) break;
-            const auto index = static_cast<Json::ArrayIndex>(std::stoul(path.substr(i + 1, end - i - 1)));
+            const auto index =
+                    static_cast<Json::ArrayIndex>(std::stoul(path.substr(i + 1, end - i - 1)));
             if (index >= value->size()) break;
             value = &(*value)[index];
             i = end + 1;

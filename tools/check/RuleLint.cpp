@@ -258,7 +258,8 @@ private:
                     add("duplicate-ignore-name", ignorePath, value,
                         quoted(ignore) + " is listed at " + it->second.path +
                                 " too; an ignored name belongs to the last target that lists it "
-                                "(here " + element("target_layers", i) +
+                                "(here " +
+                                element("target_layers", i) +
                                 ") and is left out beside that target only",
                         "list it once, under the target it belongs to");
                 }
@@ -291,7 +292,8 @@ private:
             const std::string name = hasName ? nameValue.asString() : std::string();
             if (hasName) {
                 checkName(name, child(path, "name"), nameValue);
-                if (reported.insert(name).second) checkRuleIsUsed(name, child(path, "name"), nameValue);
+                if (reported.insert(name).second)
+                    checkRuleIsUsed(name, child(path, "name"), nameValue);
             }
             if (const auto shape = lintEntry(entry, i, path)) {
                 (hasName ? named[name] : general).push_back(*shape);
@@ -460,8 +462,8 @@ private:
 
     const RuleFileText& mFile;
     std::vector<Finding> mFindings;
-    std::map<std::string, Json::ArrayIndex> mTargets;  // name -> index of its last element
-    std::map<std::string, Listing> mIgnored;            // name -> its last listing
+    std::map<std::string, Json::ArrayIndex> mTargets; // name -> index of its last element
+    std::map<std::string, Listing> mIgnored;          // name -> its last listing
 };
 
 } // namespace

@@ -10,7 +10,7 @@ namespace android::tools {
 
 // One line that the library wrote through liblog, trailing newline removed.
 struct LogLine {
-    int priority;  // android_LogPriority
+    int priority; // android_LogPriority
     std::string tag;
     std::string message;
 };

@@ -32,8 +32,8 @@ constexpr const char* kModeCounters[] = {"ActiveModeFPS_HWC", "ActiveModeFPS",
 // Slices the compositor begins once per composition, for a capture without
 // vsync counters; newer releases add the vsync id ("commit 1234").
 constexpr const char* kCompositionSlices[] = {"onMessageRefresh", "handleMessageRefresh",
-                                              "composite", "onMessageReceived", "handlePageFlip",
-                                              "commit"};
+                                              "composite",        "onMessageReceived",
+                                              "handlePageFlip",   "commit"};
 // Refresh rates a measured period is rounded to when it is within 3 %.
 constexpr double kKnownRates[] = {24, 25, 30, 48, 50, 60, 72, 75, 90, 96, 100, 120, 144, 165, 240};
 // A new rate counts once this many vsync intervals in a row show it; inside
@@ -68,8 +68,9 @@ bool isModeCounter(const std::string& name) {
 
 // A counter that toggles once per vsync it shows.
 bool isVsyncCounter(const std::string& name) {
-    return isHwVsync(name) || std::any_of(std::begin(kVsyncCounters), std::end(kVsyncCounters),
-                                          [&](const char* v) { return name == v; });
+    return isHwVsync(name) ||
+            std::any_of(std::begin(kVsyncCounters), std::end(kVsyncCounters),
+                        [&](const char* v) { return name == v; });
 }
 
 // The compositor's counters that cannot be a layer's queued buffers.
@@ -136,16 +137,16 @@ private:
     // "TRACE:" or the "# tracer:" header follows them.
     bool mPreambleOver = false;
     int mPreambleLines = 0;
-    std::string mPreambleError;  // about the first of them, until then
+    std::string mPreambleError; // about the first of them, until then
     bool mHaveStart = false;
-    SimTime mStart = 0;  // absolute ns of the first event
+    SimTime mStart = 0; // absolute ns of the first event
     SimTime mEnd = 0;
     int64_t mEvents = 0;
-    std::map<std::pair<int, std::string>, Series> mCounters;        // (pid, name)
-    std::map<std::pair<int, std::string>, std::vector<SimTime>> mSlices;  // composition slices
-    std::map<std::pair<int, int>, std::vector<SimTime>> mQueueBuffers;  // by (pid, tid)
-    std::map<int, std::string> mTaskNames;                           // pid -> its main thread
-    std::map<int, std::string> mThreadNames;                         // tid of a producer -> name
+    std::map<std::pair<int, std::string>, Series> mCounters;             // (pid, name)
+    std::map<std::pair<int, std::string>, std::vector<SimTime>> mSlices; // composition slices
+    std::map<std::pair<int, int>, std::vector<SimTime>> mQueueBuffers;   // by (pid, tid)
+    std::map<int, std::string> mTaskNames;                               // pid -> its main thread
+    std::map<int, std::string> mThreadNames; // tid of a producer -> name
     // The panel mode counters' values, at each change, by (pid, name).
     std::map<std::pair<int, std::string>, std::vector<RefreshChange>> mModes;
     // A Perfetto trace's FrameTimeline: compositions by compositor pid, and
@@ -166,8 +167,9 @@ bool CaptureParser::read(const std::string& path, std::string* error) {
         const size_t at = head.find(marker);
         const size_t data = at + strlen(marker);
         if (at != std::string::npos && data < head.size() && head[data] == '\x78') {
-            *error = mCapture.path + ": compressed by atrace -z (zlib after \"TRACE:\"): "
-                                     "capture without -z";
+            *error = mCapture.path +
+                    ": compressed by atrace -z (zlib after \"TRACE:\"): "
+                    "capture without -z";
             return false;
         }
     }
@@ -227,7 +229,7 @@ bool CaptureParser::line(std::string text, std::string* error) {
         }
         return true;
     }
-    if (text.compare(start, 4, "CPU:") == 0) return true;  // "CPU:3 [LOST 12 EVENTS]"
+    if (text.compare(start, 4, "CPU:") == 0) return true; // "CPU:3 [LOST 12 EVENTS]"
     EventLine e;
     if (!parseEventLine(text, &e)) {
         if (mEvents == 0 && !mHtml) return preamble(text, start, error);
@@ -355,7 +357,8 @@ bool CaptureParser::keep(size_t bytes, std::string* error) {
     if (mKept <= mMaxKept) return true;
     const std::string limit = mMaxKept >= (1 << 20) ? std::to_string(mMaxKept >> 20) + " MiB"
                                                     : std::to_string(mMaxKept) + " bytes";
-    *error = where() + "more than " + limit + " of vsync ticks, slices, buffers and names to keep: too large a capture to play";
+    *error = where() + "more than " + limit +
+            " of vsync ticks, slices, buffers and names to keep: too large a capture to play";
     return false;
 }
 
@@ -476,7 +479,7 @@ bool CaptureParser::dense(const std::vector<SimTime>& ticks,
     const SimTime first = ticks.front() - mStart;
     const SimTime last = ticks.back() - mStart;
     double expected = 0;
-    std::set<double> seen;  // of the known rates only
+    std::set<double> seen; // of the known rates only
     for (size_t i = 0; i < rates.size(); ++i) {
         const SimTime from = std::max(first, rates[i].at);
         const SimTime to = std::min(last, i + 1 < rates.size() ? rates[i + 1].at : last);
@@ -568,16 +571,18 @@ bool CaptureParser::findRefresh() {
     std::vector<RefreshChange> modeRates;
     if (modes != nullptr) {
         for (const RefreshChange& m : *modes) {
-            if (m.refreshHz < 1 || m.refreshHz > 1000) continue;  // 0 while the display is off
+            if (m.refreshHz < 1 || m.refreshHz > 1000) continue; // 0 while the display is off
             modeRates.push_back({m.at - mStart, m.refreshHz});
         }
-        std::stable_sort(modeRates.begin(), modeRates.end(),
-                         [](const RefreshChange& a, const RefreshChange& b) { return a.at < b.at; });
+        std::stable_sort(
+                modeRates.begin(), modeRates.end(),
+                [](const RefreshChange& a, const RefreshChange& b) { return a.at < b.at; });
     }
     if (!hwRates.empty() || !modeRates.empty()) {
         size_t windows = 0;
         for (size_t i = 0; i < hwTicks.size(); ++i) {
-            if (i == 0 || hwTicks[i] - hwTicks[i - 1] > 4 * vsyncPeriodOf(kKnownRates[0])) ++windows;
+            if (i == 0 || hwTicks[i] - hwTicks[i - 1] > 4 * vsyncPeriodOf(kKnownRates[0]))
+                ++windows;
         }
         std::string source;
         if (!hwRates.empty()) {
@@ -595,7 +600,7 @@ bool CaptureParser::findRefresh() {
             std::vector<RefreshChange> rates{{0, before}};
             for (const RefreshChange& m : modeRates) {
                 if (m.at == rates.back().at) {
-                    rates.back().refreshHz = m.refreshHz;  // the last of one instant
+                    rates.back().refreshHz = m.refreshHz; // the last of one instant
                 } else if (m.refreshHz != rates.back().refreshHz) {
                     rates.push_back(m);
                 }
@@ -629,7 +634,8 @@ bool CaptureParser::findRefresh() {
     // The panel's own rate changes are not in them.
     int pid = -1;
     for (const auto& [p, times] : mDisplayFrames) {
-        if (times.size() >= kRateRun + 1 && (pid < 0 || times.size() > mDisplayFrames[pid].size())) {
+        if (times.size() >= kRateRun + 1 &&
+            (pid < 0 || times.size() > mDisplayFrames[pid].size())) {
             pid = p;
         }
     }
@@ -670,10 +676,11 @@ bool CaptureParser::finish(std::string* error) {
     }
     mCapture.duration = mEnd - mStart + 1;
     if (!findRefresh()) {
-        *error = path + ": no vsync signal: no compositor counter HW_VSYNC_<display>, VSYNC-sf, "
-                        "VSYNC or VSYNC-app and no composition slices (onMessageRefresh, "
-                        "handleMessageRefresh, composite, onMessageReceived, handlePageFlip, "
-                        "commit)" +
+        *error = path +
+                ": no vsync signal: no compositor counter HW_VSYNC_<display>, VSYNC-sf, "
+                "VSYNC or VSYNC-app and no composition slices (onMessageRefresh, "
+                "handleMessageRefresh, composite, onMessageReceived, handlePageFlip, "
+                "commit)" +
                 (mPerfetto ? std::string(" and no FrameTimeline display frames") : "") +
                 "; capture with the gfx category";
         return false;
@@ -689,11 +696,11 @@ struct BufferSignal {
     int pid = 0;
     Kind kind = kOtherCounter;
     const std::vector<SimTime>* rises = nullptr;
-    std::vector<SimTime> producerTimes;  // the queueBuffer slices matched to it
+    std::vector<SimTime> producerTimes; // the queueBuffer slices matched to it
     std::vector<std::string> producers;
     std::set<int> producerPids;
-    std::string appCounter;              // an app's QueuedBuffer counter matched to it
-    bool absorbed = false;               // an app counter matched to a compositor's
+    std::string appCounter; // an app's QueuedBuffer counter matched to it
+    bool absorbed = false;  // an app counter matched to a compositor's
 };
 
 // One rise of a signal's counter.
@@ -713,7 +720,7 @@ constexpr int kMaxRisesAfter = 32;
 template <typename Eligible>
 int matchSignal(const std::vector<SimTime>& times, const std::vector<Rise>& rises,
                 const std::vector<BufferSignal>& signals, Eligible&& eligible) {
-    std::map<size_t, std::pair<size_t, SimTime>> votes;  // signal -> (times, their delays)
+    std::map<size_t, std::pair<size_t, SimTime>> votes; // signal -> (times, their delays)
     std::vector<size_t> voted;
     for (SimTime q : times) {
         voted.clear();
@@ -762,9 +769,9 @@ bool CaptureParser::findLayers(std::string* error) {
             static const char* kBufferTx = "BufferTX - ";
             const bool tx = startsWith(key.second, kBufferTx);
             s.layer = tx ? key.second.substr(strlen(kBufferTx)) : key.second;
-            s.kind = tx ? BufferSignal::kBufferTx
-                        : layerLikeName(key.second) ? BufferSignal::kLayerCounter
-                                                    : BufferSignal::kOtherCounter;
+            s.kind = tx                         ? BufferSignal::kBufferTx
+                    : layerLikeName(key.second) ? BufferSignal::kLayerCounter
+                                                : BufferSignal::kOtherCounter;
         } else if (key.first != sf && startsWith(key.second, "QueuedBuffer - ")) {
             s.layer = key.second.substr(15);
             s.kind = BufferSignal::kAppCounter;
@@ -781,10 +788,9 @@ bool CaptureParser::findLayers(std::string* error) {
         for (SimTime t : *signals[i].rises) rises.push_back({t, i});
     }
     std::stable_sort(rises.begin(), rises.end());
-    const bool compositorLayers =
-            std::any_of(signals.begin(), signals.end(), [](const BufferSignal& s) {
-                return s.kind != BufferSignal::kOtherCounter;
-            });
+    const bool compositorLayers = std::any_of(
+            signals.begin(), signals.end(),
+            [](const BufferSignal& s) { return s.kind != BufferSignal::kOtherCounter; });
     // Without such counters, FrameTimeline's surface frames that carried a
     // buffer are each layer's buffers (an app's queueBuffer slices would
     // count the same buffers again).
@@ -793,8 +799,10 @@ bool CaptureParser::findLayers(std::string* error) {
         for (auto& [name, frames] : mSurfaceFrames) {
             auto& [pid, times] = frames;
             std::sort(times.begin(), times.end());
-            Capture::Layer layer{name, {}, "its FrameTimeline surface frames with a buffer (pid " +
-                                                   std::to_string(pid) + ")"};
+            Capture::Layer layer{name,
+                                 {},
+                                 "its FrameTimeline surface frames with a buffer (pid " +
+                                         std::to_string(pid) + ")"};
             for (SimTime t : times) layer.buffers.push_back(t - mStart);
             mCapture.layers.push_back(std::move(layer));
         }
@@ -810,7 +818,7 @@ bool CaptureParser::findLayers(std::string* error) {
         app.absorbed = true;
     }
     // Each producer thread's slices go to the signal that follows them.
-    std::map<int, std::vector<std::pair<int, std::vector<SimTime>>>> unmatched;  // by pid
+    std::map<int, std::vector<std::pair<int, std::vector<SimTime>>>> unmatched; // by pid
     for (auto& [key, times] : mQueueBuffers) {
         const int pid = key.first;
         const int tid = key.second;
@@ -831,7 +839,7 @@ bool CaptureParser::findLayers(std::string* error) {
     }
     std::map<std::string, bool> named;
     const auto add = [&](Capture::Layer layer) {
-        if (named[layer.name]) return;  // a name twice: the more trusted signal's
+        if (named[layer.name]) return; // a name twice: the more trusted signal's
         named[layer.name] = true;
         mCapture.layers.push_back(std::move(layer));
     };
@@ -845,7 +853,8 @@ bool CaptureParser::findLayers(std::string* error) {
         std::sort(s.producerTimes.begin(), s.producerTimes.end());
         const std::string producers =
                 s.producers.empty() ? "" : "; queued by " + joined(s.producers);
-        const std::string app = s.appCounter.empty() ? "" : "; the app counts them in " + s.appCounter;
+        const std::string app =
+                s.appCounter.empty() ? "" : "; the app counts them in " + s.appCounter;
         Capture::Layer layer{s.layer, {}, {}};
         const std::vector<SimTime>* times = s.rises;
         switch (s.kind) {
@@ -853,8 +862,8 @@ bool CaptureParser::findLayers(std::string* error) {
                 layer.source = "its BufferTX counter in the compositor" + producers + app;
                 break;
             case BufferSignal::kAppCounter:
-                layer.source = "the app's counter " + s.counter + " (pid " +
-                        std::to_string(s.pid) + ")" + producers;
+                layer.source = "the app's counter " + s.counter + " (pid " + std::to_string(s.pid) +
+                        ")" + producers;
                 break;
             case BufferSignal::kLayerCounter:
             case BufferSignal::kOtherCounter:
@@ -863,7 +872,8 @@ bool CaptureParser::findLayers(std::string* error) {
                 if (!s.producerTimes.empty()) {
                     times = &s.producerTimes;
                     std::string list;
-                    for (int p : s.producerPids) list += (list.empty() ? "" : ", ") + std::to_string(p);
+                    for (int p : s.producerPids)
+                        list += (list.empty() ? "" : ", ") + std::to_string(p);
                     layer.source = "the queueBuffer slices of pid " + list + producers + app;
                 } else if (s.kind == BufferSignal::kLayerCounter) {
                     layer.source = "its queued-buffer counter in the compositor" + app;
@@ -895,11 +905,14 @@ bool CaptureParser::findLayers(std::string* error) {
         mCapture.notes.push_back(
                 std::to_string(mCapture.skippedCounters.size()) +
                 " compositor counters not taken for layers (no producer, no BufferTX prefix, no "
-                "#N name): " + joined(mCapture.skippedCounters));
+                "#N name): " +
+                joined(mCapture.skippedCounters));
     }
     if (mCapture.layers.empty()) {
-        *error = path + ": no layer with buffers: no queued-buffer counter in the compositor "
-                        "(pid " + std::to_string(sf) + ") and no app queueBuffer slices";
+        *error = path +
+                ": no layer with buffers: no queued-buffer counter in the compositor "
+                "(pid " +
+                std::to_string(sf) + ") and no app queueBuffer slices";
         return false;
     }
     std::stable_sort(mCapture.layers.begin(), mCapture.layers.end(),
@@ -937,8 +950,8 @@ bool captureScenario(const Capture& capture, const CapturePlay& play, Scenario* 
     char text[256];
     snprintf(text, sizeof(text), "capture: %lld %s, %s; refresh from %s (median spacing %.3f ms)",
              static_cast<long long>(capture.lines), capture.unit.c_str(),
-             formatMs(capture.duration).c_str(),
-             capture.vsyncSource.c_str(), capture.medianPeriodMs);
+             formatMs(capture.duration).c_str(), capture.vsyncSource.c_str(),
+             capture.medianPeriodMs);
     s.description = text;
     CaptureFacts& facts = s.capture.emplace();
     facts.refreshSource = play.refreshHz > 0 ? "--refresh-hz" : capture.vsyncSource;
@@ -976,8 +989,8 @@ bool captureScenario(const Capture& capture, const CapturePlay& play, Scenario* 
         LayerSpec layer;
         layer.name = c.name;
         layer.areas.push_back({0, static_cast<float>(s.display.screenArea())});
-        layer.visible.push_back({c.buffers.front(),
-                                 std::min(c.buffers.back() + period, s.duration)});
+        layer.visible.push_back(
+                {c.buffers.front(), std::min(c.buffers.back() + period, s.duration)});
         FrameTimes& times = layer.frames.emplace().times.emplace();
         times.inlineTimes = c.buffers;
         times.count = static_cast<int64_t>(c.buffers.size());
@@ -999,7 +1012,8 @@ bool captureScenario(const Capture& capture, const CapturePlay& play, Scenario* 
         return false;
     }
     a.push_back(std::string("assumed: display ") + std::to_string(play.width) + "x" +
-                std::to_string(play.height) + (play.displayGiven ? " (--display)" : " (--display to change)") +
+                std::to_string(play.height) +
+                (play.displayGiven ? " (--display)" : " (--display to change)") +
                 "; every layer covers the whole screen, none has input focus, each is on "
                 "screen from its first buffer to one vsync after its last");
     if (!play.rules.empty()) {
@@ -1057,9 +1071,7 @@ bool writeScenarioFile(const Scenario& s, const std::string& path, std::string* 
     if (s.listMode) {
         const std::filesystem::path dir =
                 std::filesystem::absolute(std::filesystem::path(path)).parent_path();
-        root["rules"] = std::filesystem::absolute(s.rules.path)
-                                .lexically_relative(dir)
-                                .string();
+        root["rules"] = std::filesystem::absolute(s.rules.path).lexically_relative(dir).string();
     }
     root["layers"] = Json::Value(Json::arrayValue);
     for (const LayerSpec& l : s.layers) {

@@ -9,30 +9,31 @@ namespace android::tools::sim {
 
 // What a device capture (Android systrace/atrace text, in any column layout
 // and with atrace's own lines before it, a systrace HTML report, a Perfetto
-// protobuf trace, or gzip of any of them) says about the display and the app layers. Times are nanoseconds from the capture's first event.
+// protobuf trace, or gzip of any of them) says about the display and the app layers. Times are
+// nanoseconds from the capture's first event.
 struct Capture {
     struct Layer {
         std::string name;
-        std::vector<SimTime> buffers;  // in time order
-        std::string source;            // which signal gave the buffer times
+        std::vector<SimTime> buffers; // in time order
+        std::string source;           // which signal gave the buffer times
     };
     std::string path;
     int compositorPid = -1;
-    std::string vsyncSource;                 // which signal gave the refresh period
-    std::vector<RefreshChange> refresh;      // the first at 0
-    double medianPeriodMs = 0;               // of the vsync signal, as measured
+    std::string vsyncSource;            // which signal gave the refresh period
+    std::vector<RefreshChange> refresh; // the first at 0
+    double medianPeriodMs = 0;          // of the vsync signal, as measured
     // False when the rate comes from a signal that ticks only when there is
     // work (VSYNC-sf or VSYNC-app on a few vsyncs, compositions, FrameTimeline):
     // its fastest steady rate is then a floor for the panel's.
     bool refreshTrusted = true;
     bool vsyncSparse = false;
-    std::string refreshWarning;              // why the rate is not trusted
-    std::vector<std::string> skippedCounters;  // compositor counters not taken for layers
+    std::string refreshWarning;               // why the rate is not trusted
+    std::vector<std::string> skippedCounters; // compositor counters not taken for layers
     std::vector<Layer> layers;
     SimTime duration = 0;
     int64_t lines = 0;
-    std::string unit = "lines";  // what `lines` counts: "packets" in a Perfetto trace
-    std::vector<std::string> notes;  // what the reader left out, for the run's assumptions
+    std::string unit = "lines";     // what `lines` counts: "packets" in a Perfetto trace
+    std::vector<std::string> notes; // what the reader left out, for the run's assumptions
 };
 
 // Streams the file once ("-": standard input). False, with *error naming the
@@ -46,12 +47,12 @@ bool readCapture(const std::string& path, Capture* capture, std::string* error,
 // How to play a capture: the rule file (list mode) or the API-mode target,
 // and the display size a capture does not record.
 struct CapturePlay {
-    std::string rules;      // list mode when set
-    std::string apiTarget;  // API mode with this layer (a part of its name)
+    std::string rules;     // list mode when set
+    std::string apiTarget; // API mode with this layer (a part of its name)
     uint32_t width = 1080;
     uint32_t height = 2400;
     bool displayGiven = false;
-    double refreshHz = 0;   // the panel's rate throughout (--refresh-hz), when set
+    double refreshHz = 0; // the panel's rate throughout (--refresh-hz), when set
 };
 
 // A scenario that plays the capture, with the assumptions it makes in

@@ -29,8 +29,8 @@ Json::Value figuresJson(const CompareFigures& f) {
 } // namespace
 
 void printCompare(FILE* out, const std::vector<CompareRow>& rows) {
-    fprintf(out, "%-36s %-24s %7s %7s %9s  %s\n", "input", "rules", "On %", "toggles",
-            "saved %", "reasons seen");
+    fprintf(out, "%-36s %-24s %7s %7s %9s  %s\n", "input", "rules", "On %", "toggles", "saved %",
+            "reasons seen");
     for (const CompareRow& row : rows) {
         const std::string input = fileName(row.input);
         for (const CompareFigures* f : {&row.a, &row.b}) {

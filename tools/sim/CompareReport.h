@@ -19,8 +19,8 @@ struct CompareFigures {
 
 struct CompareRow {
     std::string input;
-    CompareFigures a;  // the input's own rule file (or --rules)
-    CompareFigures b;  // the other rule file
+    CompareFigures a; // the input's own rule file (or --rules)
+    CompareFigures b; // the other rule file
 };
 
 // One table: per input, both runs and the difference (b - a).

@@ -12,8 +12,7 @@ std::string stateWithReason(const StateChange& s) {
             formatSeconds(s.at) + ")";
 }
 
-ExpectationResult check(const Expectation& e, const RunRecord& record,
-                        const RunSummary& summary) {
+ExpectationResult check(const Expectation& e, const RunRecord& record, const RunSummary& summary) {
     using Kind = Expectation::Kind;
     ExpectationResult r;
     r.expectation = &e;
@@ -28,8 +27,8 @@ ExpectationResult check(const Expectation& e, const RunRecord& record,
             break;
         }
         case Kind::StateThroughout: {
-            r.what = "from " + formatSeconds(e.window.from) + " to " +
-                    formatSeconds(e.window.to) + ": state " + peltoStateName(e.state) + " throughout";
+            r.what = "from " + formatSeconds(e.window.from) + " to " + formatSeconds(e.window.to) +
+                    ": state " + peltoStateName(e.state) + " throughout";
             const StateChange first = stateAt(record, e.window.from);
             r.passed = first.to == e.state;
             r.got = "at " + formatSeconds(e.window.from) + " " + stateWithReason(first);
@@ -58,8 +57,7 @@ ExpectationResult check(const Expectation& e, const RunRecord& record,
         }
         case Kind::Q2QFpsAt: {
             const int64_t fps = q2qFpsAt(record, e.at);
-            r.what = at + "Q2Q fps from " + std::to_string(e.min) + " to " +
-                    std::to_string(e.max);
+            r.what = at + "Q2Q fps from " + std::to_string(e.min) + " to " + std::to_string(e.max);
             r.passed = fps >= e.min && fps <= e.max;
             r.got = "Q2Q fps " + std::to_string(fps);
             if (record.q2qFpsLostFrom >= 0 && e.at >= record.q2qFpsLostFrom) {
@@ -107,8 +105,8 @@ ExpectationResult check(const Expectation& e, const RunRecord& record,
             snprintf(text, sizeof(text), "isQ2QFull true in %s %.1f%% of compositions",
                      atLeast ? "at least" : "at most", e.share * 100);
             r.what = text;
-            r.passed = atLeast ? summary.q2qFullShare() >= e.share
-                               : summary.q2qFullShare() <= e.share;
+            r.passed =
+                    atLeast ? summary.q2qFullShare() >= e.share : summary.q2qFullShare() <= e.share;
             snprintf(text, sizeof(text), "%.1f%% (%" PRId64 " of %" PRId64 ")",
                      summary.q2qFullShare() * 100, summary.q2qFullCompositions,
                      summary.compositions);
@@ -127,8 +125,7 @@ std::string formatSeconds(SimTime t) {
     return text;
 }
 
-std::vector<ExpectationResult> checkExpectations(const Scenario& scenario,
-                                                 const RunRecord& record,
+std::vector<ExpectationResult> checkExpectations(const Scenario& scenario, const RunRecord& record,
                                                  const RunSummary& summary) {
     std::vector<ExpectationResult> results;
     results.reserve(scenario.expectations.size());

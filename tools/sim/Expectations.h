@@ -12,12 +12,11 @@ namespace android::tools::sim {
 struct ExpectationResult {
     const Expectation* expectation = nullptr;
     bool passed = false;
-    std::string what;  // the expectation, in words
-    std::string got;   // what the run showed, when it failed
+    std::string what; // the expectation, in words
+    std::string got;  // what the run showed, when it failed
 };
 
-std::vector<ExpectationResult> checkExpectations(const Scenario& scenario,
-                                                 const RunRecord& record,
+std::vector<ExpectationResult> checkExpectations(const Scenario& scenario, const RunRecord& record,
                                                  const RunSummary& summary);
 
 // "12.345 s"

@@ -10,8 +10,8 @@ namespace {
 // The field at `index` of a comma-, tab- or space-separated line, trimmed.
 bool fieldAt(const std::string& line, size_t index, std::string* field) {
     const char* separators = line.find(',') != std::string::npos ? ","
-            : line.find('\t') != std::string::npos                ? "\t"
-                                                                   : " ";
+            : line.find('\t') != std::string::npos               ? "\t"
+                                                                 : " ";
     size_t start = 0;
     if (separators[0] == ' ') start = line.find_first_not_of(' ');
     for (size_t i = 0; start != std::string::npos; ++i) {

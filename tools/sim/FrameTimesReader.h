@@ -29,7 +29,7 @@ private:
     LineReader mLines;
     size_t mInlineIndex = 0;
     bool mHeaderSeen = false;
-    size_t mColumn = 0;  // the named column's index
+    size_t mColumn = 0; // the named column's index
     bool mHavePrevious = false;
     SimTime mPrevious = 0;
     std::string mPreviousWhere;

@@ -23,11 +23,20 @@ std::string escape(const std::string& text) {
     std::string out;
     for (char c : text) {
         switch (c) {
-            case '&': out += "&amp;"; break;
-            case '<': out += "&lt;"; break;
-            case '>': out += "&gt;"; break;
-            case '"': out += "&quot;"; break;
-            default: out += c;
+            case '&':
+                out += "&amp;";
+                break;
+            case '<':
+                out += "&lt;";
+                break;
+            case '>':
+                out += "&gt;";
+                break;
+            case '"':
+                out += "&quot;";
+                break;
+            default:
+                out += c;
         }
     }
     return out;
@@ -109,8 +118,8 @@ bool writeHtmlReport(const std::string& path, const Scenario& scenario, const Ru
             "<noscript><p>The timeline is drawn by the page's script; with scripts off, the "
             "tables below have the figures.</p></noscript>\n";
     html << "<script type=\"application/json\" id=\"pelto-data\">"
-         << scriptJson(timelineData(scenario, record)) << "</script>\n<script>"
-         << kTimelineScript << "</script>\n";
+         << scriptJson(timelineData(scenario, record)) << "</script>\n<script>" << kTimelineScript
+         << "</script>\n";
 
     char text[160];
     html << "<h2>Summary</h2>\n<table>\n";
@@ -121,7 +130,8 @@ bool writeHtmlReport(const std::string& path, const Scenario& scenario, const Ru
     }
     html << "<tr><th>HWC toggles</th><td>" << summary.hwcToggles() << " (" << summary.hwcOn
          << " on, " << summary.hwcOff << " off)</td></tr>\n";
-    html << "<tr><th>vsync callbacks requested</th><td>" << summary.vsyncCallbacks << "</td></tr>\n";
+    html << "<tr><th>vsync callbacks requested</th><td>" << summary.vsyncCallbacks
+         << "</td></tr>\n";
     snprintf(text, sizeof(text), "%" PRId64 " at the end; %" PRId64 " to %" PRId64, summary.q2qLast,
              summary.q2qMin, summary.q2qMax);
     html << "<tr><th>Q2Q fps</th><td>" << (summary.q2qMeasured ? text : "never measured")

@@ -74,9 +74,9 @@ Json::Value flagSpans(const std::vector<TimedFlag>& changes, SimTime end, const 
     bool on = false;
     for (const TimedFlag& change : changes) {
         if (on && !change.on) {
-            spans.append(span(since, change.at, colour,
-                              what + " from " + formatSeconds(since) + " to " +
-                                      formatSeconds(change.at)));
+            spans.append(span(
+                    since, change.at, colour,
+                    what + " from " + formatSeconds(since) + " to " + formatSeconds(change.at)));
         }
         if (!on && change.on) since = change.at;
         on = change.on;
@@ -100,12 +100,12 @@ Json::Value stateLane(const Scenario& scenario, const RunRecord& record) {
     const auto add = [&](SimTime until) {
         if (until <= current.at) return;
         const char* name = peltoStateName(current.to);
-        Json::Value s = span(current.at, until, name,
-                             std::string(name) + " from " + formatSeconds(current.at) + " to " +
-                                     formatSeconds(until) + ", reason " +
-                                     std::to_string(current.reason) + ": " +
-                                     peltoReasonText(current.reason) +
-                                     (current.cause.empty() ? "" : "; why: " + current.cause));
+        Json::Value s =
+                span(current.at, until, name,
+                     std::string(name) + " from " + formatSeconds(current.at) + " to " +
+                             formatSeconds(until) + ", reason " + std::to_string(current.reason) +
+                             ": " + peltoReasonText(current.reason) +
+                             (current.cause.empty() ? "" : "; why: " + current.cause));
         s.append(std::string(name) + " " + std::to_string(current.reason));
         s.append(std::to_string(current.reason));
         s.append(std::string(name) + " " + std::to_string(current.reason) + ": " +
@@ -123,8 +123,8 @@ Json::Value stateLane(const Scenario& scenario, const RunRecord& record) {
 }
 
 Json::Value q2qLane(const Scenario& scenario, const RunRecord& record) {
-    Json::Value l = lane("Q2Q fps", "Pelto2-Q2QFps as traced; dashed: the display's refresh rate",
-                         90);
+    Json::Value l =
+            lane("Q2Q fps", "Pelto2-Q2QFps as traced; dashed: the display's refresh rate", 90);
     double maxValue = 0;
     Json::Value refresh(Json::arrayValue);
     for (const TimedValue& p : record.vsyncPeriods) {
@@ -194,7 +194,8 @@ Json::Value ticks(const std::vector<SimTime>& times, SimTime duration) {
 Json::Value eventsLane(const Scenario& scenario, const RunRecord& record) {
     Json::Value l = lane("compositor events",
                          "forceOff (red), refresh changes, hints, reloads; the layer lanes show "
-                         "when layers come and go", 24);
+                         "when layers come and go",
+                         24);
     Json::Value spans(Json::arrayValue);
     for (const Window& w : scenario.forceOff) {
         spans.append(span(w.from, w.to, "forceOff",
@@ -234,8 +235,8 @@ void addLayerLanes(const Scenario& scenario, const RunRecord& record, Json::Valu
     for (size_t i = 0; i < scenario.layers.size(); ++i) {
         const std::string& name = scenario.layers[i].name;
         const size_t hash = name.rfind('#');
-        const std::string base = hash == std::string::npos || hash == 0 ? name
-                                                                         : name.substr(0, hash);
+        const std::string base =
+                hash == std::string::npos || hash == 0 ? name : name.substr(0, hash);
         if (members[base].empty()) bases.push_back(base);
         members[base].push_back(i);
     }
@@ -284,8 +285,8 @@ void addLayerLanes(const Scenario& scenario, const RunRecord& record, Json::Valu
                     const Role role = roleOf(kind);
                     spans.append(span(from, until, role.colour,
                                       layer.name + " (" + role.colour + ": " + role.meaning +
-                                              "): on screen from " + formatSeconds(from) +
-                                              " to " + formatSeconds(until) + ", " +
+                                              "): on screen from " + formatSeconds(from) + " to " +
+                                              formatSeconds(until) + ", " +
                                               percentText(layer.areaAt(from), screen) +
                                               " of the screen"));
                     from = until;
@@ -298,8 +299,8 @@ void addLayerLanes(const Scenario& scenario, const RunRecord& record, Json::Valu
             }
             for (const Window& w : layer.focused) {
                 focus.append(span(w.from, w.to, "focus",
-                                  layer.name + ": focused from " + formatSeconds(w.from) +
-                                          " to " + formatSeconds(w.to)));
+                                  layer.name + ": focused from " + formatSeconds(w.from) + " to " +
+                                          formatSeconds(w.to)));
             }
             for (const AreaChange& a : layer.areas) {
                 Json::Value t(Json::arrayValue);
@@ -310,10 +311,10 @@ void addLayerLanes(const Scenario& scenario, const RunRecord& record, Json::Valu
         }
         const auto byTime = [](Json::Value& list) {
             std::vector<Json::Value> items(list.begin(), list.end());
-            std::stable_sort(items.begin(), items.end(), [](const Json::Value& a,
-                                                            const Json::Value& b) {
-                return a[0].asDouble() < b[0].asDouble();
-            });
+            std::stable_sort(items.begin(), items.end(),
+                             [](const Json::Value& a, const Json::Value& b) {
+                                 return a[0].asDouble() < b[0].asDouble();
+                             });
             list = Json::Value(Json::arrayValue);
             for (Json::Value& item : items) list.append(std::move(item));
         };
@@ -335,11 +336,10 @@ std::string laneName(const std::string& name, int level) {
     const size_t open = name.find('[');
     const size_t close = open == std::string::npos ? open : name.find(']', open);
     if (close != std::string::npos) {
-        out = name.substr(0, open + 1) + shortActivity(name.substr(open + 1, close - open - 1),
-                                                       level) +
-                name.substr(close);
+        out = name.substr(0, open + 1) +
+                shortActivity(name.substr(open + 1, close - open - 1), level) + name.substr(close);
     } else if (name.find('/') != std::string::npos && name.find(' ') == std::string::npos) {
-        out = shortActivity(name, level);  // a capture's "package/activity"
+        out = shortActivity(name, level); // a capture's "package/activity"
     }
     if (out.size() > kMaxLabel) {
         // The start says what kind of layer it is, the end which one.
@@ -372,14 +372,15 @@ Json::Value mergeShortSpans(const Json::Value& spans, double durationMs, size_t 
                 shares += (shares.empty() ? "" : ", ") + std::string(text);
             }
             char text[160];
-            snprintf(text, sizeof(text), "%zu spans from %.3f s to %.3f s, merged on this page: ",
-                     pending.size(), from / 1000, to / 1000);
+            snprintf(text, sizeof(text),
+                     "%zu spans from %.3f s to %.3f s, merged on this page: ", pending.size(),
+                     from / 1000, to / 1000);
             Json::Value merged(Json::arrayValue);
             merged.append(from);
             merged.append(to);
             merged.append(colour);
             merged.append(text + shares + " (the text timeline and --trace have each one)");
-            merged.append(Json::Value());  // no label
+            merged.append(Json::Value()); // no label
             merged.append("merged");
             out.append(std::move(merged));
         }
@@ -409,22 +410,25 @@ Json::Value timelineData(const Scenario& scenario, const RunRecord& record) {
     lanes.append(stateLane(scenario, record));
     Json::Value hwc = lane("HWC Pelto mode",
                            "filled: the HWC is in Pelto mode (setHwcPeltoOn); empty: it is not "
-                           "(setHwcPeltoOff, or no call yet)", 24);
-    hwc["spans"] = mergeShortSpans(
-            flagSpans(record.hwc, scenario.duration, "hwc", "HWC Pelto mode on"),
-            ms(scenario.duration), kMaxShapesPerLane);
+                           "(setHwcPeltoOff, or no call yet)",
+                           24);
+    hwc["spans"] =
+            mergeShortSpans(flagSpans(record.hwc, scenario.duration, "hwc", "HWC Pelto mode on"),
+                            ms(scenario.duration), kMaxShapesPerLane);
     lanes.append(hwc);
     lanes.append(q2qLane(scenario, record));
-    Json::Value full = lane("isQ2QFull", "filled: isQ2QFull() answered true after the "
-                                         "composition", 24);
-    full["spans"] = mergeShortSpans(
-            flagSpans(record.q2qFull, scenario.duration, "full", "isQ2QFull true"),
-            ms(scenario.duration), kMaxShapesPerLane);
+    Json::Value full = lane("isQ2QFull",
+                            "filled: isQ2QFull() answered true after the "
+                            "composition",
+                            24);
+    full["spans"] =
+            mergeShortSpans(flagSpans(record.q2qFull, scenario.duration, "full", "isQ2QFull true"),
+                            ms(scenario.duration), kMaxShapesPerLane);
     lanes.append(full);
     Json::Value vsync = lane("vsync requests", "vsync callbacks the library requested", 24);
     vsync["ticks"] = ticks(record.vsyncCallbacks, scenario.duration);
-    vsync["tickTip"] = "vsync callbacks requested: " +
-            std::to_string(record.vsyncCallbackCount) + " over the run";
+    vsync["tickTip"] = "vsync callbacks requested: " + std::to_string(record.vsyncCallbackCount) +
+            " over the run";
     lanes.append(vsync);
     lanes.append(eventsLane(scenario, record));
     addLayerLanes(scenario, record, &lanes);

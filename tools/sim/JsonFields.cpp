@@ -147,11 +147,13 @@ std::vector<Window> readWindows(const Json::Value& value, const std::string& pat
         if (window.to <= window.from) {
             errors.fail(at, "to_ms must be later than from_ms");
         } else if (window.from >= end) {
-            errors.fail(at + "[0]", "starts at or after the end of the run (duration_ms " +
-                                            millisText(end) + ")");
+            errors.fail(
+                    at + "[0]",
+                    "starts at or after the end of the run (duration_ms " + millisText(end) + ")");
         } else if (window.to > end) {
-            errors.fail(at + "[1]", "ends after the end of the run (duration_ms " +
-                                            millisText(end) + "); null means the end");
+            errors.fail(at + "[1]",
+                        "ends after the end of the run (duration_ms " + millisText(end) +
+                                "); null means the end");
         }
         windows.push_back(window);
     }

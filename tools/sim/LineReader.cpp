@@ -48,8 +48,8 @@ size_t LineReader::readChunk() {
     if (n < 0) {
         int code = 0;
         const char* message = gzerror(mFile, &code);
-        mError = mPath + " after line " + std::to_string(mLine) + ": cannot read: " +
-                (code == Z_ERRNO ? strerror(errno) : message);
+        mError = mPath + " after line " + std::to_string(mLine) +
+                ": cannot read: " + (code == Z_ERRNO ? strerror(errno) : message);
         mBuffer.resize(old);
         mEof = true;
         return 0;

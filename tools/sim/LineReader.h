@@ -9,8 +9,9 @@ namespace android::tools::sim {
 
 // Reads a text file line by line, plain or gzip-compressed (zlib tells them
 // apart), holding one line at a time: a file of any size is read in bounded
-// memory. Binary formats read its bytes instead (peek, readBytes). A line longer than the limit, a NUL byte or a damaged gzip stream
-// stops the reading with a message that names the file and the line.
+// memory. Binary formats read its bytes instead (peek, readBytes). A line longer than the limit, a
+// NUL byte or a damaged gzip stream stops the reading with a message that names the file and the
+// line.
 class LineReader {
 public:
     static constexpr size_t kMaxLine = 1 << 20;
@@ -50,7 +51,7 @@ private:
     std::string mBuffer;
     size_t mPos = 0;
     bool mEof = false;
-    bool mHeadUnchecked = false;  // peek() read bytes not yet checked for NUL
+    bool mHeadUnchecked = false; // peek() read bytes not yet checked for NUL
     int64_t mLine = 0;
 };
 

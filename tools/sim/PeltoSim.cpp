@@ -7,8 +7,8 @@
 //   pelto-sim --capture FILE [--rules RULES | --api-target NAME] [--display WxH]
 //             [--refresh-hz HZ] [--write-scenario OUT.json] [other options as above]
 //   pelto-sim --compare OTHER_RULES [--rules RULES] [--json FILE] INPUT...
-#include <cstdio>
 #include <algorithm>
+#include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <optional>
@@ -19,8 +19,8 @@
 #include "tools/sim/CaptureReader.h"
 #include "tools/sim/CompareReport.h"
 #include "tools/sim/Expectations.h"
-#include "tools/sim/JsonReport.h"
 #include "tools/sim/HtmlReport.h"
+#include "tools/sim/JsonReport.h"
 #include "tools/sim/RunSummary.h"
 #include "tools/sim/ScenarioReader.h"
 #include "tools/sim/Simulation.h"
@@ -36,10 +36,10 @@ constexpr int kExitError = 2;
 
 struct Options {
     std::string library = PELTO_LIBRARY_PATH;
-    std::vector<std::string> inputs;  // scenarios or captures
-    bool capture = false;             // the input is a device capture
-    std::string rules;                // replaces the input's rule file
-    std::string compareRules;         // --compare: the other rule file
+    std::vector<std::string> inputs; // scenarios or captures
+    bool capture = false;            // the input is a device capture
+    std::string rules;               // replaces the input's rule file
+    std::string compareRules;        // --compare: the other rule file
     CapturePlay play;
     std::string writeScenario;
     std::string jsonFile;
@@ -143,7 +143,7 @@ bool parseArgs(int argc, char** argv, Options* options) {
         } else if (arg == "--help" || arg == "-h") {
             usage();
             exit(kExitPassed);
-        } else if (arg.size() > 1 && arg[0] == '-') {  // "-" alone is standard input
+        } else if (arg.size() > 1 && arg[0] == '-') { // "-" alone is standard input
             fprintf(stderr, "pelto-sim: unknown option or missing value: %s\n", arg.c_str());
             return false;
         } else {
@@ -248,8 +248,8 @@ int compare(const Options& options, PeltoLibrary& library) {
             figures->onPercent = 100.0 * static_cast<double>(summary.timeInState[1]) /
                     static_cast<double>(scenario.duration);
             figures->hwcToggles = summary.hwcToggles();
-            figures->refreshesSavedPercent = savedPercent(summary.refreshes.fixedTotal(),
-                                                          summary.refreshes.pacedTotal());
+            figures->refreshesSavedPercent =
+                    savedPercent(summary.refreshes.fixedTotal(), summary.refreshes.pacedTotal());
             figures->reasons = reasonsSeen(record);
         }
         rows.push_back(std::move(row));
@@ -326,7 +326,7 @@ int run(const Options& options) {
             return kExitError;
         }
         fprintf(text, "trace written to %s (%zu events; open it in Perfetto UI)\n",
-               options.traceFile.c_str(), record.trace.size());
+                options.traceFile.c_str(), record.trace.size());
     }
     if (!options.htmlFile.empty()) {
         if (!writeHtmlReport(options.htmlFile, scenario, record, summary, results, &error)) {

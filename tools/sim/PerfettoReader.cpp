@@ -49,8 +49,12 @@ constexpr uint64_t kFirstSequenceClock = 64;
 constexpr uint64_t kMaxTime = uint64_t{1} << 62;
 constexpr size_t kMaxSnapshots = 4096;
 
-bool isVarint(const Field& f) { return f.wire == proto::kVarint; }
-bool isBytes(const Field& f) { return f.wire == proto::kBytes; }
+bool isVarint(const Field& f) {
+    return f.wire == proto::kVarint;
+}
+bool isBytes(const Field& f) {
+    return f.wire == proto::kBytes;
+}
 
 struct RawTime {
     uint64_t clock = kBootTime;
@@ -106,19 +110,19 @@ private:
     };
     // A clock of one sequence (the Perfetto SDK's 64, incremental, and 65).
     struct SequenceClock {
-        uint64_t snapshot;  // its value at the snapshot
-        uint64_t boot;      // BOOTTIME then
-        uint64_t unit;      // ns per tick
-        bool incremental;   // packets give deltas
-        uint64_t last;      // the running value of an incremental clock
+        uint64_t snapshot; // its value at the snapshot
+        uint64_t boot;     // BOOTTIME then
+        uint64_t unit;     // ns per tick
+        bool incremental;  // packets give deltas
+        uint64_t last;     // the running value of an incremental clock
     };
     // What one writer's packets share; cleared when its state is.
     struct Sequence {
         bool valid = false;
         bool hasClock = false;
-        uint64_t clock = kBootTime;                   // TracePacketDefaults
-        uint64_t track = 0;                           // TrackEventDefaults
-        std::map<uint64_t, std::string> names;        // interned event names
+        uint64_t clock = kBootTime;            // TracePacketDefaults
+        uint64_t track = 0;                    // TrackEventDefaults
+        std::map<uint64_t, std::string> names; // interned event names
         std::map<uint64_t, SequenceClock> clocks;
     };
     struct Track {
@@ -144,9 +148,9 @@ private:
     std::vector<RawMark> mMarks;
     std::vector<RawDisplayFrame> mDisplayFrames;
     std::vector<RawSurfaceFrame> mSurfaceFrames;
-    std::map<int64_t, size_t> mOpenSurfaceFrames;  // cookie -> index
+    std::map<int64_t, size_t> mOpenSurfaceFrames; // cookie -> index
     std::map<uint64_t, Sequence> mSequences;
-    std::map<uint64_t, Track> mTracks;             // by uuid, for the whole trace
+    std::map<uint64_t, Track> mTracks; // by uuid, for the whole trace
     std::vector<RawTrackEvent> mTrackEvents;
     // Per clock, (its time, BOOTTIME) at each snapshot, in order of its time.
     std::map<uint64_t, std::vector<std::pair<uint64_t, uint64_t>>> mSnapshots;
@@ -214,17 +218,38 @@ bool TraceDecoder::packet(const uint8_t* data, size_t size, int64_t offset, bool
             case kIncrementalStateCleared:
                 if (isVarint(f) && f.value != 0) cleared = true;
                 break;
-            case kFtraceEvents: if (isBytes(f)) ftrace = f; break;
-            case kProcessTree: if (isBytes(f)) tree = f; break;
-            case kClockSnapshot: if (isBytes(f)) snapshot = f; break;
-            case kCompressedPackets: if (isBytes(f)) packed = f; break;
-            case kPacketDefaults: if (isBytes(f)) defaults = f; break;
-            case kFrameTimeline: if (isBytes(f)) frame = f; break;
-            case kTrackEvent: if (isBytes(f)) event = f; break;
-            case kInternedData: if (isBytes(f)) interned = f; break;
-            case kTrackDescriptor: if (isBytes(f)) descriptor = f; break;
-            case kZstdCompressedPackets: ++mTrace.zstdBundles; break;
-            default: break;
+            case kFtraceEvents:
+                if (isBytes(f)) ftrace = f;
+                break;
+            case kProcessTree:
+                if (isBytes(f)) tree = f;
+                break;
+            case kClockSnapshot:
+                if (isBytes(f)) snapshot = f;
+                break;
+            case kCompressedPackets:
+                if (isBytes(f)) packed = f;
+                break;
+            case kPacketDefaults:
+                if (isBytes(f)) defaults = f;
+                break;
+            case kFrameTimeline:
+                if (isBytes(f)) frame = f;
+                break;
+            case kTrackEvent:
+                if (isBytes(f)) event = f;
+                break;
+            case kInternedData:
+                if (isBytes(f)) interned = f;
+                break;
+            case kTrackDescriptor:
+                if (isBytes(f)) descriptor = f;
+                break;
+            case kZstdCompressedPackets:
+                ++mTrace.zstdBundles;
+                break;
+            default:
+                break;
         }
     }
     if (reader.error() != nullptr) {
@@ -241,8 +266,7 @@ bool TraceDecoder::packet(const uint8_t* data, size_t size, int64_t offset, bool
     } else if (dropped != 0) {
         seq.valid = false;
     }
-    if (defaults.data != nullptr &&
-        !fields(defaults, "trace_packet_defaults", [&](const Field& d) {
+    if (defaults.data != nullptr && !fields(defaults, "trace_packet_defaults", [&](const Field& d) {
             if (d.number == kTimestampClockId && isVarint(d)) {
                 seq.hasClock = true;
                 seq.clock = d.value;
@@ -255,8 +279,7 @@ bool TraceDecoder::packet(const uint8_t* data, size_t size, int64_t offset, bool
         })) {
         return false;
     }
-    if (interned.data != nullptr &&
-        !fields(interned, "interned_data", [&](const Field& i) {
+    if (interned.data != nullptr && !fields(interned, "interned_data", [&](const Field& i) {
             if (i.number != 2 || !isBytes(i)) return true;
             uint64_t iid = 0;
             std::string name;
@@ -416,7 +439,7 @@ bool TraceDecoder::processTree(const Field& tree) {
 }
 
 bool TraceDecoder::clockSnapshot(const Field& snapshot, Sequence& sequence) {
-    std::vector<std::pair<uint64_t, uint64_t>> clocks;  // (id, time) of built-in clocks
+    std::vector<std::pair<uint64_t, uint64_t>> clocks; // (id, time) of built-in clocks
     std::vector<std::pair<uint64_t, SequenceClock>> own;
     if (!fields(snapshot, "clock_snapshot", [&](const Field& f) {
             if (f.number != 1 || !isBytes(f)) return true;
@@ -465,7 +488,7 @@ bool TraceDecoder::frameTimeline(const Field& event, RawTime time) {
         int64_t cookie = 0;
         int32_t pid = 0;
         std::string layer;
-        bool buffer = true;  // older releases do not write is_buffer
+        bool buffer = true; // older releases do not write is_buffer
         const bool surface = f.number == 4;
         if (f.number != 2 && f.number != 4 && f.number != 5) return true;
         if (!fields(f, "frame", [&](const Field& p) {
@@ -507,10 +530,12 @@ bool TraceDecoder::sequenceTime(Sequence& sequence, RawTime* time) const {
     }
     const uint64_t value = clock.incremental ? clock.last : time->t;
     const int64_t ticks = static_cast<int64_t>(value) - static_cast<int64_t>(clock.snapshot);
-    if (clock.unit > kMaxTime || (ticks < 0 ? -ticks : ticks) > static_cast<int64_t>(kMaxTime / clock.unit)) {
+    if (clock.unit > kMaxTime ||
+        (ticks < 0 ? -ticks : ticks) > static_cast<int64_t>(kMaxTime / clock.unit)) {
         return false;
     }
-    const int64_t boot = static_cast<int64_t>(clock.boot) + ticks * static_cast<int64_t>(clock.unit);
+    const int64_t boot =
+            static_cast<int64_t>(clock.boot) + ticks * static_cast<int64_t>(clock.unit);
     if (boot < 0 || static_cast<uint64_t>(boot) >= kMaxTime) return false;
     *time = {kBootTime, static_cast<uint64_t>(boot)};
     return true;
@@ -584,7 +609,7 @@ bool TraceDecoder::trackEvent(const Field& event, const Sequence& sequence, RawT
             if (f.number == 44 && f.wire == proto::kFixed64) {
                 double d = 0;
                 memcpy(&d, &f.value, sizeof(d));
-                hasValue = std::fabs(d) < 9e18;  // NaN and the infinities too
+                hasValue = std::fabs(d) < 9e18; // NaN and the infinities too
                 if (hasValue) value = std::llround(d);
             }
             return true;
@@ -662,7 +687,8 @@ bool TraceDecoder::compressed(const Field& packets) {
             inflatedBytes + static_cast<int64_t>(out.size() + n) > mLimits.maxBytes) {
             problem = "inflate to more than the limit (" +
                     std::to_string(std::min<uint64_t>(mLimits.maxPacket,
-                                                      static_cast<uint64_t>(mLimits.maxBytes)) >> 20) +
+                                                      static_cast<uint64_t>(mLimits.maxBytes)) >>
+                                   20) +
                     " MiB)";
             break;
         }
@@ -676,8 +702,7 @@ bool TraceDecoder::compressed(const Field& packets) {
     Reader reader(data, out.size());
     Field f;
     while (reader.next(&f)) {
-        if (f.number == 1 && isBytes(f) &&
-            !packet(f.data, f.size, outer, /*inflated=*/true)) {
+        if (f.number == 1 && isBytes(f) && !packet(f.data, f.size, outer, /*inflated=*/true)) {
             return false;
         }
     }
@@ -863,7 +888,7 @@ bool readPerfetto(const ReadBytes& read, const std::string& name, PerfettoTrace*
             return stop("the trace is cut short: a packet of " + std::to_string(length) +
                         " bytes has " + std::to_string(packet.size()));
         }
-        if (key >> 3 != 1) continue;  // not a packet
+        if (key >> 3 != 1) continue; // not a packet
         if (!decoder.packet(reinterpret_cast<const uint8_t*>(packet.data()), packet.size(), start,
                             /*inflated=*/false)) {
             *error = decoder.error;

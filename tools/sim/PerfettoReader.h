@@ -16,8 +16,8 @@ namespace android::tools::sim {
 struct PerfettoTrace {
     struct Mark {
         int64_t time = 0;
-        int32_t tid = 0;   // the thread that wrote it
-        std::string text;  // "B|pid|name" or "C|pid|name|value", without its line end
+        int32_t tid = 0;  // the thread that wrote it
+        std::string text; // "B|pid|name" or "C|pid|name|value", without its line end
     };
     // The start of one composition (an actual display frame).
     struct DisplayFrame {
@@ -34,20 +34,20 @@ struct PerfettoTrace {
     std::vector<Mark> marks;
     std::vector<DisplayFrame> displayFrames;
     std::vector<SurfaceFrame> surfaceFrames;
-    std::map<int32_t, std::string> processNames;  // pid -> its command line's first word
-    std::map<int32_t, std::string> threadNames;   // tid -> comm
+    std::map<int32_t, std::string> processNames; // pid -> its command line's first word
+    std::map<int32_t, std::string> threadNames;  // tid -> comm
     int64_t packets = 0;
-    int64_t bytes = 0;          // of the trace, after inflating
+    int64_t bytes = 0; // of the trace, after inflating
     // Events left out: on a clock the trace gives no conversion for, on a
     // track it does not describe, or needing a sequence's state after a loss.
     int64_t unreadEvents = 0;
-    int64_t zstdBundles = 0;    // zstd-compressed packets (Perfetto v58 on), not read
+    int64_t zstdBundles = 0; // zstd-compressed packets (Perfetto v58 on), not read
 };
 
 struct PerfettoLimits {
-    int64_t maxBytes = int64_t{1} << 30;        // the whole trace, inflated
-    uint64_t maxPacket = uint64_t{64} << 20;    // one packet, or one inflated bundle
-    int64_t maxKept = int64_t{256} << 20;       // what is kept of it, roughly in bytes
+    int64_t maxBytes = int64_t{1} << 30;     // the whole trace, inflated
+    uint64_t maxPacket = uint64_t{64} << 20; // one packet, or one inflated bundle
+    int64_t maxKept = int64_t{256} << 20;    // what is kept of it, roughly in bytes
 };
 
 // Reads up to `size` bytes into `buffer`: the count, 0 at the end, or -1

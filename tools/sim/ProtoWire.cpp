@@ -53,7 +53,7 @@ bool Reader::next(Field* field) {
             }
             field->wire = n == 8 ? kFixed64 : kFixed32;
             uint64_t value = 0;
-            for (size_t i = n; i-- > 0;) value = value << 8 | mPos[i];  // little-endian
+            for (size_t i = n; i-- > 0;) value = value << 8 | mPos[i]; // little-endian
             field->value = value;
             mPos += n;
             return true;

@@ -13,8 +13,8 @@ enum WireType : uint8_t { kVarint = 0, kFixed64 = 1, kBytes = 2, kFixed32 = 5 };
 struct Field {
     uint32_t number = 0;
     WireType wire = kVarint;
-    uint64_t value = 0;              // a varint or fixed field, as read
-    const uint8_t* data = nullptr;   // a length-delimited field's bytes
+    uint64_t value = 0;            // a varint or fixed field, as read
+    const uint8_t* data = nullptr; // a length-delimited field's bytes
     size_t size = 0;
 
     // int32/int64 fields are sign-extended varints.

@@ -16,8 +16,7 @@ const T* lastAt(const std::vector<T>& items, SimTime t) {
 } // namespace
 
 double RunSummary::q2qFullShare() const {
-    return compositions == 0 ? 0.0
-                             : static_cast<double>(q2qFullCompositions) / compositions;
+    return compositions == 0 ? 0.0 : static_cast<double>(q2qFullCompositions) / compositions;
 }
 
 double savedPercent(int64_t fixed, int64_t paced) {

@@ -10,7 +10,7 @@ namespace android::tools::sim {
 
 // The figures of a run that the summary, the expectations and the HTML page share.
 struct RunSummary {
-    SimTime timeInState[3] = {};  // Off, On, Temp Off
+    SimTime timeInState[3] = {}; // Off, On, Temp Off
     int hwcOn = 0;
     int hwcOff = 0;
     size_t vsyncCallbacks = 0;

@@ -49,12 +49,12 @@ struct AreaChange {
 // (plain or gzip). A file is read twice, once to check it when the scenario
 // is read and once while it plays, never held in memory.
 struct FrameTimes {
-    std::vector<SimTime> inlineTimes;  // "times_ms", already shifted
-    std::string file;                  // resolved path; empty for inline times
-    std::string column;                // a column's header name; empty: by index
+    std::vector<SimTime> inlineTimes; // "times_ms", already shifted
+    std::string file;                 // resolved path; empty for inline times
+    std::string column;               // a column's header name; empty: by index
     size_t columnIndex = 0;
-    double nanosPerUnit = 1e6;         // "unit": ms by default
-    SimTime offset = 0;                // "offset_ms", may be negative
+    double nanosPerUnit = 1e6; // "unit": ms by default
+    SimTime offset = 0;        // "offset_ms", may be negative
     // Found when the scenario is read.
     int64_t count = 0;
     SimTime first = 0;
@@ -66,8 +66,8 @@ struct FrameTimes {
 struct FrameSpec {
     double fps = 0;
     std::optional<FrameTimes> times;
-    SimTime phase = 0;   // offset of the first frame from the start of a visible window
-    SimTime jitter = 0;  // each frame moves by up to this much, either way
+    SimTime phase = 0;  // offset of the first frame from the start of a visible window
+    SimTime jitter = 0; // each frame moves by up to this much, either way
     std::vector<Window> pauses;
 };
 
@@ -75,8 +75,8 @@ struct LayerSpec {
     std::string name;
     SimTime registeredAt = 0;
     std::optional<SimTime> destroyedAt;
-    std::vector<Window> visible;  // already limited to the registered span
-    std::vector<AreaChange> areas;  // first entry at registeredAt
+    std::vector<Window> visible;   // already limited to the registered span
+    std::vector<AreaChange> areas; // first entry at registeredAt
     std::vector<Window> focused;
     bool hasBuffer = true;
     int bufferCount = 1;
@@ -100,19 +100,19 @@ struct Event {
     SimTime at = 0;
     Kind kind = Kind::SetHasOtherUI;
     bool flag = false;
-    std::string layer;  // empty: no layer (a null pointer)
+    std::string layer; // empty: no layer (a null pointer)
     RuleSource rules;
-    std::string key;  // where it is in the scenario, for messages
+    std::string key; // where it is in the scenario, for messages
 };
 
 struct Expectation {
     enum class Kind {
-        StateAt,          // at `at`: state (and reason) as given
-        StateThroughout,  // the state holds over [from, to)
-        HwcAt,            // at `at`: the HWC mode is on/off
-        ActiveTargetAt,   // at `at`: the library's active target layer
-        Q2QFpsAt,         // at `at`: the last traced Q2Q fps lies in [min, max]
-        Q2QFullAt,        // at `at`: isQ2QFull() answered as given
+        StateAt,         // at `at`: state (and reason) as given
+        StateThroughout, // the state holds over [from, to)
+        HwcAt,           // at `at`: the HWC mode is on/off
+        ActiveTargetAt,  // at `at`: the library's active target layer
+        Q2QFpsAt,        // at `at`: the last traced Q2Q fps lies in [min, max]
+        Q2QFullAt,       // at `at`: isQ2QFull() answered as given
         HwcTogglesAtMost,
         HwcTogglesAtLeast,
         VsyncCallbacksAtLeast,
@@ -121,13 +121,13 @@ struct Expectation {
         Q2QFullShareAtMost,
     };
     Kind kind = Kind::StateAt;
-    std::string key;  // "expect[2]"
-    std::string why;  // the scenario's own words for it, if any
+    std::string key; // "expect[2]"
+    std::string why; // the scenario's own words for it, if any
     SimTime at = 0;
     Window window;
     int32_t state = 0;
     std::optional<int32_t> reason;
-    bool flag = false;  // hwc: on; q2q_full: the answer
+    bool flag = false; // hwc: on; q2q_full: the answer
     std::string layer;
     int64_t min = 0;
     int64_t max = 0;
@@ -139,17 +139,17 @@ struct Expectation {
 struct CaptureFacts {
     std::string refreshSource;
     bool refreshTrusted = true;
-    bool refreshGiven = false;  // --refresh-hz
+    bool refreshGiven = false; // --refresh-hz
     bool vsyncSparse = false;
     std::vector<std::string> warnings;
     struct Layer {
         std::string name;
         std::string source;
         int64_t buffers = 0;
-        double fps = 0;  // buffers a second between its first and last
+        double fps = 0; // buffers a second between its first and last
     };
     std::vector<Layer> layers;
-    std::string target;  // API mode
+    std::string target; // API mode
 };
 
 struct Scenario {

@@ -22,8 +22,8 @@ namespace {
 constexpr double kMaxRateHz = kMaxRefreshHz;
 constexpr double kMinFps = 0.01;
 constexpr int64_t kMaxDisplaySide = 16384;
-constexpr int64_t kMaxBufferCount = 64;  // a buffer queue's slots
-constexpr double kMaxAbsMillis = 1e9;    // measured times and offset_ms, either sign
+constexpr int64_t kMaxBufferCount = 64; // a buffer queue's slots
+constexpr double kMaxAbsMillis = 1e9;   // measured times and offset_ms, either sign
 constexpr double kMaxSteps = kMaxRunSteps;
 
 std::string dirName(const std::string& path) {
@@ -73,8 +73,9 @@ SimTime ScenarioParser::readTimeInRun(const Json::Value& value, const std::strin
     const SimTime t = readTimeMs(value, path, mErrors);
     const SimTime end = mScenario.duration;
     if (endIncluded ? t > end : t >= end) {
-        mErrors.fail(path, std::string(endIncluded ? "after" : "at or after") +
-                                   " the end of the run (duration_ms " + millisText(end) + ")");
+        mErrors.fail(path,
+                     std::string(endIncluded ? "after" : "at or after") +
+                             " the end of the run (duration_ms " + millisText(end) + ")");
     }
     return t;
 }
@@ -100,8 +101,8 @@ RuleSource ScenarioParser::readRules(const Json::Value& value, const std::string
 void ScenarioParser::readDisplay(const Json::Value& value) {
     JsonFields fields(value, "display", mErrors);
     DisplaySpec& display = mScenario.display;
-    for (const auto& [key, side] : {std::pair{"width", &display.width},
-                                    std::pair{"height", &display.height}}) {
+    for (const auto& [key, side] :
+         {std::pair{"width", &display.width}, std::pair{"height", &display.height}}) {
         if (const auto* v = fields.required(key)) {
             const int64_t pixels = readCount(*v, fields.path(key), mErrors);
             if (pixels < 1 || pixels > kMaxDisplaySide) {
@@ -145,8 +146,8 @@ float ScenarioParser::readArea(JsonFields& fields) {
     const auto* height = fields.optional("height");
     const auto* area = fields.optional("area");
     const auto* percent = fields.optional("screen_percent");
-    const int given = (width != nullptr || height != nullptr) + (area != nullptr) +
-            (percent != nullptr);
+    const int given =
+            (width != nullptr || height != nullptr) + (area != nullptr) + (percent != nullptr);
     if (given != 1 || (width != nullptr) != (height != nullptr)) {
         mErrors.fail(fields.path("width"),
                      "give the size as width and height, as area, or as screen_percent");
@@ -161,8 +162,8 @@ float ScenarioParser::readArea(JsonFields& fields) {
                                               mErrors));
     }
     if (percent != nullptr) {
-        const double p = readInRange(*percent, fields.path("screen_percent"), 0, 100,
-                                     "0 to 100", mErrors);
+        const double p =
+                readInRange(*percent, fields.path("screen_percent"), 0, 100, "0 to 100", mErrors);
         return static_cast<float>(p / 100.0 * screen);
     }
     const double w = readInRange(*width, fields.path("width"), 0, kMaxDisplaySide,
@@ -185,8 +186,7 @@ void ScenarioParser::readFrames(const Json::Value& value, const std::string& pat
         mErrors.fail(fields.path("fps"), "give one of fps, times_ms or file");
     } else if (fps != nullptr) {
         frames->fps = readInRange(*fps, fields.path("fps"), kMinFps, kMaxRateHz,
-                                  "0.01 to 1000 frames a second (no panel shows more)",
-                                  mErrors);
+                                  "0.01 to 1000 frames a second (no panel shows more)", mErrors);
     } else {
         readFrameTimes(fields, times, file, frames);
     }
@@ -210,8 +210,8 @@ void ScenarioParser::readFrameTimes(JsonFields& fields, const Json::Value* times
                                     const Json::Value* file, FrameSpec* frames) {
     FrameTimes& source = frames->times.emplace();
     if (const auto* v = fields.optional("offset_ms")) {
-        const double ms = readInRange(*v, fields.path("offset_ms"), -kMaxAbsMillis,
-                                      kMaxAbsMillis, "-1e9 to 1e9", mErrors);
+        const double ms = readInRange(*v, fields.path("offset_ms"), -kMaxAbsMillis, kMaxAbsMillis,
+                                      "-1e9 to 1e9", mErrors);
         source.offset = std::llround(ms * 1e6);
     }
     const auto* column = fields.optional("column");
@@ -223,8 +223,7 @@ void ScenarioParser::readFrameTimes(JsonFields& fields, const Json::Value* times
         if (!times->isArray()) mErrors.fail(fields.path("times_ms"), "expected a list");
         for (Json::ArrayIndex i = 0; times->isArray() && i < times->size(); ++i) {
             const double ms = readInRange((*times)[i], indexPath(fields.path("times_ms"), i),
-                                          -kMaxAbsMillis, kMaxAbsMillis, "-1e9 to 1e9",
-                                          mErrors);
+                                          -kMaxAbsMillis, kMaxAbsMillis, "-1e9 to 1e9", mErrors);
             source.inlineTimes.push_back(std::llround(ms * 1e6) + source.offset);
         }
     } else {
@@ -235,8 +234,8 @@ void ScenarioParser::readFrameTimes(JsonFields& fields, const Json::Value* times
         if (column != nullptr && column->isString()) {
             source.column = column->asString();
         } else if (column != nullptr) {
-            source.columnIndex = static_cast<size_t>(readCount(*column, fields.path("column"),
-                                                             mErrors));
+            source.columnIndex =
+                    static_cast<size_t>(readCount(*column, fields.path("column"), mErrors));
         }
         if (unit != nullptr) {
             const std::string u = readString(*unit, fields.path("unit"), mErrors);
@@ -292,8 +291,9 @@ void ScenarioParser::readLayer(const Json::Value& value, const std::string& path
             }
             change.area = readArea(resize);
             if (change.at <= layer.areas.back().at) {
-                mErrors.fail(resize.path("at_ms"), "resizes must be in time order, after "
-                                                   "registered_ms");
+                mErrors.fail(resize.path("at_ms"),
+                             "resizes must be in time order, after "
+                             "registered_ms");
             }
             resize.finish();
             layer.areas.push_back(change);
@@ -404,8 +404,9 @@ void ScenarioParser::readExpectation(const Json::Value& value, const std::string
             e.count = readCount(*v, fields.path(count.key), mErrors);
         }
     }
-    for (const auto& [key, kind] : {std::pair{"q2q_full_share_at_least", Kind::Q2QFullShareAtLeast},
-                                    std::pair{"q2q_full_share_at_most", Kind::Q2QFullShareAtMost}}) {
+    for (const auto& [key, kind] :
+         {std::pair{"q2q_full_share_at_least", Kind::Q2QFullShareAtLeast},
+          std::pair{"q2q_full_share_at_most", Kind::Q2QFullShareAtMost}}) {
         if (const auto* v = fields.optional(key)) {
             ++kinds;
             e.kind = kind;
@@ -428,8 +429,10 @@ void ScenarioParser::readExpectation(const Json::Value& value, const std::string
         ++kinds;
         e.kind = span ? Kind::StateThroughout : Kind::StateAt;
         e.state = stateFromName(readString(*v, fields.path("state"), mErrors));
-        if (e.state < 0) mErrors.fail(fields.path("state"), "expected \"Off\", \"On\" or "
-                                                            "\"Temp Off\"");
+        if (e.state < 0)
+            mErrors.fail(fields.path("state"),
+                         "expected \"Off\", \"On\" or "
+                         "\"Temp Off\"");
     }
     if (const auto* r = fields.optional("reason")) {
         e.reason = static_cast<int32_t>(readInRange(*r, fields.path("reason"), -1, 9999,
@@ -463,19 +466,23 @@ void ScenarioParser::readExpectation(const Json::Value& value, const std::string
         }
     }
     if (kinds != 1) {
-        mErrors.fail(path, "give exactly one of state, hwc, active_target, q2q_fps, q2q_full, "
-                           "hwc_toggles_at_most/at_least, vsync_callbacks_at_least/at_most, "
-                           "q2q_full_share_at_least/at_most");
+        mErrors.fail(path,
+                     "give exactly one of state, hwc, active_target, q2q_fps, q2q_full, "
+                     "hwc_toggles_at_most/at_least, vsync_callbacks_at_least/at_most, "
+                     "q2q_full_share_at_least/at_most");
     } else if (e.kind == Kind::StateThroughout) {
         if (at != nullptr) mErrors.fail(path, "give at_ms or from_ms and to_ms, not both");
-        if (e.window.to <= e.window.from) mErrors.fail(fields.path("to_ms"), "must be later "
-                                                                             "than from_ms");
-    } else if (e.kind == Kind::StateAt || e.kind == Kind::HwcAt ||
-               e.kind == Kind::ActiveTargetAt || e.kind == Kind::Q2QFpsAt ||
-               e.kind == Kind::Q2QFullAt) {
+        if (e.window.to <= e.window.from)
+            mErrors.fail(fields.path("to_ms"),
+                         "must be later "
+                         "than from_ms");
+    } else if (e.kind == Kind::StateAt || e.kind == Kind::HwcAt || e.kind == Kind::ActiveTargetAt ||
+               e.kind == Kind::Q2QFpsAt || e.kind == Kind::Q2QFullAt) {
         if (!pointInTime) mErrors.fail(fields.path("at_ms"), "missing");
-        if (from != nullptr || to != nullptr) mErrors.fail(path, "from_ms and to_ms go only "
-                                                                 "with state");
+        if (from != nullptr || to != nullptr)
+            mErrors.fail(path,
+                         "from_ms and to_ms go only "
+                         "with state");
     } else if (at != nullptr || from != nullptr || to != nullptr) {
         mErrors.fail(path, "a count covers the whole run: no at_ms, from_ms or to_ms");
     }

@@ -28,7 +28,7 @@ private:
 };
 
 uint64_t hashName(const std::string& name) {
-    uint64_t hash = 0xcbf29ce484222325ULL;  // FNV-1a
+    uint64_t hash = 0xcbf29ce484222325ULL; // FNV-1a
     for (unsigned char c : name) {
         hash = (hash ^ c) * 0x100000001b3ULL;
     }
@@ -88,7 +88,9 @@ private:
 class MeasuredFrames : public FrameStream {
 public:
     MeasuredFrames(const Scenario& scenario, const LayerSpec& layer, int64_t* skipped)
-          : mLayer(layer), mEnd(scenario.duration), mReader(*layer.frames->times),
+          : mLayer(layer),
+            mEnd(scenario.duration),
+            mReader(*layer.frames->times),
             mSkipped(*skipped) {
         std::string error;
         mOpen = mReader.open(&error);
@@ -210,9 +212,10 @@ SimTime Schedule::nextVsyncAfter(SimTime t) const {
 bool Schedule::next(Step* step) {
     if (!mError.empty()) return false;
     const bool fixedLeft = mFixedNext < mFixed.size();
-    if (fixedLeft && (mMoving.empty() || mFixed[mFixedNext].at < mMoving.top().at ||
-                      (mFixed[mFixedNext].at == mMoving.top().at &&
-                       mFixed[mFixedNext].kind < mMoving.top().kind))) {
+    if (fixedLeft &&
+        (mMoving.empty() || mFixed[mFixedNext].at < mMoving.top().at ||
+         (mFixed[mFixedNext].at == mMoving.top().at &&
+          mFixed[mFixedNext].kind < mMoving.top().kind))) {
         *step = std::move(mFixed[mFixedNext++]);
         return true;
     }
@@ -229,7 +232,6 @@ bool Schedule::next(Step* step) {
     }
     return true;
 }
-
 
 int64_t vsyncPeriodOf(double refreshHz) {
     return static_cast<int64_t>(1e9 / refreshHz);

@@ -14,17 +14,17 @@ namespace android::tools::sim {
 struct Step {
     // At one instant the steps run in this order.
     enum class Kind {
-        Register,       // registerLayer
-        Destroy,        // destroyLayer
-        RefreshChange,  // the display's new rate; onActiveModeUpdated
-        Note,           // a change on screen, shown in the timeline only
-        Event,          // one of the scenario's events
-        Vsync,          // commit, composite, isQ2QFull
-        Buffer,         // a layer queues a buffer: setTransactionState
+        Register,      // registerLayer
+        Destroy,       // destroyLayer
+        RefreshChange, // the display's new rate; onActiveModeUpdated
+        Note,          // a change on screen, shown in the timeline only
+        Event,         // one of the scenario's events
+        Vsync,         // commit, composite, isQ2QFull
+        Buffer,        // a layer queues a buffer: setTransactionState
     };
     SimTime at = 0;
     Kind kind = Kind::Note;
-    size_t index = 0;  // the layer, refresh change or event
+    size_t index = 0; // the layer, refresh change or event
     std::string note;
 };
 
@@ -72,9 +72,9 @@ private:
     SimTime nextVsyncAfter(SimTime t) const;
 
     const Scenario& mScenario;
-    std::vector<Step> mFixed;  // everything but vsyncs and buffers, sorted
+    std::vector<Step> mFixed; // everything but vsyncs and buffers, sorted
     size_t mFixedNext = 0;
-    std::vector<std::unique_ptr<FrameStream>> mStreams;  // per layer; null without frames
+    std::vector<std::unique_ptr<FrameStream>> mStreams; // per layer; null without frames
     std::priority_queue<Pending, std::vector<Pending>, std::greater<Pending>> mMoving;
     std::string mError;
     int64_t mBuffersPlayed = 0;

@@ -87,7 +87,8 @@ void Simulation::readClassification() {
         if (end == std::string::npos) end = dump.size();
         const std::string line = dump.substr(start, end - start);
         start = end + 1;
-        if (!line.empty() && line.back() == ':' && line[0] != '\t' && line.find(' ') == std::string::npos) {
+        if (!line.empty() && line.back() == ':' && line[0] != '\t' &&
+            line.find(' ') == std::string::npos) {
             section = line.substr(0, line.size() - 1);
         } else if (line.size() > 1 && line[0] == '\t' && line[1] != '\t' && !section.empty()) {
             kinds[line.substr(1)] = section;
@@ -299,8 +300,8 @@ void Simulation::applyEvent(const Event& event) {
                 note(TimelineEntry::Kind::Compositor, "rule reload skipped: " + error);
                 break;
             }
-            note(TimelineEntry::Kind::Compositor, "reloadConfigThenDump(" +
-                                                          ruleLabel(event.rules) + ")");
+            note(TimelineEntry::Kind::Compositor,
+                 "reloadConfigThenDump(" + ruleLabel(event.rules) + ")");
             std::string out;
             mLib.reloadConfigThenDump(mController, out);
             const std::string result = out.substr(0, out.find('\n'));
@@ -336,8 +337,9 @@ void Simulation::runStep(const Step& step) {
             mVsyncPeriod = vsyncPeriodOf(change.refreshHz);
             mRecord->vsyncPeriods.push_back({now(), mVsyncPeriod.load()});
             char text[96];
-            snprintf(text, sizeof(text), "display now %g Hz (period %" PRId64
-                     " ns); onActiveModeUpdated()", change.refreshHz, mVsyncPeriod.load());
+            snprintf(text, sizeof(text),
+                     "display now %g Hz (period %" PRId64 " ns); onActiveModeUpdated()",
+                     change.refreshHz, mVsyncPeriod.load());
             note(TimelineEntry::Kind::Compositor, text);
             mLib.onActiveModeUpdated(mController);
             break;
@@ -372,8 +374,9 @@ void Simulation::onLogLine(const LogLine& line) {
         snprintf(text, sizeof(text), "%s -> %s  (%d: %s)", peltoStateName(change.from),
                  peltoStateName(change.to), change.reason, peltoReasonText(change.reason));
         note(TimelineEntry::Kind::State,
-             text + (change.cause.empty() ? "" : "\n" + std::string(25, ' ') + "why: " +
-                                                         change.cause));
+             text +
+                     (change.cause.empty() ? ""
+                                           : "\n" + std::string(25, ' ') + "why: " + change.cause));
         mRecord->states.push_back(std::move(change));
         return;
     }
@@ -517,16 +520,16 @@ bool Simulation::run(RunRecord* record, std::string* error) {
         mRecord->vsyncCallbacks = mVsyncCallbacks;
         mRecord->vsyncCallbackCount = mVsyncCallbackCount;
         if (mInvalidateCalls > 0) {
-            note(TimelineEntry::Kind::Library, "triggerEventQueueInvalidate was called " +
-                                                       std::to_string(mInvalidateCalls) +
-                                                       " times");
+            note(TimelineEntry::Kind::Library,
+                 "triggerEventQueueInvalidate was called " + std::to_string(mInvalidateCalls) +
+                         " times");
         }
     }
     int repeats = 0;
     for (const auto& [text, count] : mLibraryWarnings) repeats += count - 1;
     if (repeats > 0) {
-        note(TimelineEntry::Kind::Library, std::to_string(repeats) +
-                                                   " repeats of the warnings above not shown");
+        note(TimelineEntry::Kind::Library,
+             std::to_string(repeats) + " repeats of the warnings above not shown");
     }
     mRecord->trace = TraceRecorder::instance().events();
     if (!schedule.error().empty()) {

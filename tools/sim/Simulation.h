@@ -21,9 +21,9 @@
 namespace android::tools::sim {
 
 struct RunOptions {
-    bool verbose = false;     // every library log line in the timeline
-    bool debugLines = false;  // switch on the library's "pelto2_sf_lib: " lines
-    bool keepTrace = true;    // hold every trace event for a trace file
+    bool verbose = false;    // every library log line in the timeline
+    bool debugLines = false; // switch on the library's "pelto2_sf_lib: " lines
+    bool keepTrace = true;   // hold every trace event for a trace file
     // While the HWC is in Pelto mode the panel refreshes at least this often.
     double refreshFloorHz = 10;
 };
@@ -52,10 +52,10 @@ public:
 private:
     // One layer as the compositor holds it; its address is the layerPtr.
     struct Layer {
-        const LayerSpec* scenario = nullptr;  // what the scenario says of the layer
+        const LayerSpec* scenario = nullptr; // what the scenario says of the layer
         sp<IBinder> handle;
         bool registered = false;
-        std::string kind;  // how the rule file classifies it, from the library's dump
+        std::string kind; // how the rule file classifies it, from the library's dump
         // As it was at the last composition in state On: a layer that was on
         // screen then, as large and as focused, did not end that state.
         bool shownWhileOn = false;
@@ -85,17 +85,17 @@ private:
     PeltoLibrary& mLib;
     const RunOptions mOptions;
     PeltoController* mController = nullptr;
-    std::vector<Layer> mLayers;  // never resized during a run
+    std::vector<Layer> mLayers; // never resized during a run
     RunRecord* mRecord = nullptr;
     pid_t mMainTid = 0;
     SimTime mLastComposition = 0;
-    int32_t mState = 0;               // as the library last logged it
+    int32_t mState = 0; // as the library last logged it
     bool mHwcOn = false;
-    bool mQ2QFull = false;            // isQ2QFull() after the last composition
-    bool mNewFrame = false;           // a layer on screen queued since the last composition
-    SimTime mLastPanelRefresh = -1;   // for the refresh estimate
-    int64_t mLastQ2QFpsShown = 0;  // the value traced at construction
-    std::map<std::string, int> mLibraryWarnings;  // repeats of each line shown once
+    bool mQ2QFull = false;          // isQ2QFull() after the last composition
+    bool mNewFrame = false;         // a layer on screen queued since the last composition
+    SimTime mLastPanelRefresh = -1; // for the refresh estimate
+    int64_t mLastQ2QFpsShown = 0;   // the value traced at construction
+    std::map<std::string, int> mLibraryWarnings; // repeats of each line shown once
     std::vector<base::unique_fd> mRuleFiles;
 
     // Asked from the library's threads as well as from the simulation loop.

@@ -53,8 +53,8 @@ void writeSystrace(std::ostream& os, const std::vector<TraceEvent>& events, pid_
     for (const TraceEvent& e : events) {
         const auto& [tid, task] = ids[e.tid];
         const int64_t micros = e.time / 1000;
-        snprintf(prefix, sizeof(prefix), "%16s-%-5d (%5d) [000] ...1 %5" PRId64 ".%06" PRId64
-                 ": tracing_mark_write: ",
+        snprintf(prefix, sizeof(prefix),
+                 "%16s-%-5d (%5d) [000] ...1 %5" PRId64 ".%06" PRId64 ": tracing_mark_write: ",
                  task.c_str(), tid, kProcessId, micros / 1'000'000, micros % 1'000'000);
         os << prefix;
         switch (e.kind) {

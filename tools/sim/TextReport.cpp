@@ -55,27 +55,31 @@ void printSummary(FILE* out, const Scenario& scenario, const RunSummary& summary
             summary.hwcOff);
     fprintf(out, "  vsync callbacks   %zu requested\n", summary.vsyncCallbacks);
     if (summary.q2qMeasured > 0) {
-        fprintf(out, "  Q2Q fps           %" PRId64 " at the end; %" PRId64 " to %" PRId64
+        fprintf(out,
+                "  Q2Q fps           %" PRId64 " at the end; %" PRId64 " to %" PRId64
                 " over %zu measured samples\n",
                 summary.q2qLast, summary.q2qMin, summary.q2qMax, summary.q2qMeasured);
     } else {
         fprintf(out, "  Q2Q fps           never measured\n");
     }
-    fprintf(out, "  isQ2QFull         true after %" PRId64 " of %" PRId64
-            " compositions (%.1f%%)\n",
+    fprintf(out,
+            "  isQ2QFull         true after %" PRId64 " of %" PRId64 " compositions (%.1f%%)\n",
             summary.q2qFullCompositions, summary.compositions, summary.q2qFullShare() * 100);
     const RefreshCounts& r = summary.refreshes;
-    fprintf(out, "  panel refreshes   %" PRId64 " on the vsync cadence, %" PRId64
+    fprintf(out,
+            "  panel refreshes   %" PRId64 " on the vsync cadence, %" PRId64
             " with the library's decisions: %.1f%% saved (estimate, floor %g Hz)\n",
             r.fixedTotal(), r.pacedTotal(), savedPercent(r.fixedTotal(), r.pacedTotal()),
             summary.refreshFloorHz);
     for (int s = 0; s < 3; ++s) {
         if (r.fixed[s] == 0) continue;
-        fprintf(out, "    while %-9s %" PRId64 " -> %" PRId64 " (%.1f%% saved)\n", peltoStateName(s),
-                r.fixed[s], r.paced[s], savedPercent(r.fixed[s], r.paced[s]));
+        fprintf(out, "    while %-9s %" PRId64 " -> %" PRId64 " (%.1f%% saved)\n",
+                peltoStateName(s), r.fixed[s], r.paced[s], savedPercent(r.fixed[s], r.paced[s]));
     }
     if (const ContentPace pace = contentPace(scenario, summary); pace.layer != nullptr) {
-        fprintf(out, "  content pace      the target's %" PRId64 " buffers, %.2f a second: a panel "
+        fprintf(out,
+                "  content pace      the target's %" PRId64
+                " buffers, %.2f a second: a panel "
                 "refreshing only for them saves %.1f%%\n",
                 pace.layer->buffers, pace.layer->fps, pace.savedPercent);
     }

@@ -17,11 +17,11 @@ namespace android::tools::sim {
 struct TraceEvent {
     enum class Kind { Begin, End, Counter };
     Kind kind = Kind::Begin;
-    int64_t time = 0;    // virtual monotonic time, ns
+    int64_t time = 0; // virtual monotonic time, ns
     pid_t tid = 0;
-    std::string thread;  // the thread's name when the event was made
-    std::string name;    // section or counter name; empty for End
-    int64_t value = 0;   // counter value
+    std::string thread; // the thread's name when the event was made
+    std::string name;   // section or counter name; empty for End
+    int64_t value = 0;  // counter value
 };
 
 // Collects the trace. The simulator defines the platform's atrace entry

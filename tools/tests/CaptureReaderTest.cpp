@@ -20,15 +20,19 @@ namespace {
 TEST(FtraceLine, EveryColumnLayoutGivesTheSameEvent) {
     const char* kLayouts[] = {
             // TGID and irq flags (Android 9 on).
-            "     RenderThread-8151  ( 8123) [005] ...1  5240.134000: tracing_mark_write: B|8123|queueBuffer",
+            "     RenderThread-8151  ( 8123) [005] ...1  5240.134000: tracing_mark_write: "
+            "B|8123|queueBuffer",
             // Newer kernels: five flag characters.
-            "     RenderThread-8151    ( 8123) [005] ...1.  5240.134000: tracing_mark_write: B|8123|queueBuffer",
+            "     RenderThread-8151    ( 8123) [005] ...1.  5240.134000: tracing_mark_write: "
+            "B|8123|queueBuffer",
             // TGID, no irq flags.
-            "     RenderThread-8151  ( 8123) [005]  5240.134000: tracing_mark_write: B|8123|queueBuffer",
+            "     RenderThread-8151  ( 8123) [005]  5240.134000: tracing_mark_write: "
+            "B|8123|queueBuffer",
             // Neither (older releases).
             "     RenderThread-8151  [005]  5240.134000: tracing_mark_write: B|8123|queueBuffer",
             // No TGID, irq flags.
-            "     RenderThread-8151  [005] d..2  5240.134000: tracing_mark_write: B|8123|queueBuffer",
+            "     RenderThread-8151  [005] d..2  5240.134000: tracing_mark_write: "
+            "B|8123|queueBuffer",
     };
     for (const char* text : kLayouts) {
         EventLine e;
@@ -43,10 +47,12 @@ TEST(FtraceLine, EveryColumnLayoutGivesTheSameEvent) {
 
 TEST(FtraceLine, TaskNamesKeepDashesSpacesAndParentheses) {
     EventLine e;
-    ASSERT_TRUE(parseEventLine("          <idle>-0     (-----) [002] d..2  1.5: sched_switch: x", &e));
+    ASSERT_TRUE(
+            parseEventLine("          <idle>-0     (-----) [002] d..2  1.5: sched_switch: x", &e));
     EXPECT_EQ(e.task, "<idle>");
     EXPECT_EQ(e.tid, 0);
-    ASSERT_TRUE(parseEventLine(" binder:612_3-640 (  612) [001] ...1 2.0: binder_transaction_received: t", &e));
+    ASSERT_TRUE(parseEventLine(
+            " binder:612_3-640 (  612) [001] ...1 2.0: binder_transaction_received: t", &e));
     EXPECT_EQ(e.task, "binder:612_3");
     ASSERT_TRUE(parseEventLine(" Jit thread (pool)-77 [001] 2.0: 0: E", &e));
     EXPECT_EQ(e.task, "Jit thread (pool)");
@@ -58,13 +64,13 @@ TEST(FtraceLine, RefusesWhatIsNotAnEventLine) {
     const char* kNotEvents[] = {
             "capturing trace... done",
             "TRACE:",
-            "  surfaceflinger-612   (  612) [002] ...1  5240.1300",  // cut short
+            "  surfaceflinger-612   (  612) [002] ...1  5240.1300", // cut short
             "  surfaceflinger-612   (  612) [002] ...1  inf: tracing_mark_write: E",
             "  surfaceflinger-612   (  612) [002] ...1  -1.5: tracing_mark_write: E",
             "  surfaceflinger-612   (  612) [002] ...1  1e300: tracing_mark_write: E",
             "  surfaceflinger-612   (  612) [002] ...1  12345678901.0: tracing_mark_write: E",
-            "  surfaceflinger-99999999999 [002] 1.0: tracing_mark_write: E",  // tid past 32 bits
-            "  surfaceflinger [002] 1.0: tracing_mark_write: E",              // no tid
+            "  surfaceflinger-99999999999 [002] 1.0: tracing_mark_write: E", // tid past 32 bits
+            "  surfaceflinger [002] 1.0: tracing_mark_write: E",             // no tid
     };
     for (const char* text : kNotEvents) {
         EventLine e;
@@ -99,7 +105,9 @@ Proto ftracePacket(std::initializer_list<std::tuple<uint64_t, int, std::string>>
     Proto bundle;
     bundle.varint(1, 0);
     for (const auto& [t, tid, text] : prints) {
-        bundle.message(2, Proto().varint(1, t).varint(2, tid).message(3, Proto().varint(1, 0xffffffff81000000).bytes(2, text)));
+        bundle.message(2,
+                       Proto().varint(1, t).varint(2, tid).message(
+                               3, Proto().varint(1, 0xffffffff81000000).bytes(2, text)));
     }
     return Proto().message(1, bundle).varint(10, 7);
 }
@@ -126,7 +134,8 @@ bool read(const std::string& bytes, PerfettoTrace* out, std::string* error,
     size_t pos = 0;
     const ReadBytes source = [&](uint8_t* buffer, size_t size, std::string*) {
         const size_t n = std::min({size, bytes.size() - pos, size_t{7}});
-        std::copy(bytes.begin() + static_cast<long>(pos), bytes.begin() + static_cast<long>(pos + n), buffer);
+        std::copy(bytes.begin() + static_cast<long>(pos),
+                  bytes.begin() + static_cast<long>(pos + n), buffer);
         pos += n;
         return static_cast<long>(n);
     };
@@ -136,7 +145,8 @@ bool read(const std::string& bytes, PerfettoTrace* out, std::string* error,
 std::string deflated(const std::string& data) {
     uLongf size = compressBound(data.size());
     std::string out(size, '\0');
-    compress(reinterpret_cast<Bytef*>(out.data()), &size, reinterpret_cast<const Bytef*>(data.data()), data.size());
+    compress(reinterpret_cast<Bytef*>(out.data()), &size,
+             reinterpret_cast<const Bytef*>(data.data()), data.size());
     out.resize(size);
     return out;
 }
@@ -170,13 +180,17 @@ TEST(ProtoWire, VarintsAndLengthsAreBoundsChecked) {
     EXPECT_EQ(fields("\x08\x96", &error), 0);
     EXPECT_NE(error, "");
     // A length past the end, a huge length, a group, field number 0, a fixed64 cut short.
-    for (const char* bad : {"\x0a\x05" "abc", "\x0a\xff\xff\xff\xff\xff\xff\xff\xff\x7f",
-                            "\x0b\x0c", "\x02\x00", "\x09\x01\x02"}) {
+    for (const char* bad :
+         {"\x0a\x05"
+          "abc",
+          "\x0a\xff\xff\xff\xff\xff\xff\xff\xff\x7f", "\x0b\x0c", "\x02\x00", "\x09\x01\x02"}) {
         EXPECT_EQ(fields(bad, &error), 0) << bad;
         EXPECT_NE(error, "") << bad;
     }
     // Unknown fields of every wire type are read past.
-    EXPECT_EQ(fields(Proto().varint(900, 1).bytes(131072, "x").out + "\x0d\x01\x02\x03\x04", &error), 3);
+    EXPECT_EQ(
+            fields(Proto().varint(900, 1).bytes(131072, "x").out + "\x0d\x01\x02\x03\x04", &error),
+            3);
     EXPECT_EQ(error, "");
 }
 
@@ -184,10 +198,19 @@ TEST(PerfettoReader, MarksNamesAndFramesInTimeOrder) {
     // CPU 1's bundle before CPU 0's earlier one; prints end in "\n" or
     // "\n\0"; E, S and text that is not a mark are not kept.
     const std::string bytes = trace({
-            Proto().message(2, Proto().message(1, Proto().varint(1, 600).bytes(3, "/system/bin/surfaceflinger").bytes(3, "--x"))
-                                      .message(2, Proto().varint(1, 7010).bytes(2, "RenderThread").varint(3, 7000))),
+            Proto().message(2,
+                            Proto().message(1,
+                                            Proto().varint(1, 600)
+                                                    .bytes(3, "/system/bin/surfaceflinger")
+                                                    .bytes(3, "--x"))
+                                    .message(2,
+                                             Proto().varint(1, 7010)
+                                                     .bytes(2, "RenderThread")
+                                                     .varint(3, 7000))),
             ftracePacket({{2000, 7010, "B|7000|queueBuffer\n"}, {2500, 7010, "E|7000\n"}}),
-            ftracePacket({{1000, 600, "C|600|VSYNC-sf|1\n\0"}, {1500, 600, "S|600|x|1\n"}, {1600, 1, "hello"}}),
+            ftracePacket({{1000, 600, "C|600|VSYNC-sf|1\n\0"},
+                          {1500, 600, "S|600|x|1\n"},
+                          {1600, 1, "hello"}}),
             framePacket(3000, 4, 77, 7000, "TX - app#1"),
             framePacket(2900, 2, 5, 600),
             framePacket(3400, 5, 77, 0),
@@ -206,7 +229,7 @@ TEST(PerfettoReader, MarksNamesAndFramesInTimeOrder) {
     ASSERT_EQ(t.displayFrames.size(), 1u);
     EXPECT_EQ(t.displayFrames[0].pid, 600);
     ASSERT_EQ(t.surfaceFrames.size(), 1u);
-    EXPECT_EQ(t.surfaceFrames[0].time, 3400);  // its end
+    EXPECT_EQ(t.surfaceFrames[0].time, 3400); // its end
     EXPECT_EQ(t.surfaceFrames[0].layer, "TX - app#1");
     EXPECT_EQ(t.packets, 7);
 }
@@ -216,16 +239,24 @@ TEST(PerfettoReader, ClocksAndCompressedPackets) {
     // a bundle on the global clock with its pair of readings; prints inside
     // compressed packets.
     const auto snapshot = [](uint64_t mono, uint64_t boot) {
-        return Proto().message(6, Proto().message(1, Proto().varint(1, 3).varint(2, mono))
-                                          .message(1, Proto().varint(1, 6).varint(2, boot)));
+        return Proto().message(6,
+                               Proto().message(1, Proto().varint(1, 3).varint(2, mono))
+                                       .message(1, Proto().varint(1, 6).varint(2, boot)));
     };
     Proto globalClock = ftracePacket({{50'000, 1, "C|1|x|1"}});
-    globalClock.out = Proto().message(1, Proto().varint(5, 2).varint(6, 40'000).varint(7, 90'000)
-            .message(2, Proto().varint(1, 50'000).varint(2, 1).message(3, Proto().bytes(2, "C|1|x|1")))).out;
+    globalClock.out =
+            Proto().message(1,
+                            Proto().varint(5, 2).varint(6, 40'000).varint(7, 90'000).message(
+                                    2,
+                                    Proto().varint(1, 50'000).varint(2, 1).message(
+                                            3, Proto().bytes(2, "C|1|x|1"))))
+                    .out;
     const std::string inner = trace({ftracePacket({{700, 2, "C|2|y|1"}})});
     const std::string bytes = trace({
-            snapshot(100, 1100), snapshot(500, 2000),
-            Proto().varint(8, 600).varint(58, 3).message(76, Proto().message(2, Proto().varint(3, 9))),
+            snapshot(100, 1100),
+            snapshot(500, 2000),
+            Proto().varint(8, 600).varint(58, 3).message(76,
+                                                         Proto().message(2, Proto().varint(3, 9))),
             globalClock,
             Proto().bytes(50, deflated(inner)),
     });
@@ -241,9 +272,10 @@ TEST(PerfettoReader, ClocksAndCompressedPackets) {
     ASSERT_TRUE(read(trace({Proto().bytes(133, "\x28\xb5\x2f\xfd")}), &t, &error)) << error;
     EXPECT_EQ(t.zstdBundles, 1);
     // A sequence's own clock, or one with no snapshot, is left out and counted.
-    ASSERT_TRUE(read(trace({Proto().varint(8, 5).varint(58, 64).message(76, Proto().message(2, Proto())),
-                            Proto().varint(8, 5).varint(58, 1).message(76, Proto().message(2, Proto()))}),
-                     &t, &error));
+    ASSERT_TRUE(read(
+            trace({Proto().varint(8, 5).varint(58, 64).message(76, Proto().message(2, Proto())),
+                   Proto().varint(8, 5).varint(58, 1).message(76, Proto().message(2, Proto()))}),
+            &t, &error));
     EXPECT_EQ(t.unreadEvents, 2);
 }
 
@@ -255,20 +287,36 @@ TEST(PerfettoReader, TrackEventSlicesAndCountersBecomeMarks) {
         return Proto().varint(8, delta).varint(10, 9).message(11, body);
     };
     const std::string bytes = trace({
-            Proto().varint(10, 9).varint(13, 1)
+            Proto().varint(10, 9)
+                    .varint(13, 1)
                     .message(59, Proto().varint(58, 64))
-                    .message(6, Proto().message(1, Proto().varint(1, 6).varint(2, 1'000'000))
-                                        .message(1, Proto().varint(1, 64).varint(2, 500'000).varint(3, 1).varint(4, 2)))
+                    .message(6,
+                             Proto().message(1, Proto().varint(1, 6).varint(2, 1'000'000))
+                                     .message(1,
+                                              Proto().varint(1, 64)
+                                                      .varint(2, 500'000)
+                                                      .varint(3, 1)
+                                                      .varint(4, 2)))
                     .message(12, Proto().message(2, Proto().varint(1, 1).bytes(2, "queueBuffer"))),
-            Proto().message(60, Proto().varint(1, 100).message(3, Proto().varint(1, 600).bytes(6, "surfaceflinger"))),
-            Proto().message(60, Proto().varint(1, 101).varint(5, 100).message(4, Proto().varint(1, 600).varint(2, 610).bytes(5, "binder:600_2"))),
-            Proto().message(60, Proto().varint(1, 102).varint(5, 100).bytes(13, "VSYNC-sf").message(8, Proto())),
-            event(50, Proto().varint(9, 1).varint(10, 1).varint(11, 101)),             // t 1,000,100
-            event(25, Proto().varint(9, 4).varint(11, 102).varint(30, 1)),              // t 1,000,150
-            event(5, Proto().varint(9, 1).varint(10, 7).varint(11, 101)),              // no such name
-            event(5, Proto().varint(9, 1).bytes(23, "composite").varint(11, 999)),      // no such track
+            Proto().message(60,
+                            Proto().varint(1, 100).message(
+                                    3, Proto().varint(1, 600).bytes(6, "surfaceflinger"))),
+            Proto().message(
+                    60,
+                    Proto().varint(1, 101).varint(5, 100).message(
+                            4, Proto().varint(1, 600).varint(2, 610).bytes(5, "binder:600_2"))),
+            Proto().message(60,
+                            Proto().varint(1, 102)
+                                    .varint(5, 100)
+                                    .bytes(13, "VSYNC-sf")
+                                    .message(8, Proto())),
+            event(50, Proto().varint(9, 1).varint(10, 1).varint(11, 101)),         // t 1,000,100
+            event(25, Proto().varint(9, 4).varint(11, 102).varint(30, 1)),         // t 1,000,150
+            event(5, Proto().varint(9, 1).varint(10, 7).varint(11, 101)),          // no such name
+            event(5, Proto().varint(9, 1).bytes(23, "composite").varint(11, 999)), // no such track
             // After a loss, a packet that needs the state is left out.
-            Proto().varint(8, 5).varint(10, 9).varint(42, 1).varint(13, 2).message(11, Proto().varint(9, 1).varint(10, 1).varint(11, 101)),
+            Proto().varint(8, 5).varint(10, 9).varint(42, 1).varint(13, 2).message(
+                    11, Proto().varint(9, 1).varint(10, 1).varint(11, 101)),
     });
     PerfettoTrace t;
     std::string error;
@@ -285,8 +333,8 @@ TEST(PerfettoReader, TrackEventSlicesAndCountersBecomeMarks) {
 }
 
 TEST(PerfettoReader, DamagedAndHostileTracesAreRefusedWithTheirPlace) {
-    const std::string good = trace({ftracePacket({{1000, 600, "C|600|VSYNC-sf|1"}}),
-                                     framePacket(3000, 2, 5, 600)});
+    const std::string good =
+            trace({ftracePacket({{1000, 600, "C|600|VSYNC-sf|1"}}), framePacket(3000, 2, 5, 600)});
     PerfettoTrace t;
     std::string error;
     // Every cut: a clean end between packets, else an error; never a crash.
@@ -298,23 +346,32 @@ TEST(PerfettoReader, DamagedAndHostileTracesAreRefusedWithTheirPlace) {
     }
     const std::string cut = good.substr(0, good.size() - 3);
     EXPECT_FALSE(read(cut, &t, &error));
-    EXPECT_NE(error.find("byte " + std::to_string(good.size() - trace({framePacket(3000, 2, 5, 600)}).size()) +
-                         ": the trace is cut short"), std::string::npos) << error;
+    EXPECT_NE(
+            error.find("byte " +
+                       std::to_string(good.size() - trace({framePacket(3000, 2, 5, 600)}).size()) +
+                       ": the trace is cut short"),
+            std::string::npos)
+            << error;
     // A packet claiming 2^62 bytes.
     EXPECT_FALSE(read("\x0a\x80\x80\x80\x80\x80\x80\x80\x80\x40", &t, &error));
     EXPECT_NE(error.find("more than the 64 MiB a packet may have"), std::string::npos) << error;
     // A nested length past its packet's end.
     EXPECT_FALSE(read(trace({Proto().bytes(1, "\x12\x7f")}), &t, &error));
-    EXPECT_NE(error.find("packet 1 (byte 0): ftrace_events: a length past the end"), std::string::npos) << error;
+    EXPECT_NE(error.find("packet 1 (byte 0): ftrace_events: a length past the end"),
+              std::string::npos)
+            << error;
     // Compressed packets inside compressed packets; damaged zlib; a bomb.
-    const std::string twice = trace({Proto().bytes(50, deflated(trace({Proto().bytes(50, deflated(good))})))});
+    const std::string twice =
+            trace({Proto().bytes(50, deflated(trace({Proto().bytes(50, deflated(good))})))});
     EXPECT_FALSE(read(twice, &t, &error));
-    EXPECT_NE(error.find("compressed packets inside compressed packets"), std::string::npos) << error;
+    EXPECT_NE(error.find("compressed packets inside compressed packets"), std::string::npos)
+            << error;
     EXPECT_FALSE(read(trace({Proto().bytes(50, "\x78\x9c garbage")}), &t, &error));
     EXPECT_NE(error.find("compressed packets: "), std::string::npos) << error;
     PerfettoLimits small;
     small.maxPacket = 1 << 20;
-    EXPECT_FALSE(read(trace({Proto().bytes(50, deflated(std::string(2 << 20, '\0')))}), &t, &error, small));
+    EXPECT_FALSE(read(trace({Proto().bytes(50, deflated(std::string(2 << 20, '\0')))}), &t, &error,
+                      small));
     EXPECT_NE(error.find("inflate to more than the limit (1 MiB)"), std::string::npos) << error;
     // More kept than the limit.
     small.maxKept = 1000;
@@ -326,7 +383,8 @@ TEST(PerfettoReader, DamagedAndHostileTracesAreRefusedWithTheirPlace) {
     uint32_t seed = 1;
     for (int round = 0; round < 2000; ++round) {
         std::string junk = good.substr(0, 4);
-        for (int i = 0; i < 64; ++i) junk += static_cast<char>((seed = seed * 1103515245 + 12345) >> 16);
+        for (int i = 0; i < 64; ++i)
+            junk += static_cast<char>((seed = seed * 1103515245 + 12345) >> 16);
         PerfettoTrace any;
         read(junk, &any, &error);
     }
@@ -341,11 +399,12 @@ TEST(PerfettoReader, PlaysThroughTheCaptureReaderLikeText) {
         prints.emplace_back(t, 600, "C|600|VSYNC-sf|" + std::to_string(i % 2) + "\n");
         if (i >= 2 && i < 8) {
             prints.emplace_back(t + 1'000'000, 7010, "B|7000|queueBuffer\n");
-            prints.emplace_back(t + 1'200'000, 640, "C|600|BufferTX - app#0|" + std::to_string(i - 1) + "\n");
+            prints.emplace_back(t + 1'200'000, 640,
+                                "C|600|BufferTX - app#0|" + std::to_string(i - 1) + "\n");
         }
     }
     Proto bundle;
-    for (auto it = prints.rbegin(); it != prints.rend(); ++it) {  // newest first
+    for (auto it = prints.rbegin(); it != prints.rend(); ++it) { // newest first
         const auto& [t, tid, text] = *it;
         bundle.message(2, Proto().varint(1, t).varint(2, tid).message(3, Proto().bytes(2, text)));
     }
@@ -378,7 +437,8 @@ TEST(CaptureReader, PanelRateFromResyncWindowsAndEachBufferToItsLayer) {
     const std::string path = testing::TempDir() + "capture_reader_test_layers.txt";
     FILE* file = fopen(path.c_str(), "w");
     ASSERT_NE(file, nullptr);
-    const auto line = [&](int64_t us, const char* task, int tid, int tgid, const std::string& mark) {
+    const auto line = [&](int64_t us, const char* task, int tid, int tgid,
+                          const std::string& mark) {
         fprintf(file, "%16s-%-5d (%5d) [001] ...1  100.%06lld: tracing_mark_write: %s\n", task, tid,
                 tgid, static_cast<long long>(us), mark.c_str());
     };
@@ -387,21 +447,27 @@ TEST(CaptureReader, PanelRateFromResyncWindowsAndEachBufferToItsLayer) {
     for (int k = 0; k < 118; ++k) {
         const int64_t v = k * 1'000'000 / 120;
         if (k < 8 || (k >= 60 && k < 68)) {
-            line(v, "HwBinder:600_1", 620, 600, "C|600|HW_VSYNC_4619827259835644672|" + std::to_string(k % 2));
+            line(v, "HwBinder:600_1", 620, 600,
+                 "C|600|HW_VSYNC_4619827259835644672|" + std::to_string(k % 2));
         }
         if (k % 5 == 0) {
-            line(v + 200, "surfaceflinger", 600, 600, "C|600|VSYNC-sf|" + std::to_string(k / 5 % 2));
+            line(v + 200, "surfaceflinger", 600, 600,
+                 "C|600|VSYNC-sf|" + std::to_string(k / 5 % 2));
             line(v + 300, "MediaCodec_loop", 7050, 7000, "B|7000|queueBuffer");
-            line(v + 400, "surfaceflinger", 600, 600, "C|600|VSP-mode|" + std::to_string(k / 5 % 2));
-            line(v + 900, "binder:600_2", 640, 600, "C|600|BufferTX - " + video + "|" + std::to_string(k / 5 + 1));
+            line(v + 400, "surfaceflinger", 600, 600,
+                 "C|600|VSP-mode|" + std::to_string(k / 5 % 2));
+            line(v + 900, "binder:600_2", 640, 600,
+                 "C|600|BufferTX - " + video + "|" + std::to_string(k / 5 + 1));
         }
         if (k >= 30 && k < 50) {
             line(v + 2000, "RenderThread", 7010, 7000, "B|7000|queueBuffer");
-            line(v + 3000, "binder:600_2", 640, 600, "C|600|BufferTX - " + ui + "|" + std::to_string(k));
+            line(v + 3000, "binder:600_2", 640, 600,
+                 "C|600|BufferTX - " + ui + "|" + std::to_string(k));
         }
         if (k % 40 == 1) {
             line(v + 4000, "RenderThread", 8010, 8000, "B|8000|queueBuffer");
-            line(v + 5000, "surfaceflinger", 600, 600, "C|600|com.other/com.other.Main|" + std::to_string(k));
+            line(v + 5000, "surfaceflinger", 600, 600,
+                 "C|600|com.other/com.other.Main|" + std::to_string(k));
         }
     }
     fclose(file);
@@ -413,16 +479,20 @@ TEST(CaptureReader, PanelRateFromResyncWindowsAndEachBufferToItsLayer) {
     EXPECT_EQ(capture.refresh[0].refreshHz, 120);
     EXPECT_TRUE(capture.refreshTrusted);
     EXPECT_NE(capture.vsyncSource.find("HW_VSYNC_4619827259835644672 (pid 600: 2 windows"),
-              std::string::npos) << capture.vsyncSource;
+              std::string::npos)
+            << capture.vsyncSource;
     ASSERT_EQ(capture.layers.size(), 3u);
     EXPECT_EQ(capture.layers[0].name, video);
     EXPECT_EQ(capture.layers[0].buffers.size(), 24u);
-    EXPECT_NE(capture.layers[0].source.find("queued by MediaCodec_loop (tid 7050)"), std::string::npos);
+    EXPECT_NE(capture.layers[0].source.find("queued by MediaCodec_loop (tid 7050)"),
+              std::string::npos);
     EXPECT_EQ(capture.layers[1].name, ui);
     EXPECT_EQ(capture.layers[1].buffers.size(), 20u);
-    EXPECT_NE(capture.layers[1].source.find("queued by RenderThread (tid 7010)"), std::string::npos);
+    EXPECT_NE(capture.layers[1].source.find("queued by RenderThread (tid 7010)"),
+              std::string::npos);
     EXPECT_EQ(capture.layers[2].name, "com.other/com.other.Main");
-    EXPECT_EQ(capture.layers[2].source, "the queueBuffer slices of pid 8000; queued by RenderThread (tid 8010) of pid 8000");
+    EXPECT_EQ(capture.layers[2].source,
+              "the queueBuffer slices of pid 8000; queued by RenderThread (tid 8010) of pid 8000");
     EXPECT_EQ(capture.skippedCounters, std::vector<std::string>{"VSP-mode"});
 }
 
@@ -431,7 +501,9 @@ TEST(CaptureReader, WhatItKeepsIsBounded) {
     FILE* file = fopen(path.c_str(), "w");
     ASSERT_NE(file, nullptr);
     for (int i = 0; i < 100; ++i) {
-        fprintf(file, "  surfaceflinger-600 (  600) [002] ...1  100.%06d: tracing_mark_write: C|600|VSYNC-sf|%d\n",
+        fprintf(file,
+                "  surfaceflinger-600 (  600) [002] ...1  100.%06d: tracing_mark_write: "
+                "C|600|VSYNC-sf|%d\n",
                 i * 8333, i % 2);
     }
     fclose(file);
@@ -443,7 +515,8 @@ TEST(CaptureReader, WhatItKeepsIsBounded) {
     // The name (78 bytes), the counter (104), then 8 a tick: the 40th passes 500.
     Capture small;
     EXPECT_FALSE(readCapture(path, &small, &error, 500));
-    EXPECT_NE(error.find("line 40: more than 500 bytes of vsync ticks"), std::string::npos) << error;
+    EXPECT_NE(error.find("line 40: more than 500 bytes of vsync ticks"), std::string::npos)
+            << error;
     std::remove(path.c_str());
 }
 

@@ -5,8 +5,8 @@
 #include <sys/wait.h>
 
 #include <algorithm>
-#include <cstdlib>
 #include <cstdio>
+#include <cstdlib>
 #include <fstream>
 #include <iterator>
 #include <sstream>
@@ -94,11 +94,11 @@ TEST(RuleLintTest, namesTheKeyThatWasMeantAndTheLine) {
 
 TEST(PeltoCheckTest, reportsSeveralFilesAsOneJsonDocument) {
     int status = -1;
-    const Json::Value root = runJson(kTestDir + "/lint/ten_mistakes.json " + kTestDir +
-                                             "/lint/more_mistakes.json " + kTestDir +
-                                             "/malformed/rules_not_loadable.json " + kTestDir +
-                                             "/lint " + kTestDir + "/lint/empty.json no_such_file.json /dev/zero",
-                                     &status);
+    const Json::Value root =
+            runJson(kTestDir + "/lint/ten_mistakes.json " + kTestDir + "/lint/more_mistakes.json " +
+                            kTestDir + "/malformed/rules_not_loadable.json " + kTestDir + "/lint " +
+                            kTestDir + "/lint/empty.json no_such_file.json /dev/zero",
+                    &status);
     EXPECT_EQ(1, status);
     EXPECT_EQ(1, root["exitCode"].asInt());
     const Json::Value& files = root["files"];
@@ -130,7 +130,8 @@ TEST(PeltoCheckTest, reportsSeveralFilesAsOneJsonDocument) {
         EXPECT_EQ(codes[i], files[3 + i]["findings"][0]["code"].asString());
     }
     EXPECT_EQ("rejected",
-              runJson("--strict " + kTestDir + "/lint/ten_mistakes.json", &status)["files"][0]["result"]
+              runJson("--strict " + kTestDir + "/lint/ten_mistakes.json",
+                      &status)["files"][0]["result"]
                       .asString());
     EXPECT_EQ(1, status);
 }
@@ -163,7 +164,8 @@ TEST(PeltoCheckTest, helpVersionAndUsageErrors) {
     EXPECT_EQ(2, status);
     runCheck("", &status);
     EXPECT_EQ(2, status);
-    const std::string text = runCheck(kTestDir + "/lint/ten_mistakes.json " + kTestDir + "/lint", &status);
+    const std::string text =
+            runCheck(kTestDir + "/lint/ten_mistakes.json " + kTestDir + "/lint", &status);
     EXPECT_NE(std::string::npos, text.find("\n2 rule files: 1 OK, 1 REJECTED\n"));
     EXPECT_EQ(1, status);
 }

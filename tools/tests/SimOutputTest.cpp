@@ -2,8 +2,8 @@
 // systrace parsers expect: the ftrace text header, then one tracing_mark_write
 // line per event with a task, ids, a CPU, flags and a timestamp in seconds,
 // B/E sections that balance per thread and C counters. The HTML page must
-// stand alone (html-in-browser.sh draws it in Chromium). Checks the trace writer on its own and, when PELTO_TRACE_FILE
-// and PELTO_HTML_FILE name them, the files the simulator wrote.
+// stand alone (html-in-browser.sh draws it in Chromium). Checks the trace writer on its own and,
+// when PELTO_TRACE_FILE and PELTO_HTML_FILE name them, the files the simulator wrote.
 #include <cstdlib>
 #include <fstream>
 #include <iterator>
@@ -36,7 +36,7 @@ ParsedTrace parse(std::istream& in) {
     std::string line;
     bool header = false;
     long long lastMicros = -1;
-    std::map<std::string, int> depth;  // open sections per thread id
+    std::map<std::string, int> depth; // open sections per thread id
     for (int number = 1; std::getline(in, line); ++number) {
         if (line.rfind('#', 0) == 0) {
             header = header || line == "# tracer: nop";
@@ -57,8 +57,8 @@ ParsedTrace parse(std::istream& in) {
         const std::string tgid = m[3];
         const std::string payloadPid = m[7].matched ? m[7] : m[9].matched ? m[9] : m[10];
         if (payloadPid != tgid) {
-            trace.errors.push_back("line " + std::to_string(number) + " names pid " +
-                                   payloadPid + " in process " + tgid);
+            trace.errors.push_back("line " + std::to_string(number) + " names pid " + payloadPid +
+                                   " in process " + tgid);
         }
         if (m[8].matched) {
             ++depth[m[2]];
@@ -101,8 +101,9 @@ TEST(SimOutputTest, writesEveryKindOfEventAsAParsableLine) {
     EXPECT_TRUE(trace.errors.empty()) << trace.errors.front();
     EXPECT_EQ(trace.events, events.size());
     EXPECT_EQ(trace.counters, (std::set<std::string>{"PeltoState", "Pelto2-Q2QFps"}));
-    EXPECT_EQ(trace.sections, (std::set<std::string>{"composite", "setPeltoState, Off -> On",
-                                                     "TimerIteration #0"}));
+    EXPECT_EQ(
+            trace.sections,
+            (std::set<std::string>{"composite", "setPeltoState, Off -> On", "TimerIteration #0"}));
     EXPECT_EQ(trace.tasks, (std::set<std::string>{"surfaceflinger", "TimerDispatch"}));
     EXPECT_NE(os.str().find("surfaceflinger-1000  ( 1000) [000] ...1   100.016666: "
                             "tracing_mark_write: C|1000|Pelto2-Q2QFps|-3\n"),
@@ -118,8 +119,8 @@ TEST(SimOutputTest, theSimulatorsTraceIsWellFormedAndCarriesTheLibrarysCounters)
     ASSERT_TRUE(in.is_open()) << path;
     const ParsedTrace trace = parse(in);
 
-    EXPECT_TRUE(trace.errors.empty()) << trace.errors.size() << " errors, first: "
-                                      << trace.errors.front();
+    EXPECT_TRUE(trace.errors.empty())
+            << trace.errors.size() << " errors, first: " << trace.errors.front();
     for (const char* counter : {"PeltoState", "Pelto2-Q2QFps", "PeltoHasPendingBuf",
                                 "PeltoHasOtherUI", "VSYNC-sf", "HwcPeltoMode"}) {
         EXPECT_EQ(trace.counters.count(counter), 1u) << counter;

@@ -37,7 +37,7 @@ static inline int set_sched_policy(int tid, SchedPolicy policy) {
         return -1;
     }
     if (tid == 0) {
-        return 0;  // the calling thread
+        return 0; // the calling thread
     }
     char path[64];
     snprintf(path, sizeof(path), "/proc/self/task/%d", tid);
