@@ -4,7 +4,7 @@ JOBS ?= $(shell nproc)
 # Seconds each fuzzer runs for in `make fuzz`.
 FUZZ_SECONDS ?= 60
 
-.PHONY: test demo deps build build-clang test-clang test-gcc check-thread-safety check-android-bp test-tsan test-asan test-arm64 \
+.PHONY: test demo deps build build-clang test-clang test-gcc check-format check-thread-safety check-android-bp test-tsan test-asan test-arm64 \
 	bench bench-build bench-run bench-callgrind bench-latency fuzz clean
 
 # Every stage in order (scripts/run-tests.sh), with a per-stage summary at the end.
@@ -53,6 +53,9 @@ test-clang: build-clang
 
 check-thread-safety:
 	scripts/check-thread-safety.sh
+
+check-format:
+	scripts/check-format.sh
 
 check-android-bp:
 	scripts/check-android-bp.sh

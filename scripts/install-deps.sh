@@ -7,7 +7,7 @@ set -euo pipefail
 # llvm-14 brings llvm-symbolizer: ThreadSanitizer matches its suppressions
 # (tests/tsan_suppressions.txt) against symbolized frames only.
 packages=(
-  cmake make g++ binutils clang libclang-rt-14-dev libc++-14-dev libc++abi-14-dev llvm-14
+  cmake make g++ binutils clang clang-format-14 libclang-rt-14-dev libc++-14-dev libc++abi-14-dev llvm-14
   libjsoncpp-dev zlib1g-dev
   android-liblog-dev android-libcutils-dev android-libbase-dev android-libutils-dev
   libgtest-dev libgmock-dev libbenchmark-dev

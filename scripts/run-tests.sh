@@ -4,7 +4,7 @@
 set -uo pipefail
 cd "$(dirname "$0")/.."
 
-stages=(check-android-bp check-thread-safety test-gcc test-clang test-asan test-tsan test-arm64)
+stages=(check-android-bp check-format check-thread-safety test-gcc test-clang test-asan test-tsan test-arm64)
 declare -A result seconds
 failed=""
 for stage in "${stages[@]}"; do
