@@ -83,10 +83,11 @@ void PeltoLayerRegistry::add(Pending&& pending, const PeltoConfig& rules) {
     ++mGeneration;
 }
 
-void PeltoLayerRegistry::remove(const void* layerPtr) {
+std::list<PeltoLayer> PeltoLayerRegistry::remove(const void* layerPtr) {
+    std::list<PeltoLayer> removed;
     const auto indexed = mIndex.find(layerPtr);
     if (indexed == mIndex.end()) {
-        return;
+        return removed;
     }
     const IndexEntry entry = indexed->second;
     mIndex.erase(indexed);
@@ -95,7 +96,7 @@ void PeltoLayerRegistry::remove(const void* layerPtr) {
     if (mActiveTarget.load() == layerPtr) {
         mActiveTarget = nullptr;
     }
-    forEachRecordOf(layerPtr, entry, [this](auto record) {
+    forEachRecordOf(layerPtr, entry, [this, &removed](auto record) {
         if (record->type == kTarget) {
             if (mTargetCount > 0) {
                 --mTargetCount;
@@ -103,8 +104,11 @@ void PeltoLayerRegistry::remove(const void* layerPtr) {
                 ALOGE("mTargetCandidateCount < 0");
             }
         }
-        return mLayers.erase(record);
+        const auto next = std::next(record);
+        removed.splice(removed.end(), mLayers, record);
+        return next;
     });
+    return removed;
 }
 
 PeltoLayer* PeltoLayerRegistry::find(const void* layerPtr) {

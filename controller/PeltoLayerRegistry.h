@@ -34,8 +34,10 @@ public:
     // Classifies the record under `rules` and appends it. A pointer added
     // again gets a second record; lookups keep finding its first.
     void add(Pending&& pending, const PeltoConfig& rules);
-    // Removes every record of `layerPtr`; nothing when it has none.
-    void remove(const void* layerPtr);
+    // Removes every record of `layerPtr`; nothing when it has none. The
+    // records are handed back, so that the caller frees them (and their
+    // names) after releasing its lock.
+    std::list<PeltoLayer> remove(const void* layerPtr);
     // The first record of `layerPtr`, or null.
     PeltoLayer* find(const void* layerPtr);
 

@@ -27,9 +27,13 @@ void PeltoController::destroyLayer(const void* layerPtr) {
         return;
     }
     // A reload reclassifies records in place under this lock, so a destroy
-    // is applied either before or after it and is never undone by it.
-    std::lock_guard lock(mLayerMutex);
-    mRegistry.remove(layerPtr);
+    // is applied either before or after it and is never undone by it. The
+    // records are freed after the lock is released.
+    std::list<PeltoLayer> removed;
+    {
+        std::lock_guard lock(mLayerMutex);
+        removed = mRegistry.remove(layerPtr);
+    }
 }
 
 bool PeltoController::isActiveTargetLayer(const void* layerPtr) const {
