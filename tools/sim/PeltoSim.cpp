@@ -20,6 +20,7 @@
 #include "tools/sim/CompareReport.h"
 #include "tools/sim/Expectations.h"
 #include "tools/sim/HtmlReport.h"
+#include "tools/sim/InputFile.h"
 #include "tools/sim/JsonReport.h"
 #include "tools/sim/RunSummary.h"
 #include "tools/sim/ScenarioReader.h"
@@ -184,6 +185,7 @@ bool isScenarioFile(const std::string& path) {
 // again: standard input can be read only once.
 bool loadInput(const std::string& input, bool capture, CapturePlay play, const std::string& rules,
                Scenario* scenario, std::string* error, std::optional<Capture>* read = nullptr) {
+    if (!rules.empty() && !checkRuleFile(rules, error)) return false;
     if (capture) {
         std::optional<Capture> own;
         std::optional<Capture>& c = read != nullptr ? *read : own;
@@ -199,10 +201,6 @@ bool loadInput(const std::string& input, bool capture, CapturePlay play, const s
     }
     if (!readScenario(input, scenario, error)) return false;
     if (rules.empty()) return true;
-    if (!std::ifstream(rules).is_open()) {
-        *error = rules + ": cannot open the rule file";
-        return false;
-    }
     if (!scenario->listMode) {
         // API-mode calls mean nothing to a list-mode controller.
         auto& events = scenario->events;
