@@ -322,7 +322,7 @@ void Simulation::runStep(const Step& step) {
                  "registerLayer(" + layer.scenario->name + ")" +
                          (isVisible(layer) ? ", on screen" : ", not on screen yet"));
             mLib.registerLayer(mController, &layer, layer.scenario->name);
-            readClassification();
+            mClassificationStale = true;
             break;
         }
         case Step::Kind::Destroy: {
@@ -504,8 +504,19 @@ bool Simulation::run(RunRecord* record, std::string* error) {
     Schedule schedule(mScenario);
     Step step;
     while (schedule.next(&step)) {
+        // Registrations at one time share one read of the classification,
+        // taken at that time: a read dumps every layer, so one a layer would
+        // make a run of many layers quadratic.
+        if (mClassificationStale && (step.kind != Step::Kind::Register || step.at != now())) {
+            mClassificationStale = false;
+            readClassification();
+        }
         setVirtualTime(kVirtualBootOffset + step.at);
         runStep(step);
+    }
+    if (mClassificationStale) {
+        mClassificationStale = false;
+        readClassification();
     }
     mRecord->buffersPlayed = schedule.buffersPlayed();
     mRecord->framesSkipped = schedule.framesSkipped();

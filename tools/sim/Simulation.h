@@ -91,10 +91,11 @@ private:
     SimTime mLastComposition = 0;
     int32_t mState = 0; // as the library last logged it
     bool mHwcOn = false;
-    bool mQ2QFull = false;          // isQ2QFull() after the last composition
-    bool mNewFrame = false;         // a layer on screen queued since the last composition
-    SimTime mLastPanelRefresh = -1; // for the refresh estimate
-    int64_t mLastQ2QFpsShown = 0;   // the value traced at construction
+    bool mQ2QFull = false;             // isQ2QFull() after the last composition
+    bool mNewFrame = false;            // a layer on screen queued since the last composition
+    SimTime mLastPanelRefresh = -1;    // for the refresh estimate
+    int64_t mLastQ2QFpsShown = 0;      // the value traced at construction
+    bool mClassificationStale = false; // a layer registered since the last readClassification()
     std::map<std::string, int> mLibraryWarnings; // repeats of each line shown once
     std::vector<base::unique_fd> mRuleFiles;
 
