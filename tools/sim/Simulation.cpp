@@ -428,7 +428,7 @@ bool Simulation::run(RunRecord* record, std::string* error) {
     mMainTid = gettid();
     mRecord->mainTid = mMainTid;
     mRecord->refreshFloorHz = mOptions.refreshFloorHz;
-    TraceRecorder::instance().restart(mOptions.keepTrace);
+    TraceRecorder::instance().restart(mOptions.keepTrace, mOptions.traceSpool);
     setVirtualTime(kVirtualBootOffset);
     mVsyncPeriod = vsyncPeriodOf(mScenario.display.refreshHz);
     mRecord->vsyncPeriods.push_back({0, mVsyncPeriod.load()});

@@ -3,6 +3,7 @@
 #include <sys/types.h>
 
 #include <atomic>
+#include <cstdio>
 #include <map>
 #include <mutex>
 #include <string>
@@ -21,9 +22,10 @@
 namespace android::tools::sim {
 
 struct RunOptions {
-    bool verbose = false;    // every library log line in the timeline
-    bool debugLines = false; // switch on the library's "pelto2_sf_lib: " lines
-    bool keepTrace = true;   // hold every trace event for a trace file
+    bool verbose = false;            // every library log line in the timeline
+    bool debugLines = false;         // switch on the library's "pelto2_sf_lib: " lines
+    bool keepTrace = true;           // hold every trace event for a trace file
+    std::FILE* traceSpool = nullptr; // with keepTrace: stream the events here instead
     // While the HWC is in Pelto mode the panel refreshes at least this often.
     double refreshFloorHz = 10;
 };
