@@ -108,12 +108,17 @@ void Simulation::recordRoles() {
         auto& roles = mRecord->layerRoles[i];
         const std::string& kind = mLayers[i].kind;
         if (kind.empty() || (!roles.empty() && roles.back().text == kind)) continue;
-        if (!roles.empty() && roles.back().at == now()) {
+        // In list mode, a layer registered since the last read took its class then.
+        const SimTime at = mScenario.listMode && mLayers[i].registeredAt > mLastClassified
+                ? mLayers[i].registeredAt
+                : now();
+        if (!roles.empty() && roles.back().at == at) {
             roles.back().text = kind;
         } else {
-            roles.push_back({now(), kind});
+            roles.push_back({at, kind});
         }
     }
+    mLastClassified = now();
 }
 
 // The layers on screen that explain a state the library just chose.
@@ -322,6 +327,7 @@ void Simulation::runStep(const Step& step) {
                  "registerLayer(" + layer.scenario->name + ")" +
                          (isVisible(layer) ? ", on screen" : ", not on screen yet"));
             mLib.registerLayer(mController, &layer, layer.scenario->name);
+            layer.registeredAt = now();
             mClassificationStale = true;
             break;
         }
@@ -504,10 +510,14 @@ bool Simulation::run(RunRecord* record, std::string* error) {
     Schedule schedule(mScenario);
     Step step;
     while (schedule.next(&step)) {
-        // Registrations at one time share one read of the classification,
-        // taken at that time: a read dumps every layer, so one a layer would
-        // make a run of many layers quadratic.
-        if (mClassificationStale && (step.kind != Step::Kind::Register || step.at != now())) {
+        // Registrations share one read of the classification, taken before
+        // the next step that may read it: a read dumps every layer, so one a
+        // layer would make a run of many layers quadratic. Only a composition
+        // (a state change's cause), an event, a rate change or a destroy
+        // reads it; a new layer's class counts from its registration.
+        const bool reads = step.kind != Step::Kind::Register && step.kind != Step::Kind::Buffer &&
+                step.kind != Step::Kind::Note;
+        if (mClassificationStale && reads) {
             mClassificationStale = false;
             readClassification();
         }

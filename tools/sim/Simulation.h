@@ -57,7 +57,8 @@ private:
         const LayerSpec* scenario = nullptr; // what the scenario says of the layer
         sp<IBinder> handle;
         bool registered = false;
-        std::string kind; // how the rule file classifies it, from the library's dump
+        std::string kind;          // how the rule file classifies it, from the library's dump
+        SimTime registeredAt = -1; // its last registration, for the time of its first class
         // As it was at the last composition in state On: a layer that was on
         // screen then, as large and as focused, did not end that state.
         bool shownWhileOn = false;
@@ -98,6 +99,7 @@ private:
     SimTime mLastPanelRefresh = -1;    // for the refresh estimate
     int64_t mLastQ2QFpsShown = 0;      // the value traced at construction
     bool mClassificationStale = false; // a layer registered since the last readClassification()
+    SimTime mLastClassified = -1;      // when readClassification() last ran
     std::map<std::string, int> mLibraryWarnings; // repeats of each line shown once
     std::vector<base::unique_fd> mRuleFiles;
 
