@@ -9,9 +9,9 @@
 
 #include <gtest/gtest.h>
 
+#include "tools/host/RegularFile.h"
 #include "tools/sim/CaptureReader.h"
 #include "tools/sim/FtraceLine.h"
-#include "tools/sim/InputFile.h"
 #include "tools/sim/PerfettoReader.h"
 #include "tools/sim/ProtoWire.h"
 
@@ -521,7 +521,7 @@ TEST(CaptureReader, WhatItKeepsIsBounded) {
     std::remove(path.c_str());
 }
 
-TEST(InputFile, NestingCountsOnlyBracketsOutsideStringsAndComments) {
+TEST(RegularFile, NestingCountsOnlyBracketsOutsideStringsAndComments) {
     EXPECT_FALSE(jsonNestsTooDeep("[[[]]]", 3));
     EXPECT_TRUE(jsonNestsTooDeep("[[[[]]]]", 3));
     EXPECT_TRUE(jsonNestsTooDeep("[[[[", 3)); // unclosed still counts
@@ -529,7 +529,7 @@ TEST(InputFile, NestingCountsOnlyBracketsOutsideStringsAndComments) {
     EXPECT_FALSE(jsonNestsTooDeep("// [[[[\n/* {{{{ */ [[]]", 2));
 }
 
-TEST(InputFile, OnlyRegularFilesUnderTheCap) {
+TEST(RegularFile, OnlyRegularFilesUnderTheCap) {
     std::string text;
     std::string error;
     EXPECT_FALSE(readRegularFile("/dev/null", 10, &text, &error));
