@@ -15,7 +15,7 @@
 
 namespace android::tools::sim {
 
-// The most events a trace file holds (about 1.5 GB of text); a longer run's
+// The most events a trace file holds (about 2 GB of text); a longer run's
 // trace stops there, and the tool says when.
 constexpr uint64_t kMaxTraceEvents = 20000000;
 
