@@ -6,14 +6,13 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
-#include <fstream>
-#include <iterator>
 #include <sstream>
 
 #include "config/PeltoRuleFileReader.h"
 #include "tools/check/LoaderLog.h"
 #include "tools/check/RuleFileText.h"
 #include "tools/check/RuleLint.h"
+#include "tools/host/RegularFile.h"
 
 namespace android::tools {
 namespace {
@@ -101,14 +100,16 @@ FileReport RuleFileCheck::check(const std::string& path) {
                         " bytes; the library reads at most " + std::to_string(kMaxRuleFileBytes),
                 "a rule file is a few kilobytes: check that this is the rule file"));
     } else {
-        std::ifstream stream(path, std::ios::binary);
-        text.assign(std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>());
+        // Read with the same checks again, without blocking: the path may
+        // have been replaced by a FIFO or grown since the stat.
+        std::string why;
+        const bool read = readRegularFile(path, kMaxRuleFileBytes, &text, &why);
         report.sizeBytes = text.size();
-        if (!stream.is_open() || stream.bad()) {
-            report.findings.push_back(
-                    fileFinding(Finding::Severity::Error, "cannot-read",
-                                std::string("cannot read it: ") + std::strerror(errno),
-                                "make the file readable"));
+        if (!read) {
+            if (why.rfind(path + ": ", 0) == 0) why.erase(0, path.size() + 2);
+            report.findings.push_back(fileFinding(Finding::Severity::Error, "cannot-read",
+                                                  "cannot read it: " + why,
+                                                  "make the file readable"));
         } else if (text.find_first_not_of(" \t\r\n") == std::string::npos) {
             report.findings.push_back(
                     fileFinding(Finding::Severity::Error, "empty-file",

@@ -1,5 +1,7 @@
 #include "tools/sim/LineReader.h"
 
+#include "tools/sim/InputFile.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
@@ -26,7 +28,10 @@ bool LineReader::open(const std::string& path, std::string* error) {
         mFile = fd < 0 ? nullptr : gzdopen(fd, "rb");
         if (mFile == nullptr && fd >= 0) ::close(fd);
     } else {
-        mFile = gzopen(path.c_str(), "rb");
+        const int fd = openRegularFile(path, kMaxLineFileBytes, error);
+        if (fd < 0) return false;
+        mFile = gzdopen(fd, "rb");
+        if (mFile == nullptr) ::close(fd);
     }
     if (mFile == nullptr) {
         *error = mPath + ": cannot open the file: " + strerror(errno != 0 ? errno : ENOENT);
@@ -42,6 +47,12 @@ std::string LineReader::where() const {
 
 size_t LineReader::readChunk() {
     if (mEof) return 0;
+    if (mBytesRead >= kMaxInflatedBytes) {
+        mError = mPath + " after line " + std::to_string(mLine) + ": more than " +
+                std::to_string(kMaxInflatedBytes) + " bytes (after gzip): too large to read";
+        mEof = true;
+        return 0;
+    }
     const size_t old = mBuffer.size();
     mBuffer.resize(old + kChunk);
     const int n = gzread(mFile, mBuffer.data() + old, kChunk);
@@ -55,6 +66,7 @@ size_t LineReader::readChunk() {
         return 0;
     }
     mBuffer.resize(old + static_cast<size_t>(n));
+    mBytesRead += static_cast<uint64_t>(n);
     if (n == 0) {
         mEof = true;
         // zlib reports a gzip stream cut short only at its end.
@@ -135,7 +147,10 @@ bool LineReader::next(std::string* line) {
             break;
         }
     }
-    ++mLine;
+    if (++mLine > kMaxLines) {
+        mError = mPath + ": more than " + std::to_string(kMaxLines) + " lines: too long to read";
+        return false;
+    }
     // CRLF, and CRCRLF from a capture written through a terminal twice.
     while (!line->empty() && line->back() == '\r') line->pop_back();
     return true;

@@ -10,7 +10,8 @@ namespace android::tools::sim {
 // Reads a text file line by line, plain or gzip-compressed (zlib tells them
 // apart), holding one line at a time: a file of any size is read in bounded
 // memory. Binary formats read its bytes instead (peek, readBytes). A line longer than the limit, a
-// NUL byte or a damaged gzip stream stops the reading with a message that names the file and the
+// NUL byte, more than kMaxInflatedBytes or kMaxLines (InputFile.h), a path that is not a regular
+// file, or a damaged gzip stream stops the reading with a message that names the file and the
 // line.
 class LineReader {
 public:
@@ -53,6 +54,7 @@ private:
     bool mEof = false;
     bool mHeadUnchecked = false; // peek() read bytes not yet checked for NUL
     int64_t mLine = 0;
+    uint64_t mBytesRead = 0; // after gzip, capped at kMaxInflatedBytes
 };
 
 } // namespace android::tools::sim

@@ -8,9 +8,13 @@
 //             [--refresh-hz HZ] [--write-scenario OUT.json] [other options as above]
 //   pelto-sim --compare OTHER_RULES [--rules RULES] [--json FILE] INPUT...
 #include <algorithm>
+#include <cerrno>
+#include <cinttypes>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -20,12 +24,15 @@
 #include "tools/sim/CompareReport.h"
 #include "tools/sim/Expectations.h"
 #include "tools/sim/HtmlReport.h"
+#include "tools/sim/InputFile.h"
 #include "tools/sim/JsonReport.h"
 #include "tools/sim/RunSummary.h"
 #include "tools/sim/ScenarioReader.h"
+#include "tools/sim/SimClock.h"
 #include "tools/sim/Simulation.h"
 #include "tools/sim/SystraceWriter.h"
 #include "tools/sim/TextReport.h"
+#include "tools/sim/TraceRecorder.h"
 
 namespace android::tools::sim {
 namespace {
@@ -184,6 +191,7 @@ bool isScenarioFile(const std::string& path) {
 // again: standard input can be read only once.
 bool loadInput(const std::string& input, bool capture, CapturePlay play, const std::string& rules,
                Scenario* scenario, std::string* error, std::optional<Capture>* read = nullptr) {
+    if (!rules.empty() && !checkRuleFile(rules, error)) return false;
     if (capture) {
         std::optional<Capture> own;
         std::optional<Capture>& c = read != nullptr ? *read : own;
@@ -199,10 +207,6 @@ bool loadInput(const std::string& input, bool capture, CapturePlay play, const s
     }
     if (!readScenario(input, scenario, error)) return false;
     if (rules.empty()) return true;
-    if (!std::ifstream(rules).is_open()) {
-        *error = rules + ": cannot open the rule file";
-        return false;
-    }
     if (!scenario->listMode) {
         // API-mode calls mean nothing to a list-mode controller.
         auto& events = scenario->events;
@@ -236,7 +240,9 @@ int compare(const Options& options, PeltoLibrary& library) {
                 fprintf(stderr, "pelto-sim: %s\n", error.c_str());
                 return kExitError;
             }
-            Simulation simulation(scenario, library, options.run);
+            RunOptions run = options.run;
+            run.keepTrace = false; // a comparison writes no trace
+            Simulation simulation(scenario, library, run);
             if (!simulation.run(&record, &error)) {
                 fprintf(stderr, "pelto-sim: %s: %s\n", input.c_str(), error.c_str());
                 return kExitError;
@@ -291,8 +297,21 @@ int run(const Options& options) {
         }
     }
 
+    // The trace streams to an unnamed temporary file during the run and is
+    // written out at the end, so its memory does not grow with the run.
+    RunOptions run = options.run;
+    std::unique_ptr<FILE, int (*)(FILE*)> spool(nullptr, fclose);
+    if (!options.traceFile.empty()) {
+        spool.reset(tmpfile());
+        if (spool == nullptr) {
+            fprintf(stderr, "pelto-sim: %s: cannot make a temporary file for the trace: %s\n",
+                    options.traceFile.c_str(), strerror(errno));
+            return kExitError;
+        }
+        run.traceSpool = spool.get();
+    }
     RunRecord record;
-    Simulation simulation(scenario, library, options.run);
+    Simulation simulation(scenario, library, run);
     if (!simulation.run(&record, &error)) {
         fprintf(stderr, "pelto-sim: %s: %s\n", scenario.path.c_str(), error.c_str());
         return kExitError;
@@ -321,12 +340,23 @@ int run(const Options& options) {
     }
 
     if (!options.traceFile.empty()) {
-        if (!writeSystraceFile(options.traceFile, record.trace, record.mainTid, &error)) {
+        const TraceRecorder& trace = TraceRecorder::instance();
+        const uint64_t events = trace.spooledEvents();
+        if (!writeSystraceSpool(options.traceFile, spool.get(), trace.threadNames(), events,
+                                record.mainTid, &error)) {
             fprintf(stderr, "pelto-sim: %s\n", error.c_str());
             return kExitError;
         }
-        fprintf(text, "trace written to %s (%zu events; open it in Perfetto UI)\n",
-                options.traceFile.c_str(), record.trace.size());
+        fprintf(text, "trace written to %s (%" PRIu64 " events; open it in Perfetto UI)\n",
+                options.traceFile.c_str(), events);
+        if (trace.spoolCutAt() >= 0) {
+            fprintf(stderr,
+                    "pelto-sim: %s: the trace stops at %.3f s: a trace file holds at most %" PRIu64
+                    " events\n",
+                    options.traceFile.c_str(),
+                    static_cast<double>(trace.spoolCutAt() - kVirtualBootOffset) / 1e9,
+                    kMaxTraceEvents);
+        }
     }
     if (!options.htmlFile.empty()) {
         if (!writeHtmlReport(options.htmlFile, scenario, record, summary, results, &error)) {

@@ -4,12 +4,13 @@
 #include <cmath>
 #include <cstdio>
 #include <filesystem>
-#include <fstream>
+#include <memory>
 #include <set>
 
 #include <json/json.h>
 
 #include "tools/sim/FrameTimesReader.h"
+#include "tools/sim/InputFile.h"
 #include "tools/sim/JsonFields.h"
 #include "tools/sim/RunRecord.h"
 
@@ -87,9 +88,8 @@ RuleSource ScenarioParser::readRules(const Json::Value& value, const std::string
         rules.path = !file.empty() && file[0] == '/'
                 ? file
                 : (std::filesystem::path(mDir) / file).lexically_normal().string();
-        if (!std::ifstream(rules.path).is_open()) {
-            mErrors.fail(path, "cannot open rule file " + rules.path);
-        }
+        std::string why;
+        if (!checkRuleFile(rules.path, &why)) mErrors.fail(path, "rule file " + why);
     } else if (value.isObject()) {
         rules.text = value.toStyledString();
     } else {
@@ -621,15 +621,18 @@ double runSteps(const Scenario& scenario) {
 }
 
 bool readScenario(const std::string& path, Scenario* scenario, std::string* error) {
-    std::ifstream stream(path);
-    if (!stream.is_open()) {
-        *error = path + ": cannot open the file";
+    std::string text;
+    if (!readRegularFile(path, kMaxScenarioBytes, &text, error)) return false;
+    if (jsonNestsTooDeep(text, kMaxScenarioNesting)) {
+        *error = path + ": not a scenario: arrays and objects nest more than " +
+                std::to_string(kMaxScenarioNesting) + " levels deep";
         return false;
     }
     Json::CharReaderBuilder builder;
+    const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
     Json::Value root;
     std::string errors;
-    if (!Json::parseFromStream(builder, stream, &root, &errors)) {
+    if (!reader->parse(text.data(), text.data() + text.size(), &root, &errors)) {
         while (!errors.empty() && errors.back() == '\n') errors.pop_back();
         *error = path + ": not valid JSON: " + errors;
         return false;

@@ -108,12 +108,17 @@ void Simulation::recordRoles() {
         auto& roles = mRecord->layerRoles[i];
         const std::string& kind = mLayers[i].kind;
         if (kind.empty() || (!roles.empty() && roles.back().text == kind)) continue;
-        if (!roles.empty() && roles.back().at == now()) {
+        // In list mode, a layer registered since the last read took its class then.
+        const SimTime at = mScenario.listMode && mLayers[i].registeredAt > mLastClassified
+                ? mLayers[i].registeredAt
+                : now();
+        if (!roles.empty() && roles.back().at == at) {
             roles.back().text = kind;
         } else {
-            roles.push_back({now(), kind});
+            roles.push_back({at, kind});
         }
     }
+    mLastClassified = now();
 }
 
 // The layers on screen that explain a state the library just chose.
@@ -322,7 +327,8 @@ void Simulation::runStep(const Step& step) {
                  "registerLayer(" + layer.scenario->name + ")" +
                          (isVisible(layer) ? ", on screen" : ", not on screen yet"));
             mLib.registerLayer(mController, &layer, layer.scenario->name);
-            readClassification();
+            layer.registeredAt = now();
+            mClassificationStale = true;
             break;
         }
         case Step::Kind::Destroy: {
@@ -428,7 +434,7 @@ bool Simulation::run(RunRecord* record, std::string* error) {
     mMainTid = gettid();
     mRecord->mainTid = mMainTid;
     mRecord->refreshFloorHz = mOptions.refreshFloorHz;
-    TraceRecorder::instance().restart(mOptions.keepTrace);
+    TraceRecorder::instance().restart(mOptions.keepTrace, mOptions.traceSpool);
     setVirtualTime(kVirtualBootOffset);
     mVsyncPeriod = vsyncPeriodOf(mScenario.display.refreshHz);
     mRecord->vsyncPeriods.push_back({0, mVsyncPeriod.load()});
@@ -504,8 +510,23 @@ bool Simulation::run(RunRecord* record, std::string* error) {
     Schedule schedule(mScenario);
     Step step;
     while (schedule.next(&step)) {
+        // Registrations share one read of the classification, taken before
+        // the next step that may read it: a read dumps every layer, so one a
+        // layer would make a run of many layers quadratic. Only a composition
+        // (a state change's cause), an event, a rate change or a destroy
+        // reads it; a new layer's class counts from its registration.
+        const bool reads = step.kind != Step::Kind::Register && step.kind != Step::Kind::Buffer &&
+                step.kind != Step::Kind::Note;
+        if (mClassificationStale && reads) {
+            mClassificationStale = false;
+            readClassification();
+        }
         setVirtualTime(kVirtualBootOffset + step.at);
         runStep(step);
+    }
+    if (mClassificationStale) {
+        mClassificationStale = false;
+        readClassification();
     }
     mRecord->buffersPlayed = schedule.buffersPlayed();
     mRecord->framesSkipped = schedule.framesSkipped();

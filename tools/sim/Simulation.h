@@ -3,6 +3,7 @@
 #include <sys/types.h>
 
 #include <atomic>
+#include <cstdio>
 #include <map>
 #include <mutex>
 #include <string>
@@ -21,9 +22,10 @@
 namespace android::tools::sim {
 
 struct RunOptions {
-    bool verbose = false;    // every library log line in the timeline
-    bool debugLines = false; // switch on the library's "pelto2_sf_lib: " lines
-    bool keepTrace = true;   // hold every trace event for a trace file
+    bool verbose = false;            // every library log line in the timeline
+    bool debugLines = false;         // switch on the library's "pelto2_sf_lib: " lines
+    bool keepTrace = true;           // hold every trace event for a trace file
+    std::FILE* traceSpool = nullptr; // with keepTrace: stream the events here instead
     // While the HWC is in Pelto mode the panel refreshes at least this often.
     double refreshFloorHz = 10;
 };
@@ -55,7 +57,8 @@ private:
         const LayerSpec* scenario = nullptr; // what the scenario says of the layer
         sp<IBinder> handle;
         bool registered = false;
-        std::string kind; // how the rule file classifies it, from the library's dump
+        std::string kind;          // how the rule file classifies it, from the library's dump
+        SimTime registeredAt = -1; // its last registration, for the time of its first class
         // As it was at the last composition in state On: a layer that was on
         // screen then, as large and as focused, did not end that state.
         bool shownWhileOn = false;
@@ -91,10 +94,12 @@ private:
     SimTime mLastComposition = 0;
     int32_t mState = 0; // as the library last logged it
     bool mHwcOn = false;
-    bool mQ2QFull = false;          // isQ2QFull() after the last composition
-    bool mNewFrame = false;         // a layer on screen queued since the last composition
-    SimTime mLastPanelRefresh = -1; // for the refresh estimate
-    int64_t mLastQ2QFpsShown = 0;   // the value traced at construction
+    bool mQ2QFull = false;             // isQ2QFull() after the last composition
+    bool mNewFrame = false;            // a layer on screen queued since the last composition
+    SimTime mLastPanelRefresh = -1;    // for the refresh estimate
+    int64_t mLastQ2QFpsShown = 0;      // the value traced at construction
+    bool mClassificationStale = false; // a layer registered since the last readClassification()
+    SimTime mLastClassified = -1;      // when readClassification() last ran
     std::map<std::string, int> mLibraryWarnings; // repeats of each line shown once
     std::vector<base::unique_fd> mRuleFiles;
 

@@ -2,6 +2,7 @@
 
 #include <cinttypes>
 #include <cstdio>
+#include <cstdlib>
 #include <fstream>
 #include <map>
 #include <set>
@@ -22,12 +23,9 @@ std::string oneLine(const std::string& name) {
     return out;
 }
 
-} // namespace
-
-void writeSystrace(std::ostream& os, const std::vector<TraceEvent>& events, pid_t mainTid) {
-    // Stable ids: the main thread is the process; the others in name order.
-    std::map<pid_t, std::string> names;
-    for (const TraceEvent& e : events) names.emplace(e.tid, e.thread);
+// Stable ids: the main thread is the process; the others in name order.
+std::map<pid_t, std::pair<pid_t, std::string>> threadIds(const std::map<pid_t, std::string>& names,
+                                                         pid_t mainTid) {
     std::set<std::pair<std::string, pid_t>> others;
     for (const auto& [tid, name] : names) {
         if (tid != mainTid) others.insert({name.empty() ? "thread" : name, tid});
@@ -36,11 +34,13 @@ void writeSystrace(std::ostream& os, const std::vector<TraceEvent>& events, pid_
     ids[mainTid] = {kProcessId, kProcessName};
     pid_t next = kProcessId + 1;
     for (const auto& [name, tid] : others) ids[tid] = {next++, name};
+    return ids;
+}
 
+void writeHeader(std::ostream& os, uint64_t count) {
     os << "# tracer: nop\n"
        << "#\n"
-       << "# entries-in-buffer/entries-written: " << events.size() << "/" << events.size()
-       << "   #P:1\n"
+       << "# entries-in-buffer/entries-written: " << count << "/" << count << "   #P:1\n"
        << "#\n"
        << "#                                      _-----=> irqs-off\n"
        << "#                                     / _----=> need-resched\n"
@@ -49,26 +49,87 @@ void writeSystrace(std::ostream& os, const std::vector<TraceEvent>& events, pid_
        << "#                                    ||| /     delay\n"
        << "#           TASK-PID    TGID   CPU#  ||||    TIMESTAMP  FUNCTION\n"
        << "#              | |        |      |   ||||       |         |\n";
+}
+
+// One event's line; `name` is already on one line.
+void writeLine(std::ostream& os, const std::pair<pid_t, std::string>& id, TraceEvent::Kind kind,
+               int64_t time, const std::string& name, int64_t value) {
+    const auto& [tid, task] = id;
+    const int64_t micros = time / 1000;
     char prefix[96];
-    for (const TraceEvent& e : events) {
-        const auto& [tid, task] = ids[e.tid];
-        const int64_t micros = e.time / 1000;
-        snprintf(prefix, sizeof(prefix),
-                 "%16s-%-5d (%5d) [000] ...1 %5" PRId64 ".%06" PRId64 ": tracing_mark_write: ",
-                 task.c_str(), tid, kProcessId, micros / 1'000'000, micros % 1'000'000);
-        os << prefix;
-        switch (e.kind) {
-            case TraceEvent::Kind::Begin:
-                os << "B|" << kProcessId << "|" << oneLine(e.name) << "\n";
-                break;
-            case TraceEvent::Kind::End:
-                os << "E|" << kProcessId << "\n";
-                break;
-            case TraceEvent::Kind::Counter:
-                os << "C|" << kProcessId << "|" << oneLine(e.name) << "|" << e.value << "\n";
-                break;
-        }
+    snprintf(prefix, sizeof(prefix),
+             "%16s-%-5d (%5d) [000] ...1 %5" PRId64 ".%06" PRId64 ": tracing_mark_write: ",
+             task.c_str(), tid, kProcessId, micros / 1'000'000, micros % 1'000'000);
+    os << prefix;
+    switch (kind) {
+        case TraceEvent::Kind::Begin:
+            os << "B|" << kProcessId << "|" << name << "\n";
+            break;
+        case TraceEvent::Kind::End:
+            os << "E|" << kProcessId << "\n";
+            break;
+        case TraceEvent::Kind::Counter:
+            os << "C|" << kProcessId << "|" << name << "|" << value << "\n";
+            break;
     }
+}
+
+} // namespace
+
+void writeSystrace(std::ostream& os, const std::vector<TraceEvent>& events, pid_t mainTid) {
+    std::map<pid_t, std::string> names;
+    for (const TraceEvent& e : events) names.emplace(e.tid, e.thread);
+    auto ids = threadIds(names, mainTid);
+    writeHeader(os, events.size());
+    for (const TraceEvent& e : events) {
+        writeLine(os, ids[e.tid], e.kind, e.time, oneLine(e.name), e.value);
+    }
+}
+
+void writeSpooledEvent(std::FILE* spool, const TraceEvent& event) {
+    const char kind = event.kind == TraceEvent::Kind::Begin ? 'B'
+            : event.kind == TraceEvent::Kind::End           ? 'E'
+                                                            : 'C';
+    fprintf(spool, "%d %c %" PRId64 " %" PRId64 " %s\n", event.tid, kind, event.time, event.value,
+            oneLine(event.name).c_str());
+}
+
+bool writeSystraceSpool(const std::string& path, std::FILE* spool,
+                        const std::map<pid_t, std::string>& threads, uint64_t count, pid_t mainTid,
+                        std::string* error) {
+    std::ofstream file(path);
+    auto ids = threadIds(threads, mainTid);
+    if (file) writeHeader(file, count);
+    const bool readable = fflush(spool) == 0 && fseek(spool, 0, SEEK_SET) == 0;
+    char* line = nullptr;
+    size_t capacity = 0;
+    ssize_t length = 0;
+    while (file && readable && (length = getline(&line, &capacity, spool)) > 0) {
+        int tid = 0;
+        char kind = 0;
+        int64_t time = 0;
+        int64_t value = 0;
+        int used = 0;
+        if (sscanf(line, "%d %c %" SCNd64 " %" SCNd64 "%n", &tid, &kind, &time, &value, &used) <
+            4) {
+            continue;
+        }
+        // One space, then the name as it was written.
+        if (line[used] == ' ') ++used;
+        std::string name(line + used, static_cast<size_t>(length - used));
+        if (!name.empty() && name.back() == '\n') name.pop_back();
+        writeLine(file, ids[tid],
+                  kind == 'B'           ? TraceEvent::Kind::Begin
+                          : kind == 'E' ? TraceEvent::Kind::End
+                                        : TraceEvent::Kind::Counter,
+                  time, name, value);
+    }
+    free(line);
+    if (!file || !readable || ferror(spool)) {
+        *error = "cannot write the trace to " + path;
+        return false;
+    }
+    return true;
 }
 
 bool writeSystraceFile(const std::string& path, const std::vector<TraceEvent>& events,

@@ -6,6 +6,7 @@
 #include <cutils/trace.h>
 
 #include "tools/sim/SimClock.h"
+#include "tools/sim/SystraceWriter.h"
 
 namespace android::tools::sim {
 namespace {
@@ -45,7 +46,11 @@ void TraceRecorder::record(TraceEvent::Kind kind, const std::string& name, int64
         std::lock_guard lock(mMutex);
         // Read under the lock, so the list stays in time order across threads.
         event.time = virtualTime();
-        mEvents.push_back(std::move(event));
+        if (mSpool != nullptr) {
+            spool(event);
+        } else {
+            mEvents.push_back(std::move(event));
+        }
         if (kind == TraceEvent::Kind::Counter) listener = mListener;
     }
     if (listener) listener(name, value);
@@ -68,10 +73,40 @@ void TraceRecorder::setCounterListener(CounterListener listener) {
     mListener = std::move(listener);
 }
 
-void TraceRecorder::restart(bool keep) {
+void TraceRecorder::spool(const TraceEvent& event) {
+    if (mSpoolCutAt >= 0) return;
+    if (mSpooled >= kMaxTraceEvents) {
+        mSpoolCutAt = event.time;
+        return;
+    }
+    mThreads.emplace(event.tid, event.thread);
+    writeSpooledEvent(mSpool, event);
+    ++mSpooled;
+}
+
+void TraceRecorder::restart(bool keep, std::FILE* spool) {
     std::lock_guard lock(mMutex);
     mEvents.clear();
     mKeep = keep;
+    mSpool = spool;
+    mSpooled = 0;
+    mSpoolCutAt = -1;
+    mThreads.clear();
+}
+
+uint64_t TraceRecorder::spooledEvents() const {
+    std::lock_guard lock(mMutex);
+    return mSpooled;
+}
+
+std::map<pid_t, std::string> TraceRecorder::threadNames() const {
+    std::lock_guard lock(mMutex);
+    return mThreads;
+}
+
+int64_t TraceRecorder::spoolCutAt() const {
+    std::lock_guard lock(mMutex);
+    return mSpoolCutAt;
 }
 
 std::vector<TraceEvent> TraceRecorder::events() const {

@@ -4,7 +4,9 @@
 
 #include <atomic>
 #include <cstdint>
+#include <cstdio>
 #include <functional>
+#include <map>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -12,6 +14,10 @@
 #include <android-base/thread_annotations.h>
 
 namespace android::tools::sim {
+
+// The most events a trace file holds (about 2 GB of text); a longer run's
+// trace stops there, and the tool says when.
+constexpr uint64_t kMaxTraceEvents = 20000000;
 
 // One event of the system trace, stamped with virtual time.
 struct TraceEvent {
@@ -42,15 +48,28 @@ public:
 
     std::vector<TraceEvent> events() const EXCLUDES(mMutex);
     // Forgets the events so far; with keep false, later events only reach
-    // the counter listener, so a long run holds no trace in memory.
-    void restart(bool keep) EXCLUDES(mMutex);
+    // the counter listener, so a long run holds no trace in memory. With a
+    // `spool`, kept events are written to it as they are made (see
+    // SystraceWriter.h) instead of held, up to kMaxTraceEvents.
+    void restart(bool keep, std::FILE* spool = nullptr) EXCLUDES(mMutex);
+
+    // Of a spooled run: the events written, each thread's first name, and
+    // the virtual time at which the cap stopped the trace (-1 if it did not).
+    uint64_t spooledEvents() const EXCLUDES(mMutex);
+    std::map<pid_t, std::string> threadNames() const EXCLUDES(mMutex);
+    int64_t spoolCutAt() const EXCLUDES(mMutex);
 
 private:
     void record(TraceEvent::Kind kind, const std::string& name, int64_t value) EXCLUDES(mMutex);
+    void spool(const TraceEvent& event) REQUIRES(mMutex);
 
     std::atomic<bool> mKeep{true};
     mutable std::mutex mMutex;
     std::vector<TraceEvent> mEvents GUARDED_BY(mMutex);
+    std::FILE* mSpool GUARDED_BY(mMutex) = nullptr;
+    uint64_t mSpooled GUARDED_BY(mMutex) = 0;
+    int64_t mSpoolCutAt GUARDED_BY(mMutex) = -1;
+    std::map<pid_t, std::string> mThreads GUARDED_BY(mMutex);
     CounterListener mListener GUARDED_BY(mMutex);
 };
 

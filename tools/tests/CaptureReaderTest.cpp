@@ -9,6 +9,7 @@
 
 #include <gtest/gtest.h>
 
+#include "tools/host/RegularFile.h"
 #include "tools/sim/CaptureReader.h"
 #include "tools/sim/FtraceLine.h"
 #include "tools/sim/PerfettoReader.h"
@@ -517,6 +518,33 @@ TEST(CaptureReader, WhatItKeepsIsBounded) {
     EXPECT_FALSE(readCapture(path, &small, &error, 500));
     EXPECT_NE(error.find("line 40: more than 500 bytes of vsync ticks"), std::string::npos)
             << error;
+    std::remove(path.c_str());
+}
+
+TEST(RegularFile, NestingCountsOnlyBracketsOutsideStringsAndComments) {
+    EXPECT_FALSE(jsonNestsTooDeep("[[[]]]", 3));
+    EXPECT_TRUE(jsonNestsTooDeep("[[[[]]]]", 3));
+    EXPECT_TRUE(jsonNestsTooDeep("[[[[", 3)); // unclosed still counts
+    EXPECT_FALSE(jsonNestsTooDeep(R"({"a": "[[[[\"[[", "b": [1]})", 2));
+    EXPECT_FALSE(jsonNestsTooDeep("// [[[[\n/* {{{{ */ [[]]", 2));
+}
+
+TEST(RegularFile, OnlyRegularFilesUnderTheCap) {
+    std::string text;
+    std::string error;
+    EXPECT_FALSE(readRegularFile("/dev/null", 10, &text, &error));
+    EXPECT_NE(error.find("/dev/null: not a regular file"), std::string::npos) << error;
+    EXPECT_FALSE(readRegularFile("/tmp", 10, &text, &error));
+    EXPECT_NE(error.find("a directory"), std::string::npos) << error;
+    const std::string path = testing::TempDir() + "input_file_test.json";
+    FILE* file = fopen(path.c_str(), "w");
+    ASSERT_NE(file, nullptr);
+    fputs("{\"a\": 1}", file);
+    fclose(file);
+    EXPECT_TRUE(readRegularFile(path, 8, &text, &error)) << error;
+    EXPECT_EQ(text, "{\"a\": 1}");
+    EXPECT_FALSE(readRegularFile(path, 7, &text, &error));
+    EXPECT_NE(error.find("8 bytes, more than the 7 bytes"), std::string::npos) << error;
     std::remove(path.c_str());
 }
 
