@@ -2,6 +2,8 @@
 
 #include "config/PeltoRuleFileReader.h"
 
+#include "config/JsonNesting.h"
+
 #include <errno.h>
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -68,29 +70,7 @@ bool readRuleFile(const std::string& path, std::string& text) {
 }
 
 bool nestsTooDeep(const std::string& text) {
-    size_t depth = 0;
-    const size_t size = text.size();
-    for (size_t i = 0; i < size; ++i) {
-        const char c = text[i];
-        if (c == '"') {
-            // Skips the string, escapes included; an unterminated one ends the text.
-            for (++i; i < size && text[i] != '"'; ++i) {
-                if (text[i] == '\\') ++i;
-            }
-        } else if (c == '/' && i + 1 < size && text[i + 1] == '/') {
-            while (i < size && text[i] != '\n') ++i;
-        } else if (c == '/' && i + 1 < size && text[i + 1] == '*') {
-            const size_t end = text.find("*/", i + 2);
-            i = end == std::string::npos ? size : end + 1;
-        } else if (c == '[' || c == '{') {
-            if (++depth > kMaxRuleFileNesting) {
-                return true;
-            }
-        } else if ((c == ']' || c == '}') && depth > 0) {
-            --depth;
-        }
-    }
-    return false;
+    return jsonNestsDeeperThan(text, kMaxRuleFileNesting);
 }
 
 } // namespace android

@@ -64,27 +64,4 @@ bool readRegularFile(const std::string& path, uint64_t maxBytes, std::string* te
     return ok;
 }
 
-bool jsonNestsTooDeep(const std::string& text, size_t maxDepth) {
-    size_t depth = 0;
-    const size_t size = text.size();
-    for (size_t i = 0; i < size; ++i) {
-        const char c = text[i];
-        if (c == '"') {
-            for (++i; i < size && text[i] != '"'; ++i) {
-                if (text[i] == '\\') ++i;
-            }
-        } else if (c == '/' && i + 1 < size && text[i + 1] == '/') {
-            while (i < size && text[i] != '\n') ++i;
-        } else if (c == '/' && i + 1 < size && text[i + 1] == '*') {
-            const size_t end = text.find("*/", i + 2);
-            i = end == std::string::npos ? size : end + 1;
-        } else if (c == '[' || c == '{') {
-            if (++depth > maxDepth) return true;
-        } else if ((c == ']' || c == '}') && depth > 0) {
-            --depth;
-        }
-    }
-    return false;
-}
-
 } // namespace android::tools

@@ -16,9 +16,4 @@ int openRegularFile(const std::string& path, uint64_t maxBytes, std::string* err
 bool readRegularFile(const std::string& path, uint64_t maxBytes, std::string* text,
                      std::string* error);
 
-// True when arrays and objects in the JSON `text` nest deeper than
-// `maxDepth`; brackets in strings and comments do not count. Checked before
-// jsoncpp parses, which gives up by throwing at 1000 levels.
-bool jsonNestsTooDeep(const std::string& text, size_t maxDepth);
-
 } // namespace android::tools

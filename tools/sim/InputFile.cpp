@@ -1,5 +1,6 @@
 #include "tools/sim/InputFile.h"
 
+#include "config/JsonNesting.h"
 #include "config/PeltoRuleFileReader.h"
 #include "tools/host/RegularFile.h"
 
@@ -8,7 +9,7 @@ namespace android::tools::sim {
 bool checkRuleFile(const std::string& path, std::string* error) {
     std::string text;
     if (!readRegularFile(path, kMaxRuleFileBytes, &text, error)) return false;
-    if (jsonNestsTooDeep(text, kMaxRuleFileNesting)) {
+    if (jsonNestsDeeperThan(text, kMaxRuleFileNesting)) {
         *error = path + ": arrays and objects nest more than " +
                 std::to_string(kMaxRuleFileNesting) + " levels deep";
         return false;

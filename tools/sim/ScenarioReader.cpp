@@ -9,6 +9,7 @@
 
 #include <json/json.h>
 
+#include "config/JsonNesting.h"
 #include "tools/sim/FrameTimesReader.h"
 #include "tools/sim/InputFile.h"
 #include "tools/sim/JsonFields.h"
@@ -623,7 +624,7 @@ double runSteps(const Scenario& scenario) {
 bool readScenario(const std::string& path, Scenario* scenario, std::string* error) {
     std::string text;
     if (!readRegularFile(path, kMaxScenarioBytes, &text, error)) return false;
-    if (jsonNestsTooDeep(text, kMaxScenarioNesting)) {
+    if (jsonNestsDeeperThan(text, kMaxScenarioNesting)) {
         *error = path + ": not a scenario: arrays and objects nest more than " +
                 std::to_string(kMaxScenarioNesting) + " levels deep";
         return false;

@@ -9,6 +9,7 @@
 
 #include <gtest/gtest.h>
 
+#include "config/JsonNesting.h"
 #include "tools/host/RegularFile.h"
 #include "tools/sim/CaptureReader.h"
 #include "tools/sim/FtraceLine.h"
@@ -522,11 +523,11 @@ TEST(CaptureReader, WhatItKeepsIsBounded) {
 }
 
 TEST(RegularFile, NestingCountsOnlyBracketsOutsideStringsAndComments) {
-    EXPECT_FALSE(jsonNestsTooDeep("[[[]]]", 3));
-    EXPECT_TRUE(jsonNestsTooDeep("[[[[]]]]", 3));
-    EXPECT_TRUE(jsonNestsTooDeep("[[[[", 3)); // unclosed still counts
-    EXPECT_FALSE(jsonNestsTooDeep(R"({"a": "[[[[\"[[", "b": [1]})", 2));
-    EXPECT_FALSE(jsonNestsTooDeep("// [[[[\n/* {{{{ */ [[]]", 2));
+    EXPECT_FALSE(jsonNestsDeeperThan("[[[]]]", 3));
+    EXPECT_TRUE(jsonNestsDeeperThan("[[[[]]]]", 3));
+    EXPECT_TRUE(jsonNestsDeeperThan("[[[[", 3)); // unclosed still counts
+    EXPECT_FALSE(jsonNestsDeeperThan(R"({"a": "[[[[\"[[", "b": [1]})", 2));
+    EXPECT_FALSE(jsonNestsDeeperThan("// [[[[\n/* {{{{ */ [[]]", 2));
 }
 
 TEST(RegularFile, OnlyRegularFilesUnderTheCap) {
