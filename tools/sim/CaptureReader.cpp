@@ -986,7 +986,7 @@ bool captureScenario(const Capture& capture, const CapturePlay& play, Scenario* 
     }
     const SimTime period = vsyncPeriodOf(s.display.refreshHz);
     for (const Capture::Layer& c : capture.layers) {
-        LayerSpec layer;
+        LayerScript layer;
         layer.name = c.name;
         layer.areas.push_back({0, static_cast<float>(s.display.screenArea())});
         layer.visible.push_back(
@@ -1023,8 +1023,8 @@ bool captureScenario(const Capture& capture, const CapturePlay& play, Scenario* 
         return true;
     }
     s.listMode = false;
-    const LayerSpec* target = nullptr;
-    for (const LayerSpec& l : s.layers) {
+    const LayerScript* target = nullptr;
+    for (const LayerScript& l : s.layers) {
         if (!play.apiTarget.empty() && l.name.find(play.apiTarget) != std::string::npos) {
             target = &l;
             break;
@@ -1074,7 +1074,7 @@ bool writeScenarioFile(const Scenario& s, const std::string& path, std::string* 
         root["rules"] = std::filesystem::absolute(s.rules.path).lexically_relative(dir).string();
     }
     root["layers"] = Json::Value(Json::arrayValue);
-    for (const LayerSpec& l : s.layers) {
+    for (const LayerScript& l : s.layers) {
         Json::Value layer;
         layer["name"] = l.name;
         layer["screen_percent"] = 100;

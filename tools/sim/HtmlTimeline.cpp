@@ -269,7 +269,7 @@ void addLayerLanes(const Scenario& scenario, const RunRecord& record, Json::Valu
         Json::Value focus(Json::arrayValue);
         Json::Value texts(Json::arrayValue);
         for (size_t i : group) {
-            const LayerSpec& layer = scenario.layers[i];
+            const LayerScript& layer = scenario.layers[i];
             const std::vector<TimedText> none;
             const auto& roles = i < record.layerRoles.size() ? record.layerRoles[i] : none;
             for (const Window& w : layer.visible) {

@@ -9,7 +9,7 @@ bool inAnyWindow(const std::vector<Window>& windows, SimTime t) {
                        [t](const Window& w) { return w.contains(t); });
 }
 
-float LayerSpec::areaAt(SimTime t) const {
+float LayerScript::areaAt(SimTime t) const {
     float area = areas.empty() ? 0.0f : areas.front().area;
     for (const AreaChange& change : areas) {
         if (change.at > t) break;
@@ -18,9 +18,9 @@ float LayerSpec::areaAt(SimTime t) const {
     return area;
 }
 
-const LayerSpec* Scenario::findLayer(const std::string& layerName) const {
+const LayerScript* Scenario::findLayer(const std::string& layerName) const {
     const auto it = std::find_if(layers.begin(), layers.end(),
-                                 [&](const LayerSpec& l) { return l.name == layerName; });
+                                 [&](const LayerScript& l) { return l.name == layerName; });
     return it == layers.end() ? nullptr : &*it;
 }
 

@@ -31,7 +31,7 @@ struct RefreshChange {
     double refreshHz = 0;
 };
 
-struct DisplaySpec {
+struct PanelScript {
     uint32_t width = 0;
     uint32_t height = 0;
     double refreshHz = 0;
@@ -63,7 +63,7 @@ struct FrameTimes {
 
 // Buffers queued while the layer is visible: at a steady rate, or at
 // measured times (`times`; then fps is 0).
-struct FrameSpec {
+struct FrameScript {
     double fps = 0;
     std::optional<FrameTimes> times;
     SimTime phase = 0;  // offset of the first frame from the start of a visible window
@@ -71,7 +71,7 @@ struct FrameSpec {
     std::vector<Window> pauses;
 };
 
-struct LayerSpec {
+struct LayerScript {
     std::string name;
     SimTime registeredAt = 0;
     std::optional<SimTime> destroyedAt;
@@ -81,7 +81,7 @@ struct LayerSpec {
     bool hasBuffer = true;
     int bufferCount = 1;
     bool pendingBufferHint = false;
-    std::optional<FrameSpec> frames;
+    std::optional<FrameScript> frames;
 
     float areaAt(SimTime t) const;
 };
@@ -158,10 +158,10 @@ struct Scenario {
     std::string description;
     SimTime duration = 0;
     uint64_t seed = 0;
-    DisplaySpec display;
+    PanelScript display;
     bool listMode = true;
     RuleSource rules;
-    std::vector<LayerSpec> layers;
+    std::vector<LayerScript> layers;
     std::vector<Event> events;
     std::vector<Window> forceOff;
     std::vector<Expectation> expectations;
@@ -170,7 +170,7 @@ struct Scenario {
     std::vector<std::string> assumptions;
     std::optional<CaptureFacts> capture;
 
-    const LayerSpec* findLayer(const std::string& name) const;
+    const LayerScript* findLayer(const std::string& name) const;
 };
 
 } // namespace android::tools::sim

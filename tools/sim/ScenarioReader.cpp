@@ -54,9 +54,9 @@ private:
     void readDisplay(const Json::Value& value);
     float readArea(JsonFields& fields);
     void readLayer(const Json::Value& value, const std::string& path);
-    void readFrames(const Json::Value& value, const std::string& path, FrameSpec* frames);
+    void readFrames(const Json::Value& value, const std::string& path, FrameScript* frames);
     void readFrameTimes(JsonFields& fields, const Json::Value* times, const Json::Value* file,
-                        FrameSpec* frames);
+                        FrameScript* frames);
     void readEvent(const Json::Value& value, const std::string& path);
     void readExpectation(const Json::Value& value, const std::string& path);
     void checkReferences();
@@ -101,7 +101,7 @@ RuleSource ScenarioParser::readRules(const Json::Value& value, const std::string
 
 void ScenarioParser::readDisplay(const Json::Value& value) {
     JsonFields fields(value, "display", mErrors);
-    DisplaySpec& display = mScenario.display;
+    PanelScript& display = mScenario.display;
     for (const auto& [key, side] :
          {std::pair{"width", &display.width}, std::pair{"height", &display.height}}) {
         if (const auto* v = fields.required(key)) {
@@ -178,7 +178,7 @@ float ScenarioParser::readArea(JsonFields& fields) {
 }
 
 void ScenarioParser::readFrames(const Json::Value& value, const std::string& path,
-                                FrameSpec* frames) {
+                                FrameScript* frames) {
     JsonFields fields(value, path, mErrors);
     const auto* fps = fields.optional("fps");
     const auto* times = fields.optional("times_ms");
@@ -208,7 +208,7 @@ void ScenarioParser::readFrames(const Json::Value& value, const std::string& pat
 
 // "times_ms": [...], or "file" with "column", "unit"; both with "offset_ms".
 void ScenarioParser::readFrameTimes(JsonFields& fields, const Json::Value* times,
-                                    const Json::Value* file, FrameSpec* frames) {
+                                    const Json::Value* file, FrameScript* frames) {
     FrameTimes& source = frames->times.emplace();
     if (const auto* v = fields.optional("offset_ms")) {
         const double ms = readInRange(*v, fields.path("offset_ms"), -kMaxAbsMillis, kMaxAbsMillis,
@@ -257,7 +257,7 @@ void ScenarioParser::readFrameTimes(JsonFields& fields, const Json::Value* times
 
 void ScenarioParser::readLayer(const Json::Value& value, const std::string& path) {
     JsonFields fields(value, path, mErrors);
-    LayerSpec layer;
+    LayerScript layer;
     if (const auto* v = fields.required("name")) {
         layer.name = readString(*v, fields.path("name"), mErrors);
     }
@@ -610,7 +610,7 @@ double runSteps(const Scenario& scenario) {
         hz = change.refreshHz;
     }
     steps += seconds(since, scenario.duration) * hz;
-    for (const LayerSpec& layer : scenario.layers) {
+    for (const LayerScript& layer : scenario.layers) {
         if (!layer.frames) continue;
         if (layer.frames->times) {
             steps += static_cast<double>(layer.frames->times->count);

@@ -45,7 +45,7 @@ std::string percentOfScreen(float area, uint32_t screenArea) {
 // and inside their span.
 class SteadyFrames : public FrameStream {
 public:
-    SteadyFrames(const Scenario& scenario, const LayerSpec& layer)
+    SteadyFrames(const Scenario& scenario, const LayerScript& layer)
           : mLayer(layer),
             mFrames(*layer.frames),
             mEnd(scenario.duration),
@@ -73,8 +73,8 @@ public:
     }
 
 private:
-    const LayerSpec& mLayer;
-    const FrameSpec& mFrames;
+    const LayerScript& mLayer;
+    const FrameScript& mFrames;
     const SimTime mEnd;
     const double mInterval;
     Jitter mJitter;
@@ -87,7 +87,7 @@ private:
 // before the end.
 class MeasuredFrames : public FrameStream {
 public:
-    MeasuredFrames(const Scenario& scenario, const LayerSpec& layer, int64_t* skipped)
+    MeasuredFrames(const Scenario& scenario, const LayerScript& layer, int64_t* skipped)
           : mLayer(layer),
             mEnd(scenario.duration),
             mReader(*layer.frames->times),
@@ -113,7 +113,7 @@ public:
     std::string error() const override { return mError; }
 
 private:
-    const LayerSpec& mLayer;
+    const LayerScript& mLayer;
     const SimTime mEnd;
     FrameTimesReader mReader;
     int64_t& mSkipped;
@@ -128,7 +128,7 @@ Schedule::Schedule(const Scenario& scenario) : mScenario(scenario) {
     const SimTime end = scenario.duration;
     const uint32_t screenArea = scenario.display.screenArea();
     for (size_t i = 0; i < scenario.layers.size(); ++i) {
-        const LayerSpec& layer = scenario.layers[i];
+        const LayerScript& layer = scenario.layers[i];
         steps.push_back({layer.registeredAt, Step::Kind::Register, i, {}});
         if (layer.destroyedAt && *layer.destroyedAt < end) {
             steps.push_back({*layer.destroyedAt, Step::Kind::Destroy, i, {}});

@@ -45,7 +45,7 @@ bool parseStateLine(const std::string& message, StateChange* change) {
 Simulation::Simulation(const Scenario& scenario, PeltoLibrary& library, const RunOptions& options)
       : mScenario(scenario), mLib(library), mOptions(options) {
     mLayers.reserve(scenario.layers.size());
-    for (const LayerSpec& described : scenario.layers) {
+    for (const LayerScript& described : scenario.layers) {
         mLayers.push_back({&described, sp<IBinder>(new BBinder()), false, {}});
     }
 }

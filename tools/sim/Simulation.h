@@ -54,7 +54,7 @@ public:
 private:
     // One layer as the compositor holds it; its address is the layerPtr.
     struct Layer {
-        const LayerSpec* scenario = nullptr; // what the scenario says of the layer
+        const LayerScript* scenario = nullptr; // what the scenario says of the layer
         sp<IBinder> handle;
         bool registered = false;
         std::string kind;          // how the rule file classifies it, from the library's dump
