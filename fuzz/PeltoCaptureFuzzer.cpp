@@ -13,6 +13,7 @@
 
 #include "fuzz/FuzzSupport.h"
 #include "tools/sim/CaptureReader.h"
+#include "tools/sim/CaptureScenario.h"
 #include "tools/sim/ScenarioReader.h"
 
 namespace {

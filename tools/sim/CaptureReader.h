@@ -44,24 +44,4 @@ struct Capture {
 bool readCapture(const std::string& path, Capture* capture, std::string* error,
                  int64_t maxKept = int64_t{256} << 20);
 
-// How to play a capture: the rule file (list mode) or the API-mode target,
-// and the display size a capture does not record.
-struct CapturePlay {
-    std::string rules;     // list mode when set
-    std::string apiTarget; // API mode with this layer (a part of its name)
-    uint32_t width = 1080;
-    uint32_t height = 2400;
-    bool displayGiven = false;
-    double refreshHz = 0; // the panel's rate throughout (--refresh-hz), when set
-};
-
-// A scenario that plays the capture, with the assumptions it makes in
-// scenario->assumptions.
-bool captureScenario(const Capture& capture, const CapturePlay& play, Scenario* scenario,
-                     std::string* error);
-
-// Writes a scenario made by captureScenario as a scenario file that
-// pelto-sim reads back (the rule file's path relative to it).
-bool writeScenarioFile(const Scenario& scenario, const std::string& path, std::string* error);
-
 } // namespace android::tools::sim

@@ -21,6 +21,7 @@
 
 #include "tools/host/PeltoLibrary.h"
 #include "tools/sim/CaptureReader.h"
+#include "tools/sim/CaptureScenario.h"
 #include "tools/sim/CompareReport.h"
 #include "tools/sim/Expectations.h"
 #include "tools/sim/HtmlReport.h"
@@ -28,6 +29,7 @@
 #include "tools/sim/JsonReport.h"
 #include "tools/sim/RunSummary.h"
 #include "tools/sim/ScenarioReader.h"
+#include "tools/sim/ScenarioWriter.h"
 #include "tools/sim/SimClock.h"
 #include "tools/sim/Simulation.h"
 #include "tools/sim/SystraceWriter.h"
