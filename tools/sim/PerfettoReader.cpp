@@ -7,6 +7,7 @@
 #include <cstring>
 #include <utility>
 
+#include "tools/sim/DriverMarks.h"
 #include "tools/sim/ProtoWire.h"
 
 // The decoder follows the messages it knows, so nesting is as deep as they
@@ -363,10 +364,12 @@ bool TraceDecoder::ftraceEvent(const Field& event, int64_t offset, uint64_t cloc
     uint64_t timestamp = 0;
     int32_t tid = 0;
     Field print;
+    Field driverMark;
     if (!fields(event, "ftrace event", [&](const Field& f) {
             if (f.number == 1 && isVarint(f)) timestamp = f.value;
             if (f.number == 2 && isVarint(f)) tid = f.asInt32();
             if (f.number == 3 && isBytes(f)) print = f;
+            if (isDriverMark(f.number) && isBytes(f)) driverMark = f;
             // task_newtask (pid 1, comm 2) and task_rename (pid 1, newcomm 3).
             if ((f.number == 235 || f.number == 236) && isBytes(f)) {
                 int32_t pid = -1;
@@ -388,13 +391,19 @@ bool TraceDecoder::ftraceEvent(const Field& event, int64_t offset, uint64_t cloc
         })) {
         return false;
     }
-    if (print.data == nullptr) return true;
     std::string text;
-    if (!fields(print, "print", [&](const Field& f) {
-            if (f.number == 2 && isBytes(f)) text = f.asString();
-            return true;
-        })) {
-        return false;
+    if (print.data != nullptr) {
+        if (!fields(print, "print", [&](const Field& f) {
+                if (f.number == 2 && isBytes(f)) text = f.asString();
+                return true;
+            })) {
+            return false;
+        }
+    } else if (driverMark.data != nullptr) {
+        const char* damage = nullptr;
+        if (!driverMarkText(driverMark.number, driverMark, &text, &damage)) {
+            return fail("driver mark " + std::to_string(driverMark.number) + ": " + damage);
+        }
     }
     while (!text.empty() && (text.back() == '\n' || text.back() == '\0')) text.pop_back();
     // Only slice begins and counters matter to the player.

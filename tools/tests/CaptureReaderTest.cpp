@@ -236,6 +236,40 @@ TEST(PerfettoReader, MarksNamesAndFramesInTimeOrder) {
     EXPECT_EQ(t.packets, 7);
 }
 
+TEST(PerfettoReader, DriverMarksReadAsTheirAtraceText) {
+    // Each driver's tracepoint keeps pid, name, kind and value in fields of
+    // its own; marks without a kind or a name are not kept.
+    const auto event = [](uint64_t t, uint32_t field, const Proto& payload) {
+        return Proto().varint(1, t).varint(2, 9).message(field, payload);
+    };
+    Proto bundle;
+    bundle.varint(1, 0)
+            .message(2, event(100, 80, Proto().varint(1, 5).bytes(2, "commit").varint(3, 1)))
+            .message(2,
+                     event(110, 331,
+                           Proto().varint(1, 4).bytes(2, "TE").varint(3, 6).varint(
+                                   4, static_cast<uint64_t>(int64_t{-2}))))
+            .message(2,
+                     event(120, 333,
+                           Proto().varint(1, 7).bytes(2, "fps").varint(3, 'C').varint(4, 120)))
+            .message(2, event(130, 333, Proto().varint(1, 7).bytes(2, "kick").varint(5, 0)))
+            .message(2, event(140, 348, Proto().bytes(4, "frame").varint(5, 'B')))
+            .message(2,
+                     event(150, 350,
+                           Proto().bytes(1, "gpu").varint(2, 8).varint(3, 'C').varint(4, 3)))
+            .message(2, event(160, 467, Proto().bytes(1, "cam").varint(2, 'B').bytes(4, "isr")))
+            .message(2, event(170, 484, Proto().varint(1, 3).bytes(2, "no kind")))
+            .message(2, event(180, 349, Proto().bytes(4, "").varint(5, 'B')));
+    PerfettoTrace t;
+    std::string error;
+    ASSERT_TRUE(read(trace({Proto().message(1, bundle).varint(10, 7)}), &t, &error)) << error;
+    std::vector<std::string> texts;
+    for (const PerfettoTrace::Mark& m : t.marks) texts.push_back(m.text);
+    EXPECT_EQ(texts,
+              (std::vector<std::string>{"B|5|commit", "C|6|TE|-2", "C|7|fps|120", "B|0|frame",
+                                        "C|8|gpu|3", "B|0|isr"}));
+}
+
 TEST(PerfettoReader, ClocksAndCompressedPackets) {
     // A MONOTONIC frame (clock 3) converted by the latest snapshot before it;
     // a bundle on the global clock with its pair of readings; prints inside
