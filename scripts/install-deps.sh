@@ -4,6 +4,7 @@
 # bench adds valgrind). Safe to run again: installed packages are skipped.
 set -euo pipefail
 
+# nodejs checks the HTML page's script (node --check).
 # llvm-14 brings llvm-symbolizer: ThreadSanitizer matches its suppressions
 # (tests/tsan_suppressions.txt) against symbolized frames only.
 packages=(
@@ -12,6 +13,7 @@ packages=(
   android-liblog-dev android-libcutils-dev android-libbase-dev android-libutils-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   jq
+  nodejs
   soong
 )
 packages+=("$@")

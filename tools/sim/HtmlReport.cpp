@@ -77,12 +77,8 @@ void writeRefreshTable(std::ostringstream& html, const RunSummary& summary) {
     html << "</table>\n";
 }
 
-} // namespace
-
-bool writeHtmlReport(const std::string& path, const Scenario& scenario, const RunRecord& record,
-                     const RunSummary& summary, const std::vector<ExpectationResult>& results,
-                     std::string* error) {
-    std::ostringstream html;
+// The title, what was played, and the colours of the timeline.
+void writeHeading(std::ostringstream& html, const Scenario& scenario) {
     html << "<!DOCTYPE html>\n<html><head><meta charset=\"utf-8\">\n<title>pelto-sim: "
          << escape(scenario.name) << "</title>\n<style>" << kPageStyle << "</style></head><body>\n";
     html << "<h1>" << escape(scenario.name) << "</h1>\n<p class=\"sub\">"
@@ -106,6 +102,10 @@ bool writeHtmlReport(const std::string& path, const Scenario& scenario, const Ru
     legendItem(html, "#eceff1", "frames paused");
     legendItem(html, "#263238", "focused (strip)");
     html << "</p>\n";
+}
+
+// The timeline's toolbar and drawing area, its data and the script that draws it.
+void writeTimeline(std::ostringstream& html, const Scenario& scenario, const RunRecord& record) {
     html << "<div id=\"timeline-box\"><div class=\"toolbar\">"
             "<button data-zoom=\"in\" title=\"zoom in (+)\">+</button>"
             "<button data-zoom=\"out\" title=\"zoom out (-)\">&minus;</button>"
@@ -120,7 +120,10 @@ bool writeHtmlReport(const std::string& path, const Scenario& scenario, const Ru
     html << "<script type=\"application/json\" id=\"pelto-data\">"
          << scriptJson(timelineData(scenario, record)) << "</script>\n<script>" << kTimelineScript
          << "</script>\n";
+}
 
+// The run's figures: time in each state, the library's calls, Q2Q, refreshes.
+void writeSummary(std::ostringstream& html, const Scenario& scenario, const RunSummary& summary) {
     char text[160];
     html << "<h2>Summary</h2>\n<table>\n";
     for (int s = 0; s < 3; ++s) {
@@ -140,7 +143,10 @@ bool writeHtmlReport(const std::string& path, const Scenario& scenario, const Ru
              summary.q2qFullCompositions, summary.compositions, summary.q2qFullShare() * 100);
     html << "<tr><th>isQ2QFull true</th><td>" << text << "</td></tr>\n</table>\n";
     writeRefreshTable(html, summary);
+}
 
+// Each expectation with its outcome, and for a failed one what the run gave.
+void writeExpectations(std::ostringstream& html, const std::vector<ExpectationResult>& results) {
     html << "<h2>Expectations</h2>\n<table>\n";
     for (const ExpectationResult& r : results) {
         html << "<tr><td class=\"" << (r.passed ? "ok\">ok" : "fail\">FAIL") << "</td><td>"
@@ -150,7 +156,13 @@ bool writeHtmlReport(const std::string& path, const Scenario& scenario, const Ru
         html << "</td></tr>\n";
     }
     if (results.empty()) html << "<tr><td>none</td></tr>\n";
-    html << "</table>\n<details><summary>Timeline</summary><pre>";
+    html << "</table>\n";
+}
+
+// The timeline as text, cut at kMaxPageTimelineLines.
+void writeTextTimeline(std::ostringstream& html, const RunRecord& record) {
+    char text[160];
+    html << "<details><summary>Timeline</summary><pre>";
     size_t lines = 0;
     for (const TimelineEntry& e : record.timeline) {
         if (++lines > kMaxPageTimelineLines) {
@@ -162,7 +174,21 @@ bool writeHtmlReport(const std::string& path, const Scenario& scenario, const Ru
                  timelineLabel(e.kind));
         html << text << escape(e.text) << "\n";
     }
-    html << "</pre></details>\n</body></html>\n";
+    html << "</pre></details>\n";
+}
+
+} // namespace
+
+bool writeHtmlReport(const std::string& path, const Scenario& scenario, const RunRecord& record,
+                     const RunSummary& summary, const std::vector<ExpectationResult>& results,
+                     std::string* error) {
+    std::ostringstream html;
+    writeHeading(html, scenario);
+    writeTimeline(html, scenario, record);
+    writeSummary(html, scenario, summary);
+    writeExpectations(html, results);
+    writeTextTimeline(html, record);
+    html << "</body></html>\n";
 
     std::ofstream file(path);
     file << html.str();

@@ -2,6 +2,9 @@
 
 namespace android::tools::sim {
 
+// Both are defined by a build step (tools/sim/page/embed.cmake) from
+// tools/sim/page/page.css and tools/sim/page/timeline.js: edit those files.
+
 // The page's style sheet.
 extern const char* const kPageStyle;
 

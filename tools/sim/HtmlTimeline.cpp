@@ -226,106 +226,138 @@ Json::Value eventsLane(const Scenario& scenario, const RunRecord& record) {
     return l;
 }
 
-// One lane per window name: the layers whose names differ only after the
-// last '#' (instances of one window) share it.
-void addLayerLanes(const Scenario& scenario, const RunRecord& record, Json::Value* lanes) {
-    const uint32_t screen = scenario.display.screenArea();
-    std::vector<std::string> bases;
-    std::map<std::string, std::vector<size_t>> members;
+// The layers whose names differ only after the last '#' (instances of one
+// window), in the order the first of them comes in the scenario.
+struct WindowGroup {
+    std::string base;
+    std::vector<size_t> layers;
+};
+
+std::vector<WindowGroup> windowGroups(const Scenario& scenario) {
+    std::vector<WindowGroup> groups;
+    std::map<std::string, size_t> index;
     for (size_t i = 0; i < scenario.layers.size(); ++i) {
         const std::string& name = scenario.layers[i].name;
         const size_t hash = name.rfind('#');
         const std::string base =
                 hash == std::string::npos || hash == 0 ? name : name.substr(0, hash);
-        if (members[base].empty()) bases.push_back(base);
-        members[base].push_back(i);
+        const auto [at, added] = index.emplace(base, groups.size());
+        if (added) groups.push_back({base, {}});
+        groups[at->second].layers.push_back(i);
     }
-    // Labels that would look alike keep more of the name.
-    std::vector<int> level(bases.size(), 0);
-    std::vector<std::string> labels(bases.size());
+    return groups;
+}
+
+// One label per group: labels that would look alike keep more of the name,
+// any still alike are numbered, and a group of several layers says how many.
+std::vector<std::string> laneLabels(const std::vector<WindowGroup>& groups) {
+    std::vector<int> level(groups.size(), 0);
+    std::vector<std::string> labels(groups.size());
     for (int round = 0; round < 3; ++round) {
         std::map<std::string, int> seen;
-        for (size_t b = 0; b < bases.size(); ++b) {
-            labels[b] = laneName(bases[b], level[b]);
+        for (size_t b = 0; b < groups.size(); ++b) {
+            labels[b] = laneName(groups[b].base, level[b]);
             ++seen[labels[b]];
         }
-        for (size_t b = 0; b < bases.size(); ++b) {
+        for (size_t b = 0; b < groups.size(); ++b) {
             if (seen[labels[b]] > 1 && level[b] < 2) ++level[b];
         }
     }
     std::map<std::string, int> used;
-    for (size_t b = 0; b < bases.size(); ++b) {
-        const std::vector<size_t>& group = members[bases[b]];
-        std::string label = labels[b];
+    for (size_t b = 0; b < groups.size(); ++b) {
+        std::string& label = labels[b];
         if (const int n = used[label]++; n > 0) label += " (" + std::to_string(n + 1) + ")";
-        if (group.size() > 1) label += " \u00d7" + std::to_string(group.size());
-        std::string title;
-        for (size_t i : group) title += (title.empty() ? "" : "\n") + scenario.layers[i].name;
-        Json::Value l = lane(label, title, 24);
-        l["layer"] = true;
+        if (groups[b].layers.size() > 1)
+            label += " \u00d7" + std::to_string(groups[b].layers.size());
+    }
+    return labels;
+}
 
-        Json::Value spans(Json::arrayValue);
-        Json::Value pauses(Json::arrayValue);
-        Json::Value focus(Json::arrayValue);
-        Json::Value texts(Json::arrayValue);
-        for (size_t i : group) {
-            const LayerScript& layer = scenario.layers[i];
-            const std::vector<TimedText> none;
-            const auto& roles = i < record.layerRoles.size() ? record.layerRoles[i] : none;
-            for (const Window& w : layer.visible) {
-                // Split at the reloads that changed the layer's class.
-                SimTime from = w.from;
-                while (from < w.to) {
-                    std::string kind;
-                    SimTime until = w.to;
-                    for (const TimedText& r : roles) {
-                        if (r.at <= from) kind = r.text;
-                        if (r.at > from && r.at < until) until = r.at;
-                    }
-                    const Role role = roleOf(kind);
-                    spans.append(span(from, until, role.colour,
-                                      layer.name + " (" + role.colour + ": " + role.meaning +
-                                              "): on screen from " + formatSeconds(from) + " to " +
-                                              formatSeconds(until) + ", " +
-                                              percentText(layer.areaAt(from), screen) +
-                                              " of the screen"));
-                    from = until;
-                }
+// The layer's time on screen, split at the reloads that changed its class.
+void addScreenSpans(const LayerScript& layer, const std::vector<TimedText>& roles, uint32_t screen,
+                    Json::Value* spans) {
+    for (const Window& w : layer.visible) {
+        SimTime from = w.from;
+        while (from < w.to) {
+            std::string kind;
+            SimTime until = w.to;
+            for (const TimedText& r : roles) {
+                if (r.at <= from) kind = r.text;
+                if (r.at > from && r.at < until) until = r.at;
             }
-            for (const Window& w : layer.frames ? layer.frames->pauses : std::vector<Window>()) {
-                pauses.append(span(w.from, w.to, "paused",
-                                   layer.name + ": no frames from " + formatSeconds(w.from) +
-                                           " to " + formatSeconds(w.to)));
-            }
-            for (const Window& w : layer.focused) {
-                focus.append(span(w.from, w.to, "focus",
-                                  layer.name + ": focused from " + formatSeconds(w.from) + " to " +
-                                          formatSeconds(w.to)));
-            }
-            for (const AreaChange& a : layer.areas) {
-                Json::Value t(Json::arrayValue);
-                t.append(ms(a.at));
-                t.append(percentText(a.area, screen));
-                texts.append(t);
-            }
+            const Role role = roleOf(kind);
+            spans->append(span(from, until, role.colour,
+                               layer.name + " (" + role.colour + ": " + role.meaning +
+                                       "): on screen from " + formatSeconds(from) + " to " +
+                                       formatSeconds(until) + ", " +
+                                       percentText(layer.areaAt(from), screen) + " of the screen"));
+            from = until;
         }
-        const auto byTime = [](Json::Value& list) {
-            std::vector<Json::Value> items(list.begin(), list.end());
-            std::stable_sort(items.begin(), items.end(),
-                             [](const Json::Value& a, const Json::Value& b) {
-                                 return a[0].asDouble() < b[0].asDouble();
-                             });
-            list = Json::Value(Json::arrayValue);
-            for (Json::Value& item : items) list.append(std::move(item));
-        };
-        for (Json::Value* list : {&spans, &pauses, &focus, &texts}) byTime(*list);
-        const double duration = ms(scenario.duration);
-        l["spans"] = mergeShortSpans(spans, duration, kMaxShapesPerLane);
-        l["overlays"] = mergeShortSpans(pauses, duration, kMaxShapesPerLane);
-        l["bars"] = mergeShortSpans(focus, duration, kMaxShapesPerLane);
-        if (texts.size() > kMaxShapesPerLane) texts.resize(kMaxShapesPerLane);
-        l["texts"] = texts;
-        lanes->append(std::move(l));
+    }
+}
+
+// Puts a list of [at_ms, ...] in time order; items at one time keep their order.
+void sortByTime(Json::Value* list) {
+    std::vector<Json::Value> items(list->begin(), list->end());
+    std::stable_sort(items.begin(), items.end(), [](const Json::Value& a, const Json::Value& b) {
+        return a[0].asDouble() < b[0].asDouble();
+    });
+    *list = Json::Value(Json::arrayValue);
+    for (Json::Value& item : items) list->append(std::move(item));
+}
+
+// The lane of one group: time on screen by class, frame pauses, focus and
+// size changes of each of its layers.
+Json::Value windowLane(const Scenario& scenario, const RunRecord& record, const WindowGroup& group,
+                       const std::string& label) {
+    const uint32_t screen = scenario.display.screenArea();
+    std::string title;
+    for (size_t i : group.layers) title += (title.empty() ? "" : "\n") + scenario.layers[i].name;
+    Json::Value l = lane(label, title, 24);
+    l["layer"] = true;
+
+    Json::Value spans(Json::arrayValue);
+    Json::Value pauses(Json::arrayValue);
+    Json::Value focus(Json::arrayValue);
+    Json::Value texts(Json::arrayValue);
+    const std::vector<TimedText> none;
+    for (size_t i : group.layers) {
+        const LayerScript& layer = scenario.layers[i];
+        addScreenSpans(layer, i < record.layerRoles.size() ? record.layerRoles[i] : none, screen,
+                       &spans);
+        for (const Window& w : layer.frames ? layer.frames->pauses : std::vector<Window>()) {
+            pauses.append(span(w.from, w.to, "paused",
+                               layer.name + ": no frames from " + formatSeconds(w.from) + " to " +
+                                       formatSeconds(w.to)));
+        }
+        for (const Window& w : layer.focused) {
+            focus.append(span(w.from, w.to, "focus",
+                              layer.name + ": focused from " + formatSeconds(w.from) + " to " +
+                                      formatSeconds(w.to)));
+        }
+        for (const AreaChange& a : layer.areas) {
+            Json::Value t(Json::arrayValue);
+            t.append(ms(a.at));
+            t.append(percentText(a.area, screen));
+            texts.append(t);
+        }
+    }
+    for (Json::Value* list : {&spans, &pauses, &focus, &texts}) sortByTime(list);
+    const double duration = ms(scenario.duration);
+    l["spans"] = mergeShortSpans(spans, duration, kMaxShapesPerLane);
+    l["overlays"] = mergeShortSpans(pauses, duration, kMaxShapesPerLane);
+    l["bars"] = mergeShortSpans(focus, duration, kMaxShapesPerLane);
+    if (texts.size() > kMaxShapesPerLane) texts.resize(kMaxShapesPerLane);
+    l["texts"] = texts;
+    return l;
+}
+
+// One lane per window (WindowGroup), in the scenario's order.
+void addLayerLanes(const Scenario& scenario, const RunRecord& record, Json::Value* lanes) {
+    const std::vector<WindowGroup> groups = windowGroups(scenario);
+    const std::vector<std::string> labels = laneLabels(groups);
+    for (size_t b = 0; b < groups.size(); ++b) {
+        lanes->append(windowLane(scenario, record, groups[b], labels[b]));
     }
 }
 

@@ -1,46 +1,3 @@
-#include "tools/sim/HtmlScript.h"
-
-namespace android::tools::sim {
-
-const char* const kPageStyle = R"css(
-body { font-family: sans-serif; margin: 16px 24px; color: #212121; }
-h1 { font-size: 20px; margin-bottom: 4px; }
-p.sub { color: #616161; margin-top: 0; }
-#timeline-box { position: relative; }
-#timeline { display: block; font-family: sans-serif; font-size: 11px; user-select: none;
-            cursor: grab; }
-#timeline.dragging { cursor: grabbing; }
-.toolbar { margin: 6px 0; font-size: 13px; }
-.toolbar button { min-width: 28px; margin-right: 4px; }
-.toolbar .hint { color: #757575; margin-left: 12px; }
-.label { text-anchor: end; fill: #424242; }
-.lane { fill: #fafafa; stroke: #e0e0e0; }
-.grid { stroke: #eeeeee; }
-.axis { text-anchor: middle; fill: #757575; }
-.scale { fill: #9e9e9e; font-size: 10px; }
-.scaleline { stroke: #e0e0e0; stroke-dasharray: 2 2; }
-.area { fill: #263238; stroke: #ffffff; stroke-width: 2.5px; paint-order: stroke;
-        font-size: 10px; pointer-events: none; }
-.inside { fill: #ffffff; font-size: 11px; pointer-events: none; }
-.below { fill: #8d6e00; font-size: 10px; pointer-events: none; }
-.merged { stroke: #ffffff; stroke-width: 1; stroke-dasharray: 2 2; }
-.refresh { fill: none; stroke: #9e9e9e; stroke-dasharray: 4 3; }
-.q2q { fill: none; stroke: #6a1b9a; stroke-width: 1.2; }
-.cursor { stroke: #6a1b9a; stroke-width: 1; pointer-events: none; }
-.tip { position: fixed; z-index: 2; max-width: 560px; padding: 4px 8px; font-size: 12px;
-       white-space: pre-wrap; background: #ffffff; border: 1px solid #9e9e9e;
-       box-shadow: 0 1px 4px rgba(0, 0, 0, 0.3); pointer-events: none; }
-table { border-collapse: collapse; margin: 8px 0 16px; }
-td, th { padding: 3px 10px; text-align: left; border-bottom: 1px solid #eeeeee; font-size: 13px; }
-.ok { color: #2e7d32; font-weight: bold; }
-.fail { color: #c62828; font-weight: bold; }
-.legend { font-size: 13px; margin: 2px 0; }
-.legend span { display: inline-block; width: 12px; height: 12px; margin: 0 4px 0 12px;
-               vertical-align: middle; border: 1px solid #bdbdbd; }
-pre { font-size: 12px; background: #fafafa; padding: 8px; }
-)css";
-
-const char* const kTimelineScript = R"js(
 (function () {
   'use strict';
   window.addEventListener('error', function (e) {
@@ -364,6 +321,3 @@ const char* const kTimelineScript = R"js(
   if (asked) clampView(Number(asked[1]) * 1000, Number(asked[2]) * 1000);
   draw();
 })();
-)js";
-
-} // namespace android::tools::sim
