@@ -37,7 +37,10 @@ std::string indented(const std::string& message, const char* indent) {
 
 void writeFinding(const Finding& finding, FILE* out) {
     std::string where = finding.path.empty() ? "(file)" : finding.path;
-    if (finding.line > 0) where += " (line " + std::to_string(finding.line) + ")";
+    if (finding.line > 0) {
+        where += " (line " + std::to_string(finding.line) +
+                (finding.column > 0 ? ", column " + std::to_string(finding.column) : "") + ")";
+    }
     std::fprintf(out, "  %c %s: %s", severityLetter(finding), where.c_str(),
                  indented(finding.message, "      ").c_str());
     if (!finding.code.empty()) std::fprintf(out, "  [%s]", finding.code.c_str());
@@ -139,6 +142,7 @@ void writeJson(const std::vector<FileReport>& reports, bool strict, bool verbose
             if (!finding.code.empty()) item["code"] = finding.code;
             item["path"] = finding.path;
             if (finding.line > 0) item["line"] = finding.line;
+            if (finding.column > 0) item["column"] = finding.column;
             item["message"] = finding.message;
             if (!finding.fix.empty()) item["fix"] = finding.fix;
             if (finding.logPriority != 0) item["logPriority"] = std::string(1, finding.logPriority);

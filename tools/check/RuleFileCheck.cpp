@@ -211,7 +211,8 @@ void RuleFileCheck::decide(FileReport& report) const {
         // Every cause the tool knows is counted above; this keeps the count
         // honest should the library learn a new one.
         Finding finding = fileFinding(Finding::Severity::Error, "load-not-clean",
-                                      "the dump says mLoadConfigSucceeded: 0", "");
+                                      "the dump says mLoadConfigSucceeded: 0",
+                                      "run with --verbose to see every line the library logged");
         report.findings.push_back(finding);
     }
     const int warnings = report.warnings() + report.lintWarnings();

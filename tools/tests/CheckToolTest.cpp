@@ -13,9 +13,11 @@
 #include <string>
 #include <vector>
 
+#include <android/log.h>
 #include <gtest/gtest.h>
 #include <json/json.h>
 
+#include "tools/check/LoaderLog.h"
 #include "tools/check/RuleFileText.h"
 #include "tools/check/RuleLint.h"
 
@@ -90,6 +92,50 @@ TEST(RuleLintTest, namesTheKeyThatWasMeantAndTheLine) {
     EXPECT_EQ("did you mean \"always_true\"?", at("exception_rule[3].alwaystrue").fix);
     EXPECT_EQ("write \"SurfaceView[com.example.player/com.example.player.PlayerActivity](BLAST)\"",
               at("target_layers[0].name").fix);
+}
+
+TEST(LoaderLogTest, givesEveryLoaderLineACodeAPathAndAFix) {
+    const std::vector<LogLine> lines = {
+            {ANDROID_LOG_ERROR, "PeltoConfig", "parse fail, * Line 3, Column 7\n  Syntax error"},
+            {ANDROID_LOG_ERROR, "PeltoConfig", "target_layers[1].name is not a string"},
+            {ANDROID_LOG_ERROR, "PeltoConfig", "value1 > value2"},
+            {ANDROID_LOG_INFO, "PeltoConfig", "excpetion rule entry load fail, i 2"},
+            {ANDROID_LOG_ERROR, "PeltoConfig", "a line pelto-check has never seen"},
+    };
+    const std::vector<Finding> findings = readLoaderLines(lines);
+    ASSERT_EQ(5u, findings.size());
+    const std::pair<const char*, const char*> expected[] = {
+            {"json-syntax", ""},
+            {"wrong-type", "target_layers[1].name"},
+            {"reversed-range", "exception_rule[2].layer_screen_size_ratio"},
+            {"entry-dropped", "exception_rule[2]"},
+            {"loader-message", ""},
+    };
+    for (size_t i = 0; i < findings.size(); ++i) {
+        EXPECT_EQ(expected[i].first, findings[i].code) << i;
+        EXPECT_EQ(expected[i].second, findings[i].path) << i;
+        EXPECT_FALSE(findings[i].fix.empty()) << i;
+        EXPECT_EQ(lines[i].message, findings[i].message) << i;
+    }
+    EXPECT_EQ(3, findings[0].line);
+    EXPECT_EQ(7, findings[0].column);
+}
+
+TEST(PeltoCheckTest, namesEachLoaderMistakeWithACodeAndAFix) {
+    int status = -1;
+    const Json::Value file = runJson(kTestDir + "/lint/loader_mistakes.json", &status)["files"][0];
+    EXPECT_EQ(1, status);
+    std::vector<std::string> codes;
+    for (const Json::Value& finding : file["findings"]) {
+        codes.push_back(finding["code"].asString() + " " + finding["path"].asString());
+        EXPECT_FALSE(finding["fix"].asString().empty()) << codes.back();
+    }
+    const std::vector<std::string> expected = {
+            "not-boolean general_rule.on_when_has_other_layer",
+            "not-numeric exception_rule[0].layer_screen_size_ratio.value1",
+            "reversed-range exception_rule[1].layer_screen_size_ratio",
+            "not-boolean exception_rule[2].focus"};
+    EXPECT_EQ(expected, codes);
 }
 
 TEST(PeltoCheckTest, reportsSeveralFilesAsOneJsonDocument) {
