@@ -200,6 +200,22 @@ TEST(PeltoCheckTest, warnsAboutALargeFileAndStillLoadsIt) {
     std::remove(path.c_str());
 }
 
+TEST(PeltoCheckTest, jsonIsUtf8WhateverBytesTheNamesHold) {
+    const std::string path = testing::TempDir() + "/rules_\xff.json";
+    std::ofstream(path) << "{ \"target_layers\": [ { \"name\": \"caf\xe9\" } ] }";
+    const std::string args = "--verbose --layer 'caf\xe9#1' '" + path + "'";
+    int status = -1;
+    runCheck("--json " + args +
+                     " | python3 -c 'import json, sys; "
+                     "json.loads(sys.stdin.buffer.read().decode(\"utf-8\"))'",
+             &status);
+    EXPECT_EQ(0, status);
+    const Json::Value file = runJson(args, &status)["files"][0];
+    EXPECT_EQ(testing::TempDir() + "/rules_\xEF\xBF\xBD.json", file["file"].asString());
+    EXPECT_EQ("caf\xEF\xBF\xBD#1", file["layers"][0]["name"].asString());
+    std::remove(path.c_str());
+}
+
 TEST(PeltoCheckTest, helpVersionAndUsageErrors) {
     int status = -1;
     EXPECT_NE(std::string::npos, runCheck("--help", &status).find("\nexit status:\n"));
