@@ -3,6 +3,7 @@
 #include <stdlib.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
@@ -11,6 +12,7 @@
 
 #include "config/PeltoRuleFileReader.h"
 #include "tools/check/LoaderLog.h"
+#include "tools/check/RuleFileSyntax.h"
 #include "tools/check/RuleFileText.h"
 #include "tools/check/RuleLint.h"
 #include "tools/host/RegularFile.h"
@@ -112,6 +114,7 @@ std::optional<Finding> readProblem(const std::string& path, std::string* text, u
 
 // What in the file's bytes keeps it from being a rule file before any JSON is read.
 std::optional<Finding> contentProblem(const std::string& text) {
+    if (std::optional<Finding> encoding = encodingProblem(text)) return encoding;
     if (text.find_first_not_of(" \t\r\n") == std::string::npos) {
         return fileFinding(
                 Finding::Severity::Error, "empty-file",
@@ -150,13 +153,19 @@ FileReport RuleFileCheck::check(const std::string& path) {
 }
 
 void RuleFileCheck::lintText(std::string text, FileReport& report) const {
+    std::vector<Finding> lint = scanRuleFileSyntax(text);
     RuleFileText parsed;
     std::string parseError;
-    if (!parsed.parse(std::move(text), &parseError)) return;
-    for (Finding& finding : report.findings) {
-        if (!finding.path.empty()) finding.line = parsed.lineOfPath(finding.path);
+    if (parsed.parse(std::move(text), &parseError)) {
+        for (Finding& finding : report.findings) {
+            if (!finding.path.empty()) finding.line = parsed.lineOfPath(finding.path);
+        }
+        for (Finding& finding : lintRuleFile(parsed)) lint.push_back(std::move(finding));
     }
-    for (Finding& finding : lintRuleFile(parsed)) report.findings.push_back(std::move(finding));
+    // In file order, as a reader goes through it.
+    std::stable_sort(lint.begin(), lint.end(),
+                     [](const Finding& a, const Finding& b) { return a.line < b.line; });
+    for (Finding& finding : lint) report.findings.push_back(std::move(finding));
 }
 
 void RuleFileCheck::warnIfLarge(FileReport& report) const {

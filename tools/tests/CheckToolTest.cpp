@@ -200,6 +200,53 @@ TEST(PeltoCheckTest, warnsAboutALargeFileAndStillLoadsIt) {
     std::remove(path.c_str());
 }
 
+TEST(PeltoCheckTest, namesEachTextMistakeWhereItIs) {
+    const auto targets = [](const std::string& name) {
+        return "\"target_layers\": [ { \"name\": \"" + name + "\" } ]";
+    };
+    const std::string general =
+            "\"general_rule\": { \"on_when_has_other_layer\": true, \"use_adaptive_timeout\": "
+            "true }, \"exception_rule\": [ { \"focus\": true } ]";
+    const std::string clean = "{" + targets("a") + ", " + general;
+    std::string utf16;
+    for (const char c : clean + "}") utf16 += std::string(1, c) + '\0';
+    struct Case {
+        std::string text;
+        const char* code;
+        int line;
+        int column;
+        const char* result; // a file the library loads is only warned about
+    };
+    const Case cases[] = {
+            {clean + "\n,}", "trailing-comma", 2, 1, "ok"},
+            {clean + ",\n" + targets("b") + "}", "duplicate-key", 2, 1, "ok"},
+            {clean + "}\n{}", "extra-value", 2, 1, "ok"},
+            {"{" + general + ",\n" + targets("a\\u0000") + "}", "nul-in-string", 2, 30, "ok"},
+            {"{" + general + ",\n" + targets(std::string("a\0", 2)) + "}", "nul-in-string", 2, 30,
+             "ok"},
+            {"{" + general + ",\n" + targets("caf\xe9") + "}", "not-utf8", 2, 34, "ok"},
+            {"\xEF\xBB\xBF" + clean + "}", "utf8-bom", 1, 1, "ok"},
+            {utf16, "utf16-file", 1, 1, "rejected"},
+            {"\x1F\x8B\x08\x00", "gzip-file", 1, 1, "rejected"},
+    };
+    const std::string path = testing::TempDir() + "/text_mistake.json";
+    for (const Case& c : cases) {
+        std::ofstream(path, std::ios::binary) << c.text;
+        int status = -1;
+        const Json::Value file = runJson(path, &status)["files"][0];
+        EXPECT_EQ(c.result, file["result"].asString()) << c.code;
+        const Json::Value* found = nullptr;
+        for (const Json::Value& finding : file["findings"]) {
+            if (finding["code"] == c.code) found = &finding;
+        }
+        ASSERT_NE(nullptr, found) << c.code;
+        EXPECT_EQ(c.line, (*found)["line"].asInt()) << c.code;
+        EXPECT_EQ(c.column, (*found)["column"].asInt()) << c.code;
+        EXPECT_FALSE((*found)["fix"].asString().empty()) << c.code;
+    }
+    std::remove(path.c_str());
+}
+
 TEST(PeltoCheckTest, jsonIsUtf8WhateverBytesTheNamesHold) {
     const std::string path = testing::TempDir() + "/rules_\xff.json";
     std::ofstream(path) << "{ \"target_layers\": [ { \"name\": \"caf\xe9\" } ] }";
