@@ -32,7 +32,8 @@ struct KnownMessage {
     const char* fix; // empty for the loader's info lines
 };
 
-// Messages that do not carry their own path. Those of an exception entry's
+// Messages that do not carry their own path, the more specific of two with
+// one prefix first. Those of an exception entry's
 // condition are followed by the entry's index on the next loader line.
 const KnownMessage kKnownMessages[] = {
         {"targetLayers.empty()", "target_layers", false, "no-targets",
@@ -77,6 +78,8 @@ const KnownMessage kKnownMessages[] = {
         {"always_true,", ".always_true", true, "not-boolean", kBoolFix},
         {kEntryFailPrefix, "", false, "entry-dropped",
          "fix the error logged before it; until then the library leaves the entry out"},
+        {"parse fail, Exceeded stackLimit", "", false, "too-deep",
+         "arrays and objects nest at most 999 deep; a rule file needs 4 levels"},
         {kParseFailPrefix, "", false, "json-syntax",
          "correct the JSON at the line and column named; a missing comma, quote or bracket is "
          "the usual cause"},
