@@ -33,30 +33,28 @@ struct Options {
 };
 
 void usage(FILE* out) {
-    std::fprintf(
-            out,
-            "usage: pelto-check [--lib PATH] [--layer NAME]... [--strict] [--json] "
-            "[--verbose] RULE_FILE...\n"
-            "Checks rule files for libzav_sf_pelto_2_0: the library's own load, with the "
-            "JSON path\nof each line it logs, then a lint of what it accepts but is most "
-            "likely a mistake.\n"
-            "  --lib PATH    the library to load (default: %s)\n"
-            "  --layer NAME  also show how a layer of this name is classified; repeatable\n"
-            "  --strict      fail on warnings and lint findings too\n"
-            "  --json        print one JSON document for the whole run instead of text; a\n"
-            "                byte that is not UTF-8 (in a file or layer name, or in the file)\n"
-            "                appears in it as U+FFFD\n"
-            "  --verbose     show the loader's info lines as well\n"
-            "  --version     print the version and exit\n"
-            "  --help        print this and exit\n"
-            "exit status:\n"
-            "  0  every file loaded cleanly (lint findings are warnings unless --strict)\n"
-            "  1  some file was rejected: it could not be read or loaded, the loader "
-            "reported an\n"
-            "     error, or (with --strict) there was a warning or a lint finding\n"
-            "  2  pelto-check could not run: bad arguments, or the library cannot be "
-            "loaded\n",
-            PELTO_LIBRARY_PATH);
+    std::fprintf(out,
+                 "usage: pelto-check [--lib PATH] [--layer NAME]... [--strict] [--json] "
+                 "[--verbose] RULE_FILE...\n"
+                 "Checks rule files for libzav_sf_pelto_2_0: the library's own load, with the "
+                 "JSON path\nof each line it logs, then a lint of what it accepts but is most "
+                 "likely a mistake.\n"
+                 "  --lib PATH    the library to load (default: %s)\n"
+                 "  --layer NAME  also show how a layer of this name is classified; repeatable\n"
+                 "  --strict      fail on warnings and lint findings too\n"
+                 "  --json        print one JSON document for the whole run instead of text\n"
+                 "                (a byte that is not UTF-8 appears in it as U+FFFD)\n"
+                 "  --verbose     show the loader's info lines as well\n"
+                 "  --version     print the version and exit\n"
+                 "  --help        print this and exit\n"
+                 "exit status:\n"
+                 "  0  every file loaded cleanly (lint findings are warnings unless --strict)\n"
+                 "  1  some file was rejected: it could not be read or loaded, the loader "
+                 "reported an\n"
+                 "     error, or (with --strict) there was a warning or a lint finding\n"
+                 "  2  pelto-check could not run: bad arguments, or the library cannot be "
+                 "loaded\n",
+                 PELTO_LIBRARY_PATH);
 }
 
 bool parseArgs(int argc, char** argv, Options* options) {
