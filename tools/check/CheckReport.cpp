@@ -4,6 +4,7 @@
 
 #include <json/json.h>
 
+#include "tools/check/Utf8.h"
 #include "tools/check/Version.h"
 
 namespace android::tools {
@@ -37,7 +38,10 @@ std::string indented(const std::string& message, const char* indent) {
 
 void writeFinding(const Finding& finding, FILE* out) {
     std::string where = finding.path.empty() ? "(file)" : finding.path;
-    if (finding.line > 0) where += " (line " + std::to_string(finding.line) + ")";
+    if (finding.line > 0) {
+        where += " (line " + std::to_string(finding.line) +
+                (finding.column > 0 ? ", column " + std::to_string(finding.column) : "") + ")";
+    }
     std::fprintf(out, "  %c %s: %s", severityLetter(finding), where.c_str(),
                  indented(finding.message, "      ").c_str());
     if (!finding.code.empty()) std::fprintf(out, "  [%s]", finding.code.c_str());
@@ -59,6 +63,56 @@ int writeFindings(const FileReport& report, Finding::Source source, bool verbose
         ++written;
     }
     return written;
+}
+
+// Every string of the report goes through here: file and layer names and
+// the rule file's own text may hold bytes that are not UTF-8, which would
+// make the whole document unreadable to a JSON reader.
+Json::Value text(const std::string& value) {
+    return Json::Value(validUtf8(value));
+}
+
+Json::Value findingJson(const Finding& finding) {
+    Json::Value item(Json::objectValue);
+    item["source"] = sourceName(finding.source);
+    item["severity"] = severityName(finding.severity);
+    if (!finding.code.empty()) item["code"] = finding.code;
+    item["path"] = text(finding.path);
+    if (finding.line > 0) item["line"] = finding.line;
+    if (finding.column > 0) item["column"] = finding.column;
+    item["message"] = text(finding.message);
+    if (!finding.fix.empty()) item["fix"] = text(finding.fix);
+    if (finding.logPriority != 0) item["logPriority"] = std::string(1, finding.logPriority);
+    return item;
+}
+
+Json::Value fileJson(const FileReport& report, bool verbose) {
+    Json::Value file(Json::objectValue);
+    file["file"] = text(report.file);
+    file["result"] = report.rejected ? "rejected" : "ok";
+    file["verdict"] = text(report.verdict);
+    file["loaded"] = report.loaded;
+    file["loadConfigSucceeded"] = report.loadConfigSucceeded;
+    file["sizeBytes"] = static_cast<Json::UInt64>(report.sizeBytes);
+    file["loadMilliseconds"] = report.loadMilliseconds;
+    file["errors"] = report.errors();
+    file["warnings"] = report.warnings();
+    file["lintWarnings"] = report.lintWarnings();
+    Json::Value& findings = file["findings"] = Json::Value(Json::arrayValue);
+    for (const Finding& finding : report.findings) {
+        if (finding.severity == Finding::Severity::Info && !verbose) continue;
+        findings.append(findingJson(finding));
+    }
+    Json::Value& layers = file["layers"] = Json::Value(Json::arrayValue);
+    for (const LayerClass& layer : report.layers) {
+        Json::Value item(Json::objectValue);
+        item["name"] = text(layer.name);
+        item["lookupName"] = text(layer.lookupName);
+        item["classification"] = layer.classification;
+        layers.append(item);
+    }
+    file["configuration"] = text(report.configuration);
+    return file;
 }
 
 } // namespace
@@ -118,43 +172,7 @@ void writeJson(const std::vector<FileReport>& reports, bool strict, bool verbose
     root["strict"] = strict;
     root["exitCode"] = exitCode;
     Json::Value& files = root["files"] = Json::Value(Json::arrayValue);
-    for (const FileReport& report : reports) {
-        Json::Value file(Json::objectValue);
-        file["file"] = report.file;
-        file["result"] = report.rejected ? "rejected" : "ok";
-        file["verdict"] = report.verdict;
-        file["loaded"] = report.loaded;
-        file["loadConfigSucceeded"] = report.loadConfigSucceeded;
-        file["sizeBytes"] = static_cast<Json::UInt64>(report.sizeBytes);
-        file["loadMilliseconds"] = report.loadMilliseconds;
-        file["errors"] = report.errors();
-        file["warnings"] = report.warnings();
-        file["lintWarnings"] = report.lintWarnings();
-        Json::Value& findings = file["findings"] = Json::Value(Json::arrayValue);
-        for (const Finding& finding : report.findings) {
-            if (finding.severity == Finding::Severity::Info && !verbose) continue;
-            Json::Value item(Json::objectValue);
-            item["source"] = sourceName(finding.source);
-            item["severity"] = severityName(finding.severity);
-            if (!finding.code.empty()) item["code"] = finding.code;
-            item["path"] = finding.path;
-            if (finding.line > 0) item["line"] = finding.line;
-            item["message"] = finding.message;
-            if (!finding.fix.empty()) item["fix"] = finding.fix;
-            if (finding.logPriority != 0) item["logPriority"] = std::string(1, finding.logPriority);
-            findings.append(item);
-        }
-        Json::Value& layers = file["layers"] = Json::Value(Json::arrayValue);
-        for (const LayerClass& layer : report.layers) {
-            Json::Value item(Json::objectValue);
-            item["name"] = layer.name;
-            item["lookupName"] = layer.lookupName;
-            item["classification"] = layer.classification;
-            layers.append(item);
-        }
-        file["configuration"] = report.configuration;
-        files.append(file);
-    }
+    for (const FileReport& report : reports) files.append(fileJson(report, verbose));
     Json::StreamWriterBuilder builder;
     builder["indentation"] = "  ";
     builder["emitUTF8"] = true;

@@ -12,11 +12,12 @@ struct Finding {
 
     Severity severity = Severity::Warning;
     Source source = Source::Lint;
-    std::string code;     // short stable name ("unknown-key"); empty for loader lines
+    std::string code;     // short stable name ("unknown-key", "not-boolean")
     std::string path;     // JSON path ("exception_rule[3].focus"); empty: the whole file
     int line = 0;         // 1-based line in the file; 0 when unknown
+    int column = 0;       // 1-based column (byte) in that line; 0 when unknown
     std::string message;  // loader lines: the library's text, unchanged
-    std::string fix;      // how to fix it; may be empty
+    std::string fix;      // how to fix it; empty only for info lines
     char logPriority = 0; // loader lines: the library's log priority ('W', 'E', 'I')
 };
 

@@ -8,7 +8,8 @@
 namespace android::tools {
 
 // The lines the library's loader logged under "PeltoConfig", in order, as
-// findings: each message unchanged, with the JSON path it is about where
+// findings: each message unchanged, with a code and a fix (a generic code
+// for a message pelto-check does not know) and the JSON path it is about where
 // that can be told (from the message itself, or, for an exception entry's
 // condition, from the "excpetion rule entry load fail, i N" line after it).
 // A warning that marks the load as not clean (the dump's

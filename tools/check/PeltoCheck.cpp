@@ -43,6 +43,7 @@ void usage(FILE* out) {
                  "  --layer NAME  also show how a layer of this name is classified; repeatable\n"
                  "  --strict      fail on warnings and lint findings too\n"
                  "  --json        print one JSON document for the whole run instead of text\n"
+                 "                (a byte that is not UTF-8 appears in it as U+FFFD)\n"
                  "  --verbose     show the loader's info lines as well\n"
                  "  --version     print the version and exit\n"
                  "  --help        print this and exit\n"

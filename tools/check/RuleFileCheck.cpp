@@ -3,13 +3,16 @@
 #include <stdlib.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <optional>
 #include <sstream>
 
 #include "config/PeltoRuleFileReader.h"
 #include "tools/check/LoaderLog.h"
+#include "tools/check/RuleFileSyntax.h"
 #include "tools/check/RuleFileText.h"
 #include "tools/check/RuleLint.h"
 #include "tools/host/RegularFile.h"
@@ -64,6 +67,64 @@ std::vector<LayerClass> layerClasses(const std::string& dump) {
     return layers;
 }
 
+// Why the path cannot be read as a rule file at all: missing, a directory, a
+// FIFO or a device, or larger than the library reads.
+std::optional<Finding> fileProblem(const std::string& path) {
+    struct stat info {};
+    if (stat(path.c_str(), &info) != 0) {
+        return fileFinding(Finding::Severity::Error,
+                           errno == ENOENT ? "no-such-file" : "cannot-read",
+                           errno == ENOENT ? "there is no such file"
+                                           : std::string("cannot read it: ") + std::strerror(errno),
+                           "give the path of the rule file");
+    }
+    if (S_ISDIR(info.st_mode)) {
+        return fileFinding(Finding::Severity::Error, "not-a-file",
+                           "this is a directory, not a rule file",
+                           "give the path of the rule file inside it");
+    }
+    if (!S_ISREG(info.st_mode)) {
+        // The library reads only regular files; reading a FIFO or a device
+        // here could block or never end.
+        return fileFinding(Finding::Severity::Error, "not-a-file",
+                           "this is not a regular file (a FIFO, a socket or a device)",
+                           "give the path of the rule file itself");
+    }
+    if (static_cast<unsigned long long>(info.st_size) > kMaxRuleFileBytes) {
+        return fileFinding(Finding::Severity::Error, "too-large",
+                           "the file has " + std::to_string(info.st_size) +
+                                   " bytes; the library reads at most " +
+                                   std::to_string(kMaxRuleFileBytes),
+                           "a rule file is a few kilobytes: check that this is the rule file");
+    }
+    return std::nullopt;
+}
+
+// Reads the file with the same checks again, without blocking: the path may
+// have been replaced by a FIFO or grown since the stat.
+std::optional<Finding> readProblem(const std::string& path, std::string* text, uintmax_t* size) {
+    std::string why;
+    const bool read = readRegularFile(path, kMaxRuleFileBytes, text, &why);
+    *size = text->size();
+    if (read) return std::nullopt;
+    if (why.rfind(path + ": ", 0) == 0) why.erase(0, path.size() + 2);
+    return fileFinding(Finding::Severity::Error, "cannot-read", "cannot read it: " + why,
+                       "make the file readable");
+}
+
+// What in the file's bytes keeps it from being a rule file before any JSON is read.
+std::optional<Finding> contentProblem(const std::string& text) {
+    if (std::optional<Finding> encoding = encodingProblem(text)) return encoding;
+    if (text.find_first_not_of(" \t\r\n") == std::string::npos) {
+        return fileFinding(
+                Finding::Severity::Error, "empty-file",
+                text.empty() ? "the file is empty (0 bytes)" : "the file holds only white space",
+                "a rule file is a JSON object with at least \"target_layers\" (see "
+                "config/examples/pelto_config.json)");
+    }
+    return std::nullopt;
+}
+
 } // namespace
 
 RuleFileCheck::RuleFileCheck(PeltoLibrary& library, Options options)
@@ -75,77 +136,48 @@ FileReport RuleFileCheck::check(const std::string& path) {
     FileReport report;
     report.file = path;
     std::string text;
-    struct stat info {};
-    if (stat(path.c_str(), &info) != 0) {
-        report.findings.push_back(fileFinding(
-                Finding::Severity::Error, errno == ENOENT ? "no-such-file" : "cannot-read",
-                errno == ENOENT ? "there is no such file"
-                                : std::string("cannot read it: ") + std::strerror(errno),
-                "give the path of the rule file"));
-    } else if (S_ISDIR(info.st_mode)) {
-        report.findings.push_back(fileFinding(Finding::Severity::Error, "not-a-file",
-                                              "this is a directory, not a rule file",
-                                              "give the path of the rule file inside it"));
-    } else if (!S_ISREG(info.st_mode)) {
-        // The library reads only regular files; reading a FIFO or a device
-        // here could block or never end.
-        report.findings.push_back(
-                fileFinding(Finding::Severity::Error, "not-a-file",
-                            "this is not a regular file (a FIFO, a socket or a device)",
-                            "give the path of the rule file itself"));
-    } else if (static_cast<unsigned long long>(info.st_size) > kMaxRuleFileBytes) {
-        report.findings.push_back(fileFinding(
-                Finding::Severity::Error, "too-large",
-                "the file has " + std::to_string(info.st_size) +
-                        " bytes; the library reads at most " + std::to_string(kMaxRuleFileBytes),
-                "a rule file is a few kilobytes: check that this is the rule file"));
-    } else {
-        // Read with the same checks again, without blocking: the path may
-        // have been replaced by a FIFO or grown since the stat.
-        std::string why;
-        const bool read = readRegularFile(path, kMaxRuleFileBytes, &text, &why);
-        report.sizeBytes = text.size();
-        if (!read) {
-            if (why.rfind(path + ": ", 0) == 0) why.erase(0, path.size() + 2);
-            report.findings.push_back(fileFinding(Finding::Severity::Error, "cannot-read",
-                                                  "cannot read it: " + why,
-                                                  "make the file readable"));
-        } else if (text.find_first_not_of(" \t\r\n") == std::string::npos) {
-            report.findings.push_back(
-                    fileFinding(Finding::Severity::Error, "empty-file",
-                                text.empty() ? "the file is empty (0 bytes)"
-                                             : "the file holds only white space",
-                                "a rule file is a JSON object with at least \"target_layers\" (see "
-                                "config/examples/pelto_config.json)"));
-        }
-    }
-    if (!report.findings.empty()) {
+    std::optional<Finding> problem = fileProblem(path);
+    if (!problem) problem = readProblem(path, &text, &report.sizeBytes);
+    if (!problem) problem = contentProblem(text);
+    if (problem) {
+        report.findings.push_back(std::move(*problem));
         report.verdict = "not loaded: " + report.findings.front().message;
         decide(report);
         return report;
     }
-
     loadWithLibrary(path, report);
+    lintText(std::move(text), report);
+    warnIfLarge(report);
+    decide(report);
+    return report;
+}
+
+void RuleFileCheck::lintText(std::string text, FileReport& report) const {
+    std::vector<Finding> lint = scanRuleFileSyntax(text);
     RuleFileText parsed;
     std::string parseError;
     if (parsed.parse(std::move(text), &parseError)) {
         for (Finding& finding : report.findings) {
             if (!finding.path.empty()) finding.line = parsed.lineOfPath(finding.path);
         }
-        for (Finding& finding : lintRuleFile(parsed)) report.findings.push_back(std::move(finding));
+        for (Finding& finding : lintRuleFile(parsed)) lint.push_back(std::move(finding));
     }
-    if (report.sizeBytes > kLargeFileBytes) {
-        std::ostringstream message;
-        message.precision(1);
-        message << std::fixed << "the file is " << report.sizeBytes / 1048576.0
-                << " MiB; the library took " << report.loadMilliseconds
-                << " ms to load it here, and loads it at every controller creation and rule reload";
-        report.findings.insert(report.findings.begin(),
-                               fileFinding(Finding::Severity::Warning, "large-file", message.str(),
-                                           "keep the rule file to the names and rules it needs"));
-    }
-    decide(report);
-    return report;
+    // In file order, as a reader goes through it.
+    std::stable_sort(lint.begin(), lint.end(),
+                     [](const Finding& a, const Finding& b) { return a.line < b.line; });
+    for (Finding& finding : lint) report.findings.push_back(std::move(finding));
+}
+
+void RuleFileCheck::warnIfLarge(FileReport& report) const {
+    if (report.sizeBytes <= kLargeFileBytes) return;
+    std::ostringstream message;
+    message.precision(1);
+    message << std::fixed << "the file is " << report.sizeBytes / 1048576.0
+            << " MiB; the library took " << report.loadMilliseconds
+            << " ms to load it here, and loads it at every controller creation and rule reload";
+    report.findings.insert(report.findings.begin(),
+                           fileFinding(Finding::Severity::Warning, "large-file", message.str(),
+                                       "keep the rule file to the names and rules it needs"));
 }
 
 void RuleFileCheck::loadWithLibrary(const std::string& path, FileReport& report) {
@@ -188,7 +220,8 @@ void RuleFileCheck::decide(FileReport& report) const {
         // Every cause the tool knows is counted above; this keeps the count
         // honest should the library learn a new one.
         Finding finding = fileFinding(Finding::Severity::Error, "load-not-clean",
-                                      "the dump says mLoadConfigSucceeded: 0", "");
+                                      "the dump says mLoadConfigSucceeded: 0",
+                                      "run with --verbose to see every line the library logged");
         report.findings.push_back(finding);
     }
     const int warnings = report.warnings() + report.lintWarnings();

@@ -28,6 +28,9 @@ private:
     // Loads the file with the library; fills the loader's findings, the
     // configuration, the layers and the load time.
     void loadWithLibrary(const std::string& path, FileReport& report);
+    // Lints the text the library loaded and gives the loader's findings their lines.
+    void lintText(std::string text, FileReport& report) const;
+    void warnIfLarge(FileReport& report) const;
     void decide(FileReport& report) const;
 
     PeltoLibrary& mLibrary;

@@ -8,6 +8,9 @@ namespace android::tools {
 
 bool RuleFileText::parse(std::string text, std::string* error) {
     mText = std::move(text);
+    // jsoncpp skips a UTF-8 byte order mark by moving the start of the text,
+    // which would shift every offset it gives by three; blanks keep them.
+    if (mText.rfind("\xEF\xBB\xBF", 0) == 0) mText.replace(0, 3, "   ");
     mRoot = Json::Value();
     mLineStarts.assign(1, 0);
     for (size_t i = 0; i < mText.size(); ++i) {

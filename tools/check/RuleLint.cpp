@@ -124,6 +124,64 @@ struct Interval {
     }
 };
 
+// A ratio condition as the library reads it.
+struct Ratio {
+    int type = 0;      // the leading number of "condition", 0 to 3
+    std::string label; // the words after it
+    float value1 = 0.0f;
+    float value2 = 0.0f;
+    bool hasValue2 = false;
+
+    std::string typeText() const { return std::to_string(type) + " " + kConditionNames[type]; }
+    // The ratios the condition holds for.
+    Interval interval() const {
+        Interval interval;
+        switch (type) {
+            case 0:
+                interval.hi = value1;
+                break;
+            case 1:
+                interval.lo = value1;
+                break;
+            case 2:
+                interval.lo = value1;
+                interval.hi = value2;
+                break;
+            default:
+                interval.lo = interval.hi = value1;
+                interval.loClosed = interval.hiClosed = true;
+                break;
+        }
+        return interval;
+    }
+};
+
+// The ratio object as the library reads it; nothing when the library rejects it.
+std::optional<Ratio> readRatio(const Json::Value& ratio) {
+    const Json::Value& condition = ratio["condition"];
+    if (!isPresent(condition) || !isStringLike(condition)) return std::nullopt;
+    const std::string text = condition.asString();
+    size_t digits = 0;
+    int64_t type = 0;
+    while (digits < text.size() && text[digits] >= '0' && text[digits] <= '9' && type < 10) {
+        type = type * 10 + (text[digits++] - '0');
+    }
+    if (digits == 0 || type > 3) return std::nullopt;
+    const Json::Value& value1 = ratio["value1"];
+    const Json::Value& value2 = ratio["value2"];
+    if (!isPresent(value1) || !value1.isNumeric()) return std::nullopt;
+    if (isPresent(value2) && !value2.isNumeric()) return std::nullopt;
+    Ratio parsed;
+    parsed.type = static_cast<int>(type);
+    parsed.hasValue2 = isPresent(value2);
+    parsed.value1 = value1.asFloat();
+    parsed.value2 = parsed.hasValue2 ? value2.asFloat() : 0.0f;
+    if (type == 2 && (!parsed.hasValue2 || parsed.value1 > parsed.value2)) return std::nullopt;
+    parsed.label = text.substr(digits);
+    parsed.label.erase(0, parsed.label.find_first_not_of(" \t"));
+    return parsed;
+}
+
 // An exception entry as the library loads it, for comparing entries.
 struct EntryShape {
     Json::ArrayIndex index = 0;
@@ -357,88 +415,64 @@ private:
     // rejects it (the loader reports that itself).
     std::optional<Interval> lintRatio(const Json::Value& ratio, const std::string& path) {
         checkKeys(ratio, path, kRatioLevel);
-        const Json::Value& condition = ratio["condition"];
-        if (!isPresent(condition) || !isStringLike(condition)) return std::nullopt;
-        const std::string text = condition.asString();
-        size_t digits = 0;
-        int64_t type = 0;
-        while (digits < text.size() && text[digits] >= '0' && text[digits] <= '9' && type < 10) {
-            type = type * 10 + (text[digits++] - '0');
-        }
-        if (digits == 0 || type > 3) return std::nullopt;
-        const Json::Value& value1 = ratio["value1"];
-        const Json::Value& value2 = ratio["value2"];
-        if (!isPresent(value1) || !value1.isNumeric()) return std::nullopt;
-        if (isPresent(value2) && !value2.isNumeric()) return std::nullopt;
-        const bool hasValue2 = isPresent(value2);
-        const float v1 = value1.asFloat();
-        const float v2 = hasValue2 ? value2.asFloat() : 0.0f;
-        if (type == 2 && (!hasValue2 || v1 > v2)) return std::nullopt;
-        const char* typeName = kConditionNames[type];
-        const std::string typeText = std::to_string(type) + " " + typeName;
-
-        std::string label = text.substr(digits);
-        label.erase(0, label.find_first_not_of(" \t"));
-        for (int other = 0; other < 4; ++other) {
-            if (other != type && folded(label) == folded(kConditionNames[other])) {
-                add("condition-label", child(path, "condition"), condition,
-                    "the leading number decides: type " + std::to_string(type) + " is " +
-                            quoted(typeName) + ", although the text says " + quoted(label),
-                    "write " + quoted(std::to_string(other) + " " + kConditionNames[other]) +
-                            " or " + quoted(typeText));
-            }
-        }
-        if (hasValue2 && type != 2) {
-            add("value2-ignored", child(path, "value2"), value2,
-                "only \"2 in_range\" reads value2; with " + quoted(typeText) +
+        const std::optional<Ratio> parsed = readRatio(ratio);
+        if (!parsed) return std::nullopt;
+        checkConditionLabel(*parsed, ratio["condition"], path);
+        if (parsed->hasValue2 && parsed->type != 2) {
+            add("value2-ignored", child(path, "value2"), ratio["value2"],
+                "only \"2 in_range\" reads value2; with " + quoted(parsed->typeText()) +
                         " it is stored and never used",
                 "remove value2, or use \"2 in_range\"");
         }
-        bool outOfRange = false;
-        const auto checkBound = [&](float value, const char* key, const Json::Value& at) {
-            if (value >= 0.0f && value <= kWholeScreen) return;
-            outOfRange = true;
-            std::string message = number(value) + " % is outside the screen's 0 to 100 %";
-            if (type == 1 && value > kWholeScreen) {
-                message += ": only a layer larger than the screen is bigger than that";
-            } else if (type == 0 && value > kWholeScreen) {
-                message += ": every layer on the screen is smaller, so the condition always holds";
-            }
-            add("ratio-out-of-range", child(path, key), at, message,
-                "the ratio is a percentage of the screen's area: write 0 to 100 (50 is half the "
-                "screen)");
-        };
-        checkBound(v1, "value1", value1);
-        if (type == 2) checkBound(v2, "value2", value2);
-
-        Interval interval;
-        switch (type) {
-            case 0:
-                interval.hi = v1;
-                break;
-            case 1:
-                interval.lo = v1;
-                break;
-            case 2:
-                interval.lo = v1;
-                interval.hi = v2;
-                break;
-            default:
-                interval.lo = interval.hi = v1;
-                interval.loClosed = interval.hiClosed = true;
-                break;
+        bool outOfRange = checkBound(*parsed, parsed->value1, "value1", ratio["value1"], path);
+        if (parsed->type == 2) {
+            outOfRange = checkBound(*parsed, parsed->value2, "value2", ratio["value2"], path) ||
+                    outOfRange;
         }
+        const Interval interval = parsed->interval();
         if (interval.empty()) {
             add("never-matches", path, ratio,
-                "the range (" + number(v1) + ", " + number(v2) +
+                "the range (" + number(parsed->value1) + ", " + number(parsed->value2) +
                         ") is empty: both bounds are excluded, so no ratio lies inside",
-                "widen it, or use \"3 equal\" for exactly " + number(v1) + " %");
-        } else if (type == 0 && v1 <= 0.0f && !outOfRange) {
+                "widen it, or use \"3 equal\" for exactly " + number(parsed->value1) + " %");
+        } else if (parsed->type == 0 && parsed->value1 <= 0.0f && !outOfRange) {
             add("never-matches", path, ratio,
                 "no layer covers less than 0 % of the screen, so this never matches",
                 "use a bound above 0");
         }
         return interval;
+    }
+
+    // A "condition" whose words name another type than its leading number.
+    void checkConditionLabel(const Ratio& ratio, const Json::Value& condition,
+                             const std::string& path) {
+        for (int other = 0; other < 4; ++other) {
+            if (other == ratio.type || folded(ratio.label) != folded(kConditionNames[other])) {
+                continue;
+            }
+            add("condition-label", child(path, "condition"), condition,
+                "the leading number decides: type " + std::to_string(ratio.type) + " is " +
+                        quoted(kConditionNames[ratio.type]) + ", although the text says " +
+                        quoted(ratio.label),
+                "write " + quoted(std::to_string(other) + " " + kConditionNames[other]) + " or " +
+                        quoted(ratio.typeText()));
+        }
+    }
+
+    // Warns about a bound outside 0 to 100 %; true when it is.
+    bool checkBound(const Ratio& ratio, float value, const char* key, const Json::Value& at,
+                    const std::string& path) {
+        if (value >= 0.0f && value <= kWholeScreen) return false;
+        std::string message = number(value) + " % is outside the screen's 0 to 100 %";
+        if (ratio.type == 1 && value > kWholeScreen) {
+            message += ": only a layer larger than the screen is bigger than that";
+        } else if (ratio.type == 0 && value > kWholeScreen) {
+            message += ": every layer on the screen is smaller, so the condition always holds";
+        }
+        add("ratio-out-of-range", child(path, key), at, message,
+            "the ratio is a percentage of the screen's area: write 0 to 100 (50 is half the "
+            "screen)");
+        return true;
     }
 
     // An entry that matches only layers an earlier entry of the same rule

@@ -13,9 +13,11 @@
 #include <string>
 #include <vector>
 
+#include <android/log.h>
 #include <gtest/gtest.h>
 #include <json/json.h>
 
+#include "tools/check/LoaderLog.h"
 #include "tools/check/RuleFileText.h"
 #include "tools/check/RuleLint.h"
 
@@ -92,6 +94,50 @@ TEST(RuleLintTest, namesTheKeyThatWasMeantAndTheLine) {
               at("target_layers[0].name").fix);
 }
 
+TEST(LoaderLogTest, givesEveryLoaderLineACodeAPathAndAFix) {
+    const std::vector<LogLine> lines = {
+            {ANDROID_LOG_ERROR, "PeltoConfig", "parse fail, * Line 3, Column 7\n  Syntax error"},
+            {ANDROID_LOG_ERROR, "PeltoConfig", "target_layers[1].name is not a string"},
+            {ANDROID_LOG_ERROR, "PeltoConfig", "value1 > value2"},
+            {ANDROID_LOG_INFO, "PeltoConfig", "excpetion rule entry load fail, i 2"},
+            {ANDROID_LOG_ERROR, "PeltoConfig", "a line pelto-check has never seen"},
+    };
+    const std::vector<Finding> findings = readLoaderLines(lines);
+    ASSERT_EQ(5u, findings.size());
+    const std::pair<const char*, const char*> expected[] = {
+            {"json-syntax", ""},
+            {"wrong-type", "target_layers[1].name"},
+            {"reversed-range", "exception_rule[2].layer_screen_size_ratio"},
+            {"entry-dropped", "exception_rule[2]"},
+            {"loader-message", ""},
+    };
+    for (size_t i = 0; i < findings.size(); ++i) {
+        EXPECT_EQ(expected[i].first, findings[i].code) << i;
+        EXPECT_EQ(expected[i].second, findings[i].path) << i;
+        EXPECT_FALSE(findings[i].fix.empty()) << i;
+        EXPECT_EQ(lines[i].message, findings[i].message) << i;
+    }
+    EXPECT_EQ(3, findings[0].line);
+    EXPECT_EQ(7, findings[0].column);
+}
+
+TEST(PeltoCheckTest, namesEachLoaderMistakeWithACodeAndAFix) {
+    int status = -1;
+    const Json::Value file = runJson(kTestDir + "/lint/loader_mistakes.json", &status)["files"][0];
+    EXPECT_EQ(1, status);
+    std::vector<std::string> codes;
+    for (const Json::Value& finding : file["findings"]) {
+        codes.push_back(finding["code"].asString() + " " + finding["path"].asString());
+        EXPECT_FALSE(finding["fix"].asString().empty()) << codes.back();
+    }
+    const std::vector<std::string> expected = {
+            "not-boolean general_rule.on_when_has_other_layer",
+            "not-numeric exception_rule[0].layer_screen_size_ratio.value1",
+            "reversed-range exception_rule[1].layer_screen_size_ratio",
+            "not-boolean exception_rule[2].focus"};
+    EXPECT_EQ(expected, codes);
+}
+
 TEST(PeltoCheckTest, reportsSeveralFilesAsOneJsonDocument) {
     int status = -1;
     const Json::Value root =
@@ -151,6 +197,69 @@ TEST(PeltoCheckTest, warnsAboutALargeFileAndStillLoadsIt) {
     EXPECT_EQ("warning", file["findings"][0]["severity"].asString());
     EXPECT_EQ("rejected", runJson("--strict " + path, &status)["files"][0]["result"].asString());
     EXPECT_EQ(1, status);
+    std::remove(path.c_str());
+}
+
+TEST(PeltoCheckTest, namesEachTextMistakeWhereItIs) {
+    const auto targets = [](const std::string& name) {
+        return "\"target_layers\": [ { \"name\": \"" + name + "\" } ]";
+    };
+    const std::string general =
+            "\"general_rule\": { \"on_when_has_other_layer\": true, \"use_adaptive_timeout\": "
+            "true }, \"exception_rule\": [ { \"focus\": true } ]";
+    const std::string clean = "{" + targets("a") + ", " + general;
+    std::string utf16;
+    for (const char c : clean + "}") utf16 += std::string(1, c) + '\0';
+    struct Case {
+        std::string text;
+        const char* code;
+        int line;
+        int column;
+        const char* result; // a file the library loads is only warned about
+    };
+    const Case cases[] = {
+            {clean + "\n,}", "trailing-comma", 2, 1, "ok"},
+            {clean + ",\n" + targets("b") + "}", "duplicate-key", 2, 1, "ok"},
+            {clean + "}\n{}", "extra-value", 2, 1, "ok"},
+            {"{" + general + ",\n" + targets("a\\u0000") + "}", "nul-in-string", 2, 30, "ok"},
+            {"{" + general + ",\n" + targets(std::string("a\0", 2)) + "}", "nul-in-string", 2, 30,
+             "ok"},
+            {"{" + general + ",\n" + targets("caf\xe9") + "}", "not-utf8", 2, 34, "ok"},
+            {"\xEF\xBB\xBF" + clean + "}", "utf8-bom", 1, 1, "ok"},
+            {utf16, "utf16-file", 1, 1, "rejected"},
+            {"\x1F\x8B\x08\x00", "gzip-file", 1, 1, "rejected"},
+    };
+    const std::string path = testing::TempDir() + "/text_mistake.json";
+    for (const Case& c : cases) {
+        std::ofstream(path, std::ios::binary) << c.text;
+        int status = -1;
+        const Json::Value file = runJson(path, &status)["files"][0];
+        EXPECT_EQ(c.result, file["result"].asString()) << c.code;
+        const Json::Value* found = nullptr;
+        for (const Json::Value& finding : file["findings"]) {
+            if (finding["code"] == c.code) found = &finding;
+        }
+        ASSERT_NE(nullptr, found) << c.code;
+        EXPECT_EQ(c.line, (*found)["line"].asInt()) << c.code;
+        EXPECT_EQ(c.column, (*found)["column"].asInt()) << c.code;
+        EXPECT_FALSE((*found)["fix"].asString().empty()) << c.code;
+    }
+    std::remove(path.c_str());
+}
+
+TEST(PeltoCheckTest, jsonIsUtf8WhateverBytesTheNamesHold) {
+    const std::string path = testing::TempDir() + "/rules_\xff.json";
+    std::ofstream(path) << "{ \"target_layers\": [ { \"name\": \"caf\xe9\" } ] }";
+    const std::string args = "--verbose --layer 'caf\xe9#1' '" + path + "'";
+    int status = -1;
+    runCheck("--json " + args +
+                     " | python3 -c 'import json, sys; "
+                     "json.loads(sys.stdin.buffer.read().decode(\"utf-8\"))'",
+             &status);
+    EXPECT_EQ(0, status);
+    const Json::Value file = runJson(args, &status)["files"][0];
+    EXPECT_EQ(testing::TempDir() + "/rules_\xEF\xBF\xBD.json", file["file"].asString());
+    EXPECT_EQ("caf\xEF\xBF\xBD#1", file["layers"][0]["name"].asString());
     std::remove(path.c_str());
 }
 
