@@ -261,7 +261,9 @@ void ScenarioParser::readFrameTimes(JsonFields& fields, const Json::Value* times
     }
     std::string error;
     if (!mErrors.failed() && !scanFrameTimes(&source, &error)) {
-        mErrors.fail(fields.path(times != nullptr ? "times_ms" : "file"), error);
+        // The reader names the element (times_ms[3]) or the file and its line.
+        const std::string key = fields.path(times != nullptr ? "times_ms" : "file");
+        mErrors.fail(times != nullptr ? key.substr(0, key.rfind('.')) : key, error);
     }
 }
 
