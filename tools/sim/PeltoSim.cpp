@@ -260,6 +260,7 @@ int compare(const Options& options, PeltoLibrary& library) {
             figures->refreshesSavedPercent =
                     savedPercent(summary.refreshes.fixedTotal(), summary.refreshes.pacedTotal());
             figures->reasons = reasonsSeen(record);
+            figures->refreshBasis = record.buffersPlayed > 0;
         }
         rows.push_back(std::move(row));
     }

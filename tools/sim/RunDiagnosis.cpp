@@ -54,12 +54,16 @@ void addRuleProblems(const RunRecord& record, RunDiagnosis* d) {
     for (const RuleLoad& load : record.ruleLoads) {
         if (load.problems.empty()) continue;
         std::string said;
-        for (const std::string& p : load.problems) said += (said.empty() ? "" : "; ") + p;
+        for (const std::string& p : load.problems) {
+            // The failure's own line only repeats what the line before it said.
+            if (load.problems.size() > 1 && p.rfind("loadConfig failed, ret ", 0) == 0) continue;
+            said += (said.empty() ? "" : "; ") + p;
+        }
         d->ruleProblems.push_back(
                 loadLabel(load) +
                 (load.failed ? " did not load: " + said +
                                  "; from then on the library has no targets, ignored names or "
-                                 "exception rules"
+                                 "exception rules (its general_rule switches stay as they were)"
                              : " loaded; the loader logged: " + said +
                                  " (pelto-check names the lines)"));
     }
