@@ -14,6 +14,7 @@ struct CompareFigures {
     double onPercent = 0;
     int hwcToggles = 0;
     double refreshesSavedPercent = 0;
+    bool refreshBasis = true; // false: no buffer was played, so no refresh estimate
     std::vector<int32_t> reasons;
 };
 

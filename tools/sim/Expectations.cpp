@@ -12,10 +12,10 @@ std::string stateWithReason(const StateChange& s) {
             formatSeconds(s.at) + ")";
 }
 
-ExpectationResult check(const Expectation& e, const RunRecord& record, const RunSummary& summary) {
+// The library's state, HWC mode, active target or Q2Q at one moment, or
+// the state over a span; false for the other kinds.
+bool checkMoment(const Expectation& e, const RunRecord& record, ExpectationResult& r) {
     using Kind = Expectation::Kind;
-    ExpectationResult r;
-    r.expectation = &e;
     const std::string at = "at " + formatSeconds(e.at) + ": ";
     switch (e.kind) {
         case Kind::StateAt: {
@@ -24,21 +24,6 @@ ExpectationResult check(const Expectation& e, const RunRecord& record, const Run
                     (e.reason ? " with reason " + std::to_string(*e.reason) : "");
             r.passed = s.to == e.state && (!e.reason || *e.reason == s.reason);
             r.got = stateWithReason(s);
-            break;
-        }
-        case Kind::StateThroughout: {
-            r.what = "from " + formatSeconds(e.window.from) + " to " + formatSeconds(e.window.to) +
-                    ": state " + peltoStateName(e.state) + " throughout";
-            const StateChange first = stateAt(record, e.window.from);
-            r.passed = first.to == e.state;
-            r.got = "at " + formatSeconds(e.window.from) + " " + stateWithReason(first);
-            for (const StateChange& s : record.states) {
-                if (!r.passed) break;
-                if (s.at > e.window.from && s.at < e.window.to && s.to != e.state) {
-                    r.passed = false;
-                    r.got = "at " + formatSeconds(s.at) + " " + stateWithReason(s);
-                }
-            }
             break;
         }
         case Kind::HwcAt: {
@@ -79,6 +64,31 @@ ExpectationResult check(const Expectation& e, const RunRecord& record, const Run
             }
             break;
         }
+        case Kind::StateThroughout: {
+            r.what = "from " + formatSeconds(e.window.from) + " to " + formatSeconds(e.window.to) +
+                    ": state " + peltoStateName(e.state) + " throughout";
+            const StateChange first = stateAt(record, e.window.from);
+            r.passed = first.to == e.state;
+            r.got = "at " + formatSeconds(e.window.from) + " " + stateWithReason(first);
+            for (const StateChange& s : record.states) {
+                if (!r.passed) break;
+                if (s.at > e.window.from && s.at < e.window.to && s.to != e.state) {
+                    r.passed = false;
+                    r.got = "at " + formatSeconds(s.at) + " " + stateWithReason(s);
+                }
+            }
+            break;
+        }
+        default:
+            return false;
+    }
+    return true;
+}
+
+// A count or a share over the whole run.
+void checkRunFigure(const Expectation& e, const RunSummary& summary, ExpectationResult& r) {
+    using Kind = Expectation::Kind;
+    switch (e.kind) {
         case Kind::HwcTogglesAtMost:
         case Kind::HwcTogglesAtLeast: {
             const bool atMost = e.kind == Kind::HwcTogglesAtMost;
@@ -113,7 +123,15 @@ ExpectationResult check(const Expectation& e, const RunRecord& record, const Run
             r.got = text;
             break;
         }
+        default:
+            break;
     }
+}
+
+ExpectationResult check(const Expectation& e, const RunRecord& record, const RunSummary& summary) {
+    ExpectationResult r;
+    r.expectation = &e;
+    if (!checkMoment(e, record, r)) checkRunFigure(e, summary, r);
     return r;
 }
 

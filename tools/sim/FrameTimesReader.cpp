@@ -52,7 +52,12 @@ bool FrameTimesReader::open(std::string* error) {
 
 bool FrameTimesReader::accept(SimTime at, const std::string& where) {
     if (at < 0) {
-        mError = where + millis(at) + " is negative (after offset_ms): the run starts at 0";
+        // Named as the user wrote it: the time, and the offset only if one was given.
+        mError = where + millis(at - mSource.offset) +
+                (mSource.offset == 0 ? ""
+                                     : " with offset_ms " + millis(mSource.offset) + " is " +
+                                 millis(at) + ", which") +
+                " is before the run's start (0 ms)";
         return false;
     }
     if (mHavePrevious && at <= mPrevious) {

@@ -27,7 +27,43 @@ std::vector<int32_t> reasonsSeen(const RunRecord& record) {
     return reasons;
 }
 
-Json::Value runJson(const Scenario& scenario, const RunRecord& record, const RunSummary& summary) {
+namespace {
+
+// Rule-file problems, the lint, unmatched targets, layers without buffers and
+// why the mode never went On. Without a buffer played the refresh estimate
+// has no basis: its saved shares are null, with the reason.
+void addDiagnosis(const RunDiagnosis& d, Json::Value* out) {
+    const auto list = [&](const char* key, const std::vector<std::string>& lines) {
+        (*out)[key] = Json::Value(Json::arrayValue);
+        for (const std::string& line : lines) (*out)[key].append(line);
+    };
+    list("rule_file_problems", d.ruleProblems);
+    list("unmatched_targets", d.unmatchedTargets);
+    list("layers_without_buffers", d.layersWithoutBuffers);
+    (*out)["lint"] = Json::Value(Json::arrayValue);
+    for (const LintNote& n : d.lint) {
+        Json::Value finding;
+        finding["file"] = n.file;
+        finding["code"] = n.code;
+        finding["line"] = n.line;
+        finding["message"] = n.message;
+        finding["fix"] = n.fix;
+        (*out)["lint"].append(finding);
+    }
+    if (!d.neverOn.empty()) (*out)["never_on"] = d.neverOn;
+    if (d.refreshBasis) return;
+    Json::Value& refreshes = (*out)["panel_refreshes"];
+    refreshes["saved_percent"] = Json::nullValue;
+    refreshes["not_estimated"] = "no buffer was played";
+    for (const auto& state : refreshes["by_state"].getMemberNames()) {
+        refreshes["by_state"][state]["saved_percent"] = Json::nullValue;
+    }
+}
+
+} // namespace
+
+Json::Value runJson(const Scenario& scenario, const RunRecord& record, const RunSummary& summary,
+                    const RunDiagnosis& diagnosis) {
     Json::Value out;
     out["name"] = scenario.name;
     out["input"] = scenario.path;
@@ -120,6 +156,7 @@ Json::Value runJson(const Scenario& scenario, const RunRecord& record, const Run
         out["state_changes"].append(change);
     }
     out["state_changes_total"] = Json::UInt64(record.states.size());
+    addDiagnosis(diagnosis, &out);
     return out;
 }
 

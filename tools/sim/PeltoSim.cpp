@@ -27,6 +27,7 @@
 #include "tools/sim/HtmlReport.h"
 #include "tools/sim/InputFile.h"
 #include "tools/sim/JsonReport.h"
+#include "tools/sim/RunDiagnosis.h"
 #include "tools/sim/RunSummary.h"
 #include "tools/sim/ScenarioReader.h"
 #include "tools/sim/ScenarioWriter.h"
@@ -259,6 +260,7 @@ int compare(const Options& options, PeltoLibrary& library) {
             figures->refreshesSavedPercent =
                     savedPercent(summary.refreshes.fixedTotal(), summary.refreshes.pacedTotal());
             figures->reasons = reasonsSeen(record);
+            figures->refreshBasis = record.buffersPlayed > 0;
         }
         rows.push_back(std::move(row));
     }
@@ -320,10 +322,11 @@ int run(const Options& options) {
     }
 
     const RunSummary summary = summarize(scenario, record);
+    const RunDiagnosis diagnosis = diagnose(scenario, record, summary);
     const std::vector<ExpectationResult> results = checkExpectations(scenario, record, summary);
     printHeader(text, scenario);
     if (!options.quiet) printTimeline(text, record, options.run.verbose);
-    printSummary(text, scenario, summary);
+    printSummary(text, scenario, summary, diagnosis);
     if (options.dump) fprintf(text, "\nlibrary dump at the end\n%s", record.finalDump.c_str());
     const int failed = printExpectations(text, results);
     fflush(text);
@@ -332,7 +335,7 @@ int run(const Options& options) {
         fprintf(text, "scenario written to %s\n", options.writeScenario.c_str());
     }
     if (!options.jsonFile.empty()) {
-        Json::Value json = runJson(scenario, record, summary);
+        Json::Value json = runJson(scenario, record, summary, diagnosis);
         for (const std::string& line : scenario.assumptions) json["assumptions"].append(line);
         json["expectations_failed"] = failed;
         if (!writeJson(json, options.jsonFile, &error)) {

@@ -62,6 +62,16 @@ struct TimelineEntry {
     std::string text;
 };
 
+// One load of a rule file: at the controller's creation, or by a reload event.
+struct RuleLoad {
+    SimTime at = 0;
+    bool atCreation = true;
+    std::string file;                  // its path, or "the scenario's inline rules"
+    std::string text;                  // what was loaded, for the lint; empty if unreadable
+    bool failed = false;               // the loader loaded nothing from it
+    std::vector<std::string> problems; // the loader's warnings and errors, as it logged them
+};
+
 // Everything a run produced, in time order: what the compositor did, what
 // the library answered, logged and traced.
 struct RunRecord {
@@ -81,6 +91,7 @@ struct RunRecord {
     int64_t q2qMax = 0;
     std::vector<TimedValue> vsyncPeriods; // the display's period from then on
     std::vector<TimedText> reloads;       // the reload's result line
+    std::vector<RuleLoad> ruleLoads;      // every load of a rule file, in order
     // Per scenario layer, how the library classified it, from then on:
     // "TargetLayer", "TargetIgnoreLayer", "ExceptionLayer" or "Nobody" (in
     // API mode "TargetLayer" while setTargetLayer names it).
@@ -91,7 +102,8 @@ struct RunRecord {
     int64_t vsyncCallbackCount = 0;     // vsyncCallbacks keeps the first ones only
     int64_t timelineDropped = 0;        // timeline lines beyond the limit
     int64_t buffersPlayed = 0;
-    int64_t framesSkipped = 0; // measured times outside spans or the run
+    std::vector<int64_t> buffersByLayer; // per scenario layer
+    int64_t framesSkipped = 0;           // measured times outside spans or the run
     RefreshCounts refreshes;
     double refreshFloorHz = 0;
     int64_t compositions = 0;

@@ -59,6 +59,16 @@ private:
                         FrameScript* frames);
     void readEvent(const Json::Value& value, const std::string& path);
     void readExpectation(const Json::Value& value, const std::string& path);
+    // An expectation's at_ms, from_ms and to_ms, each null when not given.
+    struct Times {
+        const Json::Value* at;
+        const Json::Value* from;
+        const Json::Value* to;
+    };
+    int readRunFigures(JsonFields& fields, Expectation* expectation);
+    int readMoments(JsonFields& fields, bool span, Expectation* expectation);
+    void checkExpectationShape(const Expectation& e, JsonFields& fields, const std::string& path,
+                               int kinds, const Times& times);
     void checkReferences();
     void checkWork();
     // A time in the run: before its end, or (endIncluded) at most its end.
@@ -251,7 +261,9 @@ void ScenarioParser::readFrameTimes(JsonFields& fields, const Json::Value* times
     }
     std::string error;
     if (!mErrors.failed() && !scanFrameTimes(&source, &error)) {
-        mErrors.fail(fields.path(times != nullptr ? "times_ms" : "file"), error);
+        // The reader names the element (times_ms[3]) or the file and its line.
+        const std::string key = fields.path(times != nullptr ? "times_ms" : "file");
+        mErrors.fail(times != nullptr ? key.substr(0, key.rfind('.')) : key, error);
     }
 }
 
@@ -379,13 +391,9 @@ void ScenarioParser::readEvent(const Json::Value& value, const std::string& path
     mScenario.events.push_back(std::move(event));
 }
 
-void ScenarioParser::readExpectation(const Json::Value& value, const std::string& path) {
-    JsonFields fields(value, path, mErrors);
-    Expectation e;
-    e.key = path;
-    if (const auto* v = fields.optional("why")) {
-        e.why = readString(*v, fields.path("why"), mErrors);
-    }
+// The counts and shares over the whole run; returns how many were given.
+int ScenarioParser::readRunFigures(JsonFields& fields, Expectation* expectation) {
+    Expectation& e = *expectation;
     using Kind = Expectation::Kind;
     struct Count {
         const char* key;
@@ -415,17 +423,15 @@ void ScenarioParser::readExpectation(const Json::Value& value, const std::string
             if (e.share < 0 || e.share > 1) mErrors.fail(fields.path(key), "expected 0 to 1");
         }
     }
+    return kinds;
+}
 
-    const auto* at = fields.optional("at_ms");
-    const auto* from = fields.optional("from_ms");
-    const auto* to = fields.optional("to_ms");
-    // "At the end" is the state the run ends in.
-    if (at != nullptr) e.at = readTimeInRun(*at, fields.path("at_ms"), true);
-    if (from != nullptr) e.window.from = readTimeInRun(*from, fields.path("from_ms"), false);
-    if (to != nullptr) e.window.to = readTimeInRun(*to, fields.path("to_ms"), true);
-    const bool pointInTime = at != nullptr;
-    const bool span = from != nullptr && to != nullptr;
-
+// The expectations at a moment (or, for state, over a span); returns how
+// many were given.
+int ScenarioParser::readMoments(JsonFields& fields, bool span, Expectation* expectation) {
+    using Kind = Expectation::Kind;
+    Expectation& e = *expectation;
+    int kinds = 0;
     if (const auto* v = fields.optional("state")) {
         ++kinds;
         e.kind = span ? Kind::StateThroughout : Kind::StateAt;
@@ -466,6 +472,17 @@ void ScenarioParser::readExpectation(const Json::Value& value, const std::string
             e.max = readCount((*v)[1], fields.path("q2q_fps") + "[1]", mErrors);
         }
     }
+    return kinds;
+}
+
+// One kind of expectation, with the times that kind takes.
+void ScenarioParser::checkExpectationShape(const Expectation& e, JsonFields& fields,
+                                           const std::string& path, int kinds, const Times& times) {
+    using Kind = Expectation::Kind;
+    const auto* at = times.at;
+    const auto* from = times.from;
+    const auto* to = times.to;
+    const bool pointInTime = at != nullptr;
     if (kinds != 1) {
         mErrors.fail(path,
                      "give exactly one of state, hwc, active_target, q2q_fps, q2q_full, "
@@ -490,6 +507,26 @@ void ScenarioParser::readExpectation(const Json::Value& value, const std::string
     if (e.reason && e.kind != Kind::StateAt) {
         mErrors.fail(fields.path("reason"), "goes only with state at at_ms");
     }
+}
+
+void ScenarioParser::readExpectation(const Json::Value& value, const std::string& path) {
+    JsonFields fields(value, path, mErrors);
+    Expectation e;
+    e.key = path;
+    if (const auto* v = fields.optional("why")) {
+        e.why = readString(*v, fields.path("why"), mErrors);
+    }
+    int kinds = readRunFigures(fields, &e);
+    const Times times{fields.optional("at_ms"), fields.optional("from_ms"),
+                      fields.optional("to_ms")};
+    // "At the end" is the state the run ends in.
+    if (times.at != nullptr) e.at = readTimeInRun(*times.at, fields.path("at_ms"), true);
+    if (times.from != nullptr) {
+        e.window.from = readTimeInRun(*times.from, fields.path("from_ms"), false);
+    }
+    if (times.to != nullptr) e.window.to = readTimeInRun(*times.to, fields.path("to_ms"), true);
+    kinds += readMoments(fields, times.from != nullptr && times.to != nullptr, &e);
+    checkExpectationShape(e, fields, path, kinds, times);
     fields.finish();
     mScenario.expectations.push_back(std::move(e));
 }

@@ -14,6 +14,8 @@
 #include <android/log.h>
 #include <ui/Fence.h>
 
+#include "config/PeltoRuleFileReader.h"
+#include "tools/host/RegularFile.h"
 #include "tools/sim/Schedule.h"
 #include "tools/sim/SimClock.h"
 #include "tools/sim/TraceRecorder.h"
@@ -22,6 +24,7 @@ namespace android::tools::sim {
 namespace {
 
 constexpr const char* kControllerTag = "PeltoController";
+constexpr const char* kConfigTag = "PeltoConfig";
 constexpr const char* kStatePrefix = "setPeltoState, ";
 constexpr const char* kActiveTargetPrefix = "active target layer: ";
 constexpr const char* kQ2QCounter = "Pelto2-Q2QFps";
@@ -40,10 +43,34 @@ bool parseStateLine(const std::string& message, StateChange* change) {
     return true;
 }
 
+// jsoncpp's parse errors span lines; a summary line holds them on one.
+std::string oneLine(const std::string& text) {
+    std::string out;
+    for (char c : text) {
+        if (c == '\n') {
+            while (!out.empty() && out.back() == ' ') out.pop_back();
+            out += ' ';
+        } else if (c != ' ' || (!out.empty() && out.back() != ' ')) {
+            out += c;
+        }
+    }
+    while (!out.empty() && out.back() == ' ') out.pop_back();
+    return out;
+}
+
+// The loader's lines that say it loaded nothing from the file.
+bool isLoadFailure(const std::string& message) {
+    return message.rfind("failed to open ", 0) == 0 ||
+            message.rfind("loadConfig failed, ret ", 0) == 0;
+}
+
 } // namespace
 
 Simulation::Simulation(const Scenario& scenario, PeltoLibrary& library, const RunOptions& options)
-      : mScenario(scenario), mLib(library), mOptions(options) {
+      : mScenario(scenario),
+        mLib(library),
+        mOptions(options),
+        mHost(mLayers, [this](bool on) { onHwc(on); }) {
     mLayers.reserve(scenario.layers.size());
     for (const LayerScript& described : scenario.layers) {
         mLayers.push_back({&described, sp<IBinder>(new BBinder()), false, {}});
@@ -55,7 +82,7 @@ SimTime Simulation::now() const {
 }
 
 bool Simulation::isVisible(const Layer& layer) const {
-    return layer.registered && inAnyWindow(layer.scenario->visible, now());
+    return mHost.isVisible(layer);
 }
 
 Simulation::Layer* Simulation::layerNamed(const std::string& name) {
@@ -255,6 +282,7 @@ void Simulation::composite(SimTime at) {
 
 void Simulation::queueBuffer(Layer& layer) {
     TraceRecorder& trace = TraceRecorder::instance();
+    ++mRecord->buffersByLayer[static_cast<size_t>(&layer - mLayers.data())];
     if (isVisible(layer)) mNewFrame = true;
     trace.begin("queueBuffer " + layer.scenario->name);
     // The transaction carries the time of the composition before it.
@@ -308,7 +336,10 @@ void Simulation::applyEvent(const Event& event) {
             note(TimelineEntry::Kind::Compositor,
                  "reloadConfigThenDump(" + ruleLabel(event.rules) + ")");
             std::string out;
+            beginRuleLoad();
             mLib.reloadConfigThenDump(mController, out);
+            mRecord->ruleLoads.push_back(endRuleLoad(event.rules));
+            mRecord->ruleLoads.back().atCreation = false;
             const std::string result = out.substr(0, out.find('\n'));
             mRecord->reloads.push_back({now(), result});
             note(TimelineEntry::Kind::Library, result);
@@ -340,12 +371,12 @@ void Simulation::runStep(const Step& step) {
         }
         case Step::Kind::RefreshChange: {
             const RefreshChange& change = mScenario.display.refreshChanges[step.index];
-            mVsyncPeriod = vsyncPeriodOf(change.refreshHz);
-            mRecord->vsyncPeriods.push_back({now(), mVsyncPeriod.load()});
+            mHost.setVsyncPeriod(vsyncPeriodOf(change.refreshHz));
+            mRecord->vsyncPeriods.push_back({now(), mHost.vsyncPeriod()});
             char text[96];
             snprintf(text, sizeof(text),
                      "display now %g Hz (period %" PRId64 " ns); onActiveModeUpdated()",
-                     change.refreshHz, mVsyncPeriod.load());
+                     change.refreshHz, mHost.vsyncPeriod());
             note(TimelineEntry::Kind::Compositor, text);
             mLib.onActiveModeUpdated(mController);
             break;
@@ -370,6 +401,9 @@ void Simulation::onLogLine(const LogLine& line) {
         // The library's own threads; joined before the record is read.
         mRecord->backgroundLog.push_back(line);
         return;
+    }
+    if (mCollectingLoaderLines && line.tag == kConfigTag && line.priority >= ANDROID_LOG_WARN) {
+        mLoaderLines.push_back(line.message);
     }
     StateChange change;
     if (line.tag == kControllerTag && parseStateLine(line.message, &change)) {
@@ -429,15 +463,48 @@ void Simulation::onCounter(const std::string& name, int64_t value) {
     }
 }
 
-bool Simulation::run(RunRecord* record, std::string* error) {
+void Simulation::onHwc(bool on) {
+    mHwcOn = on;
+    mRecord->hwc.push_back({now(), on});
+    TraceRecorder::instance().counter("HwcPeltoMode", on ? 1 : 0);
+    note(TimelineEntry::Kind::Hwc, on ? "on" : "off");
+}
+
+void Simulation::beginRuleLoad() {
+    mLoaderLines.clear();
+    mCollectingLoaderLines = true;
+}
+
+// What the loader said while it loaded `rules`, and the text it loaded.
+RuleLoad Simulation::endRuleLoad(const RuleSource& rules) {
+    mCollectingLoaderLines = false;
+    RuleLoad load;
+    load.at = now();
+    load.file = ruleLabel(rules);
+    for (const std::string& message : mLoaderLines) {
+        if (isLoadFailure(message)) load.failed = true;
+        load.problems.push_back(oneLine(message));
+    }
+    mLoaderLines.clear();
+    std::string ignored;
+    if (rules.isInline()) {
+        load.text = rules.text;
+    } else if (!readRegularFile(rules.path, kMaxRuleFileBytes, &load.text, &ignored)) {
+        load.text.clear();
+    }
+    return load;
+}
+
+bool Simulation::startRun(RunRecord* record, std::string* error) {
     mRecord = record;
     mMainTid = gettid();
     mRecord->mainTid = mMainTid;
     mRecord->refreshFloorHz = mOptions.refreshFloorHz;
+    mRecord->buffersByLayer.assign(mLayers.size(), 0);
     TraceRecorder::instance().restart(mOptions.keepTrace, mOptions.traceSpool);
     setVirtualTime(kVirtualBootOffset);
-    mVsyncPeriod = vsyncPeriodOf(mScenario.display.refreshHz);
-    mRecord->vsyncPeriods.push_back({0, mVsyncPeriod.load()});
+    mHost.setVsyncPeriod(vsyncPeriodOf(mScenario.display.refreshHz));
+    mRecord->vsyncPeriods.push_back({0, mHost.vsyncPeriod()});
 
     if (mScenario.listMode && !useRules(mScenario.rules, error)) {
         return false;
@@ -448,66 +515,41 @@ bool Simulation::run(RunRecord* record, std::string* error) {
     }
     TraceRecorder::instance().setCounterListener(
             [this](const std::string& name, int64_t value) { onCounter(name, value); });
-    LogSink sink([this](const LogLine& line) { onLogLine(line); });
+    return true;
+}
 
+// Creates the controller. In list mode, a first rule file from which the
+// loader loaded nothing ends the run: every figure after it would be one
+// of a controller without rules.
+bool Simulation::createController(std::string* error) {
     if (mScenario.listMode) {
         note(TimelineEntry::Kind::Compositor,
              "createPeltoController(list mode, rules: " + ruleLabel(mScenario.rules) + ")");
     } else {
         note(TimelineEntry::Kind::Compositor, "createPeltoController(API mode)");
     }
-    mController = mLib.createPeltoController(
-            mScenario.listMode,
-            [this](const sp<IBinder>& handle) -> void* {
-                for (Layer& layer : mLayers) {
-                    if (layer.handle == handle) return &layer;
-                }
-                return nullptr;
-            },
-            [this](const sp<IBinder>& handle) {
-                for (const Layer& layer : mLayers) {
-                    if (layer.handle == handle) return layer.scenario->bufferCount;
-                }
-                return 0;
-            },
-            [this](const PeltoController::LayerVisitor& visit) {
-                for (const Layer& layer : mLayers) {
-                    if (isVisible(layer)) visit(&layer);
-                }
-            },
-            [this](const PeltoController::BufferLayerVisitor& visit) {
-                for (const Layer& layer : mLayers) {
-                    if (!isVisible(layer) || !layer.scenario->hasBuffer) continue;
-                    visit(&layer, layer.scenario->areaAt(now()),
-                          inAnyWindow(layer.scenario->focused, now()));
-                }
-            },
-            [this] { return static_cast<long>(mVsyncPeriod.load()); },
-            [this](bool) {
-                TraceRecorder::instance().begin("vsync callback requested");
-                TraceRecorder::instance().end();
-                std::lock_guard lock(mCallbackMutex);
-                if (mVsyncCallbacks.size() < kMaxKeptEntries) mVsyncCallbacks.push_back(now());
-                ++mVsyncCallbackCount;
-            },
-            [this] {
-                std::lock_guard lock(mCallbackMutex);
-                ++mInvalidateCalls;
-            },
-            [this] {
-                mHwcOn = true;
-                mRecord->hwc.push_back({now(), true});
-                TraceRecorder::instance().counter("HwcPeltoMode", 1);
-                note(TimelineEntry::Kind::Hwc, "on");
-            },
-            [this] {
-                mHwcOn = false;
-                mRecord->hwc.push_back({now(), false});
-                TraceRecorder::instance().counter("HwcPeltoMode", 0);
-                note(TimelineEntry::Kind::Hwc, "off");
-            });
+    beginRuleLoad();
+    mController = mHost.createController(mLib, mScenario.listMode);
+    RuleLoad load = endRuleLoad(mScenario.rules);
+    if (!mScenario.listMode) return true;
+    if (load.failed) {
+        std::string why;
+        for (const std::string& line : load.problems) {
+            if (!isLoadFailure(line) || load.problems.size() == 1) {
+                why += (why.empty() ? "" : "; ") + line;
+            }
+        }
+        *error = "rule file " + load.file + " does not load (the library says: " + why +
+                "): the run would play a controller without rules";
+        mLib.destroyPeltoController(mController);
+        mController = nullptr;
+        return false;
+    }
+    mRecord->ruleLoads.push_back(std::move(load));
+    return true;
+}
 
-    Schedule schedule(mScenario);
+void Simulation::playSchedule(Schedule& schedule) {
     Step step;
     while (schedule.next(&step)) {
         // Registrations share one read of the classification, taken before
@@ -528,6 +570,9 @@ bool Simulation::run(RunRecord* record, std::string* error) {
         mClassificationStale = false;
         readClassification();
     }
+}
+
+void Simulation::finishRun(const Schedule& schedule) {
     mRecord->buffersPlayed = schedule.buffersPlayed();
     mRecord->framesSkipped = schedule.framesSkipped();
     setVirtualTime(kVirtualBootOffset + mScenario.duration);
@@ -536,15 +581,13 @@ bool Simulation::run(RunRecord* record, std::string* error) {
     mController = nullptr;
     TraceRecorder::instance().setCounterListener(nullptr);
 
-    {
-        std::lock_guard lock(mCallbackMutex);
-        mRecord->vsyncCallbacks = mVsyncCallbacks;
-        mRecord->vsyncCallbackCount = mVsyncCallbackCount;
-        if (mInvalidateCalls > 0) {
-            note(TimelineEntry::Kind::Library,
-                 "triggerEventQueueInvalidate was called " + std::to_string(mInvalidateCalls) +
-                         " times");
-        }
+    const SimHost::Requests requests = mHost.requests();
+    mRecord->vsyncCallbacks = requests.vsyncCallbacks;
+    mRecord->vsyncCallbackCount = requests.vsyncCallbackCount;
+    if (requests.invalidateCalls > 0) {
+        note(TimelineEntry::Kind::Library,
+             "triggerEventQueueInvalidate was called " + std::to_string(requests.invalidateCalls) +
+                     " times");
     }
     int repeats = 0;
     for (const auto& [text, count] : mLibraryWarnings) repeats += count - 1;
@@ -553,6 +596,18 @@ bool Simulation::run(RunRecord* record, std::string* error) {
              std::to_string(repeats) + " repeats of the warnings above not shown");
     }
     mRecord->trace = TraceRecorder::instance().events();
+}
+
+bool Simulation::run(RunRecord* record, std::string* error) {
+    if (!startRun(record, error)) return false;
+    LogSink sink([this](const LogLine& line) { onLogLine(line); });
+    if (!createController(error)) {
+        TraceRecorder::instance().setCounterListener(nullptr);
+        return false;
+    }
+    Schedule schedule(mScenario);
+    playSchedule(schedule);
+    finishRun(schedule);
     if (!schedule.error().empty()) {
         *error = schedule.error();
         return false;

@@ -2,14 +2,11 @@
 
 #include <sys/types.h>
 
-#include <atomic>
 #include <cstdio>
 #include <map>
-#include <mutex>
 #include <string>
 #include <vector>
 
-#include <android-base/thread_annotations.h>
 #include <android-base/unique_fd.h>
 #include <binder/IBinder.h>
 
@@ -18,6 +15,7 @@
 #include "tools/sim/RunRecord.h"
 #include "tools/sim/Scenario.h"
 #include "tools/sim/Schedule.h"
+#include "tools/sim/SimHost.h"
 
 namespace android::tools::sim {
 
@@ -52,19 +50,7 @@ public:
     bool run(RunRecord* record, std::string* error);
 
 private:
-    // One layer as the compositor holds it; its address is the layerPtr.
-    struct Layer {
-        const LayerScript* scenario = nullptr; // what the scenario says of the layer
-        sp<IBinder> handle;
-        bool registered = false;
-        std::string kind;          // how the rule file classifies it, from the library's dump
-        SimTime registeredAt = -1; // its last registration, for the time of its first class
-        // As it was at the last composition in state On: a layer that was on
-        // screen then, as large and as focused, did not end that state.
-        bool shownWhileOn = false;
-        float areaWhileOn = 0;
-        bool focusedWhileOn = false;
-    };
+    using Layer = SimLayer;
 
     void runStep(const Step& step);
     void composite(SimTime now);
@@ -78,6 +64,13 @@ private:
     std::string causeOf(int32_t reason) const;
     void readClassification();
     void recordRoles();
+    bool startRun(RunRecord* record, std::string* error);
+    bool createController(std::string* error);
+    void playSchedule(Schedule& schedule);
+    void finishRun(const Schedule& schedule);
+    void onHwc(bool on);
+    void beginRuleLoad();
+    RuleLoad endRuleLoad(const RuleSource& rules);
 
     SimTime now() const;
     bool isVisible(const Layer& layer) const;
@@ -102,15 +95,10 @@ private:
     SimTime mLastClassified = -1;      // when readClassification() last ran
     std::map<std::string, int> mLibraryWarnings; // repeats of each line shown once
     std::vector<base::unique_fd> mRuleFiles;
-
-    // Asked from the library's threads as well as from the simulation loop.
-    std::atomic<int64_t> mVsyncPeriod{0};
-
-    // The fence loop may call the vsync callback from its own thread.
-    std::mutex mCallbackMutex;
-    std::vector<SimTime> mVsyncCallbacks GUARDED_BY(mCallbackMutex);
-    int mInvalidateCalls GUARDED_BY(mCallbackMutex) = 0;
-    int64_t mVsyncCallbackCount GUARDED_BY(mCallbackMutex) = 0;
+    // The loader's warnings and errors while a rule file loads.
+    bool mCollectingLoaderLines = false;
+    std::vector<std::string> mLoaderLines;
+    SimHost mHost;
 };
 
 } // namespace android::tools::sim

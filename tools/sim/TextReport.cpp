@@ -10,6 +10,44 @@ double percent(SimTime part, SimTime whole) {
     return whole == 0 ? 0.0 : 100.0 * static_cast<double>(part) / static_cast<double>(whole);
 }
 
+// The refresh estimate; with no buffer played there is nothing to base it on.
+void printRefreshes(FILE* out, const RunSummary& summary, const RunDiagnosis& diagnosis) {
+    const RefreshCounts& r = summary.refreshes;
+    if (!diagnosis.refreshBasis) {
+        fprintf(out, "  panel refreshes   not estimated: no buffer was played (see below)\n");
+        return;
+    }
+    fprintf(out,
+            "  panel refreshes   %" PRId64 " on the vsync cadence, %" PRId64
+            " with the library's decisions: %.1f%% saved (estimate, floor %g Hz)\n",
+            r.fixedTotal(), r.pacedTotal(), savedPercent(r.fixedTotal(), r.pacedTotal()),
+            summary.refreshFloorHz);
+    for (int s = 0; s < 3; ++s) {
+        if (r.fixed[s] == 0) continue;
+        fprintf(out, "    while %-9s %" PRId64 " -> %" PRId64 " (%.1f%% saved)\n",
+                peltoStateName(s), r.fixed[s], r.paced[s], savedPercent(r.fixed[s], r.paced[s]));
+    }
+}
+
+void printDiagnosis(FILE* out, const RunDiagnosis& diagnosis) {
+    for (const std::string& line : diagnosis.ruleProblems)
+        fprintf(out, "  rule file         %s\n", line.c_str());
+    for (const std::string& line : diagnosis.layersWithoutBuffers)
+        fprintf(out, "  frames            %s\n", line.c_str());
+    for (const std::string& line : diagnosis.unmatchedTargets)
+        fprintf(out, "  unmatched target  %s\n", line.c_str());
+    if (!diagnosis.neverOn.empty())
+        fprintf(out, "  never On          %s\n", diagnosis.neverOn.c_str());
+    if (diagnosis.lint.empty()) return;
+    fprintf(out,
+            "\nlint of the rule files (what the library accepts, but is most likely a mistake)\n");
+    for (const LintNote& n : diagnosis.lint) {
+        fprintf(out, "  %s line %d [%s]: %s\n", n.file.c_str(), n.line, n.code.c_str(),
+                n.message.c_str());
+        if (!n.fix.empty()) fprintf(out, "      fix: %s\n", n.fix.c_str());
+    }
+}
+
 } // namespace
 
 void printHeader(FILE* out, const Scenario& scenario) {
@@ -43,7 +81,8 @@ void printTimeline(FILE* out, const RunRecord& record, bool libraryThreads) {
     }
 }
 
-void printSummary(FILE* out, const Scenario& scenario, const RunSummary& summary) {
+void printSummary(FILE* out, const Scenario& scenario, const RunSummary& summary,
+                  const RunDiagnosis& diagnosis) {
     const SimTime d = scenario.duration;
     fprintf(out, "\nsummary over %s, %" PRId64 " compositions\n", formatSeconds(d).c_str(),
             summary.compositions);
@@ -65,17 +104,7 @@ void printSummary(FILE* out, const Scenario& scenario, const RunSummary& summary
     fprintf(out,
             "  isQ2QFull         true after %" PRId64 " of %" PRId64 " compositions (%.1f%%)\n",
             summary.q2qFullCompositions, summary.compositions, summary.q2qFullShare() * 100);
-    const RefreshCounts& r = summary.refreshes;
-    fprintf(out,
-            "  panel refreshes   %" PRId64 " on the vsync cadence, %" PRId64
-            " with the library's decisions: %.1f%% saved (estimate, floor %g Hz)\n",
-            r.fixedTotal(), r.pacedTotal(), savedPercent(r.fixedTotal(), r.pacedTotal()),
-            summary.refreshFloorHz);
-    for (int s = 0; s < 3; ++s) {
-        if (r.fixed[s] == 0) continue;
-        fprintf(out, "    while %-9s %" PRId64 " -> %" PRId64 " (%.1f%% saved)\n",
-                peltoStateName(s), r.fixed[s], r.paced[s], savedPercent(r.fixed[s], r.paced[s]));
-    }
+    printRefreshes(out, summary, diagnosis);
     if (const ContentPace pace = contentPace(scenario, summary); pace.layer != nullptr) {
         fprintf(out,
                 "  content pace      the target's %" PRId64
@@ -91,6 +120,7 @@ void printSummary(FILE* out, const Scenario& scenario, const RunSummary& summary
                            " measured times outside the layer's spans or the run not played)")
                                   .c_str());
     }
+    printDiagnosis(out, diagnosis);
 }
 
 int printExpectations(FILE* out, const std::vector<ExpectationResult>& results) {

@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "tools/sim/Expectations.h"
+#include "tools/sim/RunDiagnosis.h"
 #include "tools/sim/RunRecord.h"
 #include "tools/sim/RunSummary.h"
 #include "tools/sim/Scenario.h"
@@ -15,7 +16,8 @@ namespace android::tools::sim {
 void printHeader(FILE* out, const Scenario& scenario);
 // With `libraryThreads`, also the lines the library's own threads logged.
 void printTimeline(FILE* out, const RunRecord& record, bool libraryThreads);
-void printSummary(FILE* out, const Scenario& scenario, const RunSummary& summary);
+void printSummary(FILE* out, const Scenario& scenario, const RunSummary& summary,
+                  const RunDiagnosis& diagnosis);
 int printExpectations(FILE* out, const std::vector<ExpectationResult>& results);
 
 } // namespace android::tools::sim
