@@ -167,77 +167,87 @@ int burstLoop(PeltoController& controller, const std::atomic<bool>& stop) {
     return bursts;
 }
 
-} // namespace
-} // namespace android::bench
-
-int main(int argc, char** argv) {
-    using namespace android::bench;
+struct Options {
     double seconds = 5.0;
     int roundCount = 3;
     std::string only;
+};
+
+bool parseOptions(int argc, char** argv, Options* options) {
     for (int i = 1; i < argc; ++i) {
         if (strncmp(argv[i], "--seconds=", 10) == 0) {
-            seconds = atof(argv[i] + 10);
+            options->seconds = atof(argv[i] + 10);
         } else if (strncmp(argv[i], "--rounds=", 9) == 0 && atoi(argv[i] + 9) > 0) {
-            roundCount = atoi(argv[i] + 9);
+            options->roundCount = atoi(argv[i] + 9);
         } else if (strncmp(argv[i], "--only=", 7) == 0) {
-            only = argv[i] + 7;
+            options->only = argv[i] + 7;
         } else {
             fprintf(stderr, "usage: %s [--seconds=S] [--rounds=N] [--only=TEXT]\n", argv[0]);
-            return 2;
+            return false;
         }
     }
-    // The loader logs a line per target; those are counted and dropped.
-    installCountingLogger();
+    return true;
+}
 
-    ListModeRig rig(kRegistered, kVisible);
+using LoadLoop = std::function<int(const std::atomic<bool>&)>;
+
+struct Load {
+    std::string name;
+    size_t ruleBytes; // 0: the rule file is not rewritten
+    LoadLoop loop;    // null: a quiet row
+    ListModeRig* rig; // the scene composited
+};
+
+// The scenes a row composites, and what runs beside it.
+struct Rigs {
+    ListModeRig rig{kRegistered, kVisible};
     // The bursts' control: the same registrations into a controller of their
     // own, which shares nothing with the composited one but the machine.
-    ListModeRig bystander(kRegistered, kVisible);
+    ListModeRig bystander{kRegistered, kVisible};
     // The dumps' scene: the same visible layers among many more registered ones.
-    ListModeRig large(kLargeRegistered, kVisible);
-    // The composited controller's own rule file, which its reloads read.
-    const std::string& path = rig.rules.path();
-    const auto writeRules = [&](size_t bytes) {
-        std::ofstream(path, std::ios::trunc) << paddedRules(rig.scene.ruleFile, bytes);
-    };
+    ListModeRig large{kLargeRegistered, kVisible};
+};
 
-    android::PeltoController& controller = *rig.controller;
-    const auto reloads = [&](const std::atomic<bool>& stop) {
+std::vector<Load> allLoads(Rigs& rigs) {
+    PeltoController& controller = *rigs.rig.controller;
+    const std::string path = rigs.rig.rules.path();
+    const LoadLoop reloads = [&controller](const std::atomic<bool>& stop) {
         return reloadLoop(controller, stop);
     };
-    const auto parses = [&](const std::atomic<bool>& stop) { return parseLoop(path, stop); };
-    const auto bursts = [&](const std::atomic<bool>& stop) { return burstLoop(controller, stop); };
-    const auto bystanderBursts = [&](const std::atomic<bool>& stop) {
-        return burstLoop(*bystander.controller, stop);
+    const LoadLoop parses = [path](const std::atomic<bool>& stop) { return parseLoop(path, stop); };
+    const LoadLoop bursts = [&controller](const std::atomic<bool>& stop) {
+        return burstLoop(controller, stop);
     };
-    const auto dumps = [&](const std::atomic<bool>& stop) {
-        return dumpLoop(*large.controller, stop);
+    PeltoController& bystander = *rigs.bystander.controller;
+    const LoadLoop bystanderBursts = [&bystander](const std::atomic<bool>& stop) {
+        return burstLoop(bystander, stop);
     };
-    struct Load {
-        std::string name;
-        size_t ruleBytes;                                  // 0: the rule file is not rewritten
-        std::function<int(const std::atomic<bool>&)> loop; // null: a quiet row
-        ListModeRig* rig;                                  // the scene composited
+    PeltoController& large = *rigs.large.controller;
+    const LoadLoop dumps = [&large](const std::atomic<bool>& stop) {
+        return dumpLoop(large, stop);
     };
-    std::vector<Load> loads = {{"no load", 0, nullptr, &rig}};
+    std::vector<Load> loads = {{"no load", 0, nullptr, &rigs.rig}};
     for (const auto& [size, bytes] :
          {std::pair{"1 KB", size_t{1} << 10}, std::pair{"100 KB", size_t{100} << 10},
           std::pair{"1 MB", size_t{1} << 20}}) {
-        loads.push_back({std::string("parse only ") + size + " rules", bytes, parses, &rig});
-        loads.push_back({std::string("reload ") + size + " rules", bytes, reloads, &rig});
+        loads.push_back({std::string("parse only ") + size + " rules", bytes, parses, &rigs.rig});
+        loads.push_back({std::string("reload ") + size + " rules", bytes, reloads, &rigs.rig});
     }
     loads.push_back(
-            {"1,000-registration bursts into another controller", 0, bystanderBursts, &rig});
-    loads.push_back({"1,000-registration bursts", 0, bursts, &rig});
+            {"1,000-registration bursts into another controller", 0, bystanderBursts, &rigs.rig});
+    loads.push_back({"1,000-registration bursts", 0, bursts, &rigs.rig});
     const std::string largeScene =
             "(" + std::to_string(kLargeRegistered) + ", " + std::to_string(kVisible) + ") scene";
-    loads.push_back({"no load, " + largeScene, 0, nullptr, &large});
+    loads.push_back({"no load, " + largeScene, 0, nullptr, &rigs.large});
     loads.push_back({"dumps every " + std::to_string(kDumpInterval.count()) + " ms, " + largeScene,
-                     0, dumps, &large});
-    // A loaded row is compared with the quiet row of its scene, which comes
-    // before it. The first quiet row always stays; another stays when a row of
-    // its scene is chosen.
+                     0, dumps, &rigs.large});
+    return loads;
+}
+
+// A loaded row is compared with the quiet row of its scene, which comes
+// before it. The first quiet row always stays; another stays when a row of
+// its scene is chosen.
+std::vector<Load> chosenLoads(const std::vector<Load>& loads, const std::string& only) {
     const auto chosen = [&only](const Load& load) {
         return load.name.find(only) != std::string::npos;
     };
@@ -250,24 +260,32 @@ int main(int argc, char** argv) {
                 });
         if (i == 0 || chosen(load) || quietOfChosen) kept.push_back(load);
     }
-    loads = std::move(kept);
+    return kept;
+}
 
-    // Rounds run every row in turn, so a burst of noise from the machine
-    // lands in one round of a row, and the median round discards it.
+// Rounds run every row in turn, so a burst of noise from the machine
+// lands in one round of a row, and the median round discards it.
+std::vector<std::vector<Row>> runRounds(const std::vector<Load>& loads, const Options& options,
+                                        const std::function<void(size_t)>& writeRules) {
     std::vector<std::vector<Row>> rounds(loads.size());
-    for (int round = 0; round < roundCount; ++round) {
+    for (int round = 0; round < options.roundCount; ++round) {
         for (size_t i = 0; i < loads.size(); ++i) {
             if (loads[i].ruleBytes != 0) writeRules(loads[i].ruleBytes);
-            rounds[i].push_back(measure(*loads[i].rig, loads[i].name, seconds, loads[i].loop));
+            rounds[i].push_back(
+                    measure(*loads[i].rig, loads[i].name, options.seconds, loads[i].loop));
         }
     }
+    return rounds;
+}
 
+void printTable(const std::vector<Load>& loads, std::vector<std::vector<Row>>& rounds,
+                const Options& options) {
     printf("composite latency, (%zu, %zu) scene unless the row names another, one composite "
            "every %lld us, %d rounds of %.0f s a row; each percentile is the median of the "
            "rounds', the max the largest; p99.9 / quiet is over the no-load row of the row's "
            "own scene\n",
-           kRegistered, kVisible, static_cast<long long>(kCompositeInterval.count()), roundCount,
-           seconds);
+           kRegistered, kVisible, static_cast<long long>(kCompositeInterval.count()),
+           options.roundCount, options.seconds);
     printf("| load | composites | load ops | p50 us | p99 us | p99.9 us | max us | p99.9 / quiet "
            "|\n");
     printf("|---|---|---|---|---|---|---|---|\n");
@@ -292,5 +310,26 @@ int main(int argc, char** argv) {
                composites, loadOps, median(p50), median(p99), rowP999, max,
                rowP999 / quiet[loads[i].rig]);
     }
+}
+
+} // namespace
+} // namespace android::bench
+
+int main(int argc, char** argv) {
+    using namespace android::bench;
+    Options options;
+    if (!parseOptions(argc, argv, &options)) return 2;
+    // The loader logs a line per target; those are counted and dropped.
+    installCountingLogger();
+
+    Rigs rigs;
+    // The composited controller's own rule file, which its reloads read.
+    const std::string& path = rigs.rig.rules.path();
+    const auto writeRules = [&](size_t bytes) {
+        std::ofstream(path, std::ios::trunc) << paddedRules(rigs.rig.scene.ruleFile, bytes);
+    };
+    const std::vector<Load> loads = chosenLoads(allLoads(rigs), options.only);
+    std::vector<std::vector<Row>> rounds = runRounds(loads, options, writeRules);
+    printTable(loads, rounds, options);
     return 0;
 }
