@@ -1,9 +1,10 @@
 #pragma once
 
+#include "tools/host/ToolVersion.h"
+
 namespace android::tools {
 
-// pelto-check follows the library whose rule files it checks; the number
-// after the dot counts the checker's own revisions (1: the lint pass, --json).
-constexpr const char* kPeltoCheckVersion = "2.0.1";
+// pelto-check reports the version shared by the host tools.
+constexpr const char* kPeltoCheckVersion = kPeltoToolsVersion;
 
 } // namespace android::tools

@@ -7,6 +7,7 @@
 //   pelto-sim --capture FILE [--rules RULES | --api-target NAME] [--display WxH]
 //             [--refresh-hz HZ] [--write-scenario OUT.json] [other options as above]
 //   pelto-sim --compare OTHER_RULES [--rules RULES] [--json FILE] INPUT...
+//   pelto-sim [--lib PATH] --version
 #include <algorithm>
 #include <cerrno>
 #include <cinttypes>
@@ -20,6 +21,7 @@
 #include <vector>
 
 #include "tools/host/PeltoLibrary.h"
+#include "tools/host/ToolVersion.h"
 #include "tools/sim/CaptureReader.h"
 #include "tools/sim/CaptureScenario.h"
 #include "tools/sim/CompareReport.h"
@@ -57,6 +59,7 @@ struct Options {
     std::string htmlFile;
     bool quiet = false;
     bool dump = false;
+    bool version = false;
     RunOptions run;
 };
 
@@ -67,6 +70,7 @@ void usage() {
             "                 [--display WxH] [--refresh-hz HZ] [--write-scenario OUT.json]\n"
             "                 [options]\n"
             "       pelto-sim --compare OTHER_RULES.json [--rules RULES.json] INPUT...\n"
+            "       pelto-sim [--lib PATH] --version\n"
             "  --lib PATH       the library to load (default: %s)\n"
             "  --capture FILE   play a systrace/atrace capture (text, HTML report, Perfetto\n"
             "                   trace, or gzip; - reads it from standard input)\n"
@@ -88,6 +92,7 @@ void usage() {
             "  --debug-lines    switch on the library's debug lines (the property\n"
             "                   vendor.debug.sf.show_pelto2_trace); with --verbose or --trace\n"
             "  --dump           print the library's dump at the end of the run\n"
+            "  --version        print the version and the library it loads, and exit\n"
             "exit status: 0 every expectation held, 1 one failed, 2 the run could not start\n",
             PELTO_LIBRARY_PATH);
 }
@@ -150,6 +155,8 @@ bool parseArgs(int argc, char** argv, Options* options) {
             options->run.debugLines = true;
         } else if (arg == "--dump") {
             options->dump = true;
+        } else if (arg == "--version") {
+            options->version = true;
         } else if (arg == "--help" || arg == "-h") {
             usage();
             exit(kExitPassed);
@@ -159,6 +166,11 @@ bool parseArgs(int argc, char** argv, Options* options) {
         } else {
             options->inputs.push_back(arg);
         }
+    }
+    if (options->version) {
+        // After the loop, so that a --lib anywhere on the line is the one shown.
+        printf("pelto-sim %s\nlibrary: %s\n", kPeltoToolsVersion, options->library.c_str());
+        exit(kExitPassed);
     }
     if (options->inputs.empty()) {
         fprintf(stderr, "pelto-sim: no scenario given\n");
