@@ -822,6 +822,73 @@ extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
     return 0;
 }
 
+namespace android::fuzz {
+namespace {
+
+// The input's rules as a new loader reads them: lookups and the reload's
+// outcome. Kept while inputs bring the same rules.
+bool modelRules(Cache& c, std::string_view rules, bool rulesPresent) {
+    if (c.model == nullptr || c.modelText != rules || c.modelPresent != rulesPresent) {
+        writeRules(rules, rulesPresent);
+        c.model = android::PeltoConfig::makeReloadOf(*c.defaults);
+        c.modelLoads = c.model->loadConfig(true) == android::PeltoConfig::kLoadOk;
+        c.modelText = rules;
+        c.modelPresent = rulesPresent;
+    }
+    return c.modelLoads;
+}
+
+// The mode's cached controller, brought back to its start, or a new one.
+android::PeltoController* controllerFor(Cache& c, bool useList, uint8_t setup, uint8_t construction,
+                                        std::string_view rules, bool rulesPresent, bool loads) {
+    const size_t mode = useList ? 1 : 0;
+    const unsigned faults = construction & 0x0f;
+    android::PeltoController*& ctl = c.controllers[mode];
+    c.host.reset();
+    setClock(kClockStart);
+    armTimerFaults(setup);
+    if (ctl == nullptr || construction >= kNewControllerFrom) {
+        destroyPeltoController(ctl); // null: nothing
+        ctl = buildController(c.host, useList, faults);
+    } else {
+        // Rules that every reload since read from the same file need no reload.
+        const bool sameRules =
+                c.controllerText[mode] == rules && c.controllerPresent[mode] == rulesPresent;
+        resetController(ctl, rules, rulesPresent, loads, !sameRules);
+        c.host.reset();
+        setClock(kClockStart);
+    }
+    c.controllerText[mode] = rules;
+    c.controllerPresent[mode] = rulesPresent;
+    return ctl;
+}
+
+// The reused controller, then a new one, each with both scripts on this
+// thread; the two transcripts must match.
+void compareWithFresh(Cache& c, Run& run, uint8_t setup, uint8_t construction,
+                      std::string_view rules, bool rulesPresent, std::string_view mainScript,
+                      std::string_view secondScript) {
+    std::string reused;
+    run.transcript = &reused;
+    runScripts(run, mainScript, secondScript, true);
+
+    c.host.reset();
+    setClock(kClockStart);
+    writeRules(rules, rulesPresent);
+    armTimerFaults(setup);
+    android::PeltoController* fresh = buildController(c.host, run.useList, construction & 0x0f);
+    std::string fromNew;
+    run.controller = fresh;
+    run.transcript = &fromNew;
+    runScripts(run, mainScript, secondScript, true);
+    destroyPeltoController(fresh);
+    check(normalised(reused) == normalised(fromNew),
+          "a reused controller showed something a new one did not");
+}
+
+} // namespace
+} // namespace android::fuzz
+
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     using namespace android::fuzz;
     Cache& c = cache();
@@ -836,21 +903,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
     const bool useList = (setup & kSetupListMode) != 0;
     const bool rulesPresent = (setup & kSetupNoRuleFile) == 0;
-    const bool newController = construction >= kNewControllerFrom;
-    const unsigned faults = construction & 0x0f;
     android::base::SetProperty(kDebugProperty, (setup & kSetupDebug) != 0 ? "true" : "false");
     android::pelto_testing::resetDebugSwitch();
-
-    // The input's rules as a new loader reads them: lookups and the reload's
-    // outcome. Kept while inputs bring the same rules.
-    if (c.model == nullptr || c.modelText != rules || c.modelPresent != rulesPresent) {
-        writeRules(rules, rulesPresent);
-        c.model = android::PeltoConfig::makeReloadOf(*c.defaults);
-        c.modelLoads = c.model->loadConfig(true) == android::PeltoConfig::kLoadOk;
-        c.modelText = rules;
-        c.modelPresent = rulesPresent;
-    }
-    const bool loads = c.modelLoads;
+    const bool loads = modelRules(c, rules, rulesPresent);
 
     Run run;
     run.host = &c.host;
@@ -858,51 +913,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     run.rules = c.model.get();
     run.reloadLine = loads ? "Reload Succeeded\n" : "Reload Failed\n";
     run.names = namesFor(rules);
-
-    const size_t mode = useList ? 1 : 0;
-    android::PeltoController*& ctl = c.controllers[mode];
-    c.host.reset();
-    setClock(kClockStart);
-    armTimerFaults(setup);
-    if (ctl == nullptr || newController) {
-        destroyPeltoController(ctl); // null: nothing
-        ctl = buildController(c.host, useList, faults);
+    run.controller = controllerFor(c, useList, setup, construction, rules, rulesPresent, loads);
+    if (c.compareFresh) {
+        compareWithFresh(c, run, setup, construction, rules, rulesPresent, mainScript,
+                         secondScript);
     } else {
-        // Rules that every reload since read from the same file need no reload.
-        const bool sameRules =
-                c.controllerText[mode] == rules && c.controllerPresent[mode] == rulesPresent;
-        resetController(ctl, rules, rulesPresent, loads, !sameRules);
-        c.host.reset();
-        setClock(kClockStart);
-    }
-    c.controllerText[mode] = rules;
-    c.controllerPresent[mode] = rulesPresent;
-    run.controller = ctl;
-
-    if (!c.compareFresh) {
         runScripts(run, mainScript, secondScript, false);
-        clearTimerFaults();
-        return 0;
     }
-
-    // Compare mode: the reused controller, then a new one, each with both
-    // scripts on this thread; the two transcripts must match.
-    std::string reused;
-    run.transcript = &reused;
-    runScripts(run, mainScript, secondScript, true);
-
-    c.host.reset();
-    setClock(kClockStart);
-    writeRules(rules, rulesPresent);
-    armTimerFaults(setup);
-    android::PeltoController* fresh = buildController(c.host, useList, faults);
-    std::string fromNew;
-    run.controller = fresh;
-    run.transcript = &fromNew;
-    runScripts(run, mainScript, secondScript, true);
-    destroyPeltoController(fresh);
     clearTimerFaults();
-    check(normalised(reused) == normalised(fromNew),
-          "a reused controller showed something a new one did not");
     return 0;
 }
