@@ -41,6 +41,10 @@ constexpr int kHwRateRun = 3;
 constexpr double kDenseShare = 0.75;
 // An app's queueBuffer is matched to the layer counter that rises within this.
 constexpr SimTime kMatchWindow = 20'000'000;
+// How far back a text capture's time may step from one line to the next:
+// ftrace text merges per-CPU buffers, which leaves small steps back; a
+// larger one is a capture pieced together or cut, not one recording.
+constexpr SimTime kMaxStepBack = 1'000'000;
 
 bool startsWith(const std::string& text, const char* prefix) {
     return text.rfind(prefix, 0) == 0;
@@ -93,6 +97,7 @@ std::string sliceName(const std::string& name) {
 struct Series {
     std::vector<SimTime> times;
     int64_t last = 0;
+    std::string zeroAt; // where a tick first came at the time of the one before
 };
 
 class CaptureParser {
@@ -105,6 +110,7 @@ private:
     bool line(std::string text, std::string* error);
     bool preamble(const std::string& text, size_t start, std::string* error);
     bool event(const EventLine& e, SimTime t, std::string* error);
+    bool inOrder(SimTime t, std::string* error);
     void time(SimTime t);
     bool mark(const EventLine& e, SimTime t, std::string* error);
     // A mark that cannot be read: in text, a line cut short (an error); in a
@@ -117,7 +123,8 @@ private:
     std::vector<RefreshChange> readRates(const std::vector<SimTime>& ticks, int run,
                                          double* medianMs) const;
     bool dense(const std::vector<SimTime>& ticks, const std::vector<RefreshChange>& rates) const;
-    void workRates(std::vector<SimTime>& ticks, int pid, const std::string& what);
+    void workRates(std::vector<SimTime>& ticks, int pid, const std::string& what,
+                   const std::string& zeroAt = {});
     bool findRefresh();
     bool findLayers(std::string* error);
 
@@ -137,6 +144,8 @@ private:
     bool mHaveStart = false;
     SimTime mStart = 0; // absolute ns of the first event
     SimTime mEnd = 0;
+    SimTime mLatest = 0;     // of a text capture: the latest time so far ...
+    int64_t mLatestLine = 0; // ... and its line
     int64_t mEvents = 0;
     std::map<std::pair<int, std::string>, Series> mCounters;             // (pid, name)
     std::map<std::pair<int, std::string>, std::vector<SimTime>> mSlices; // composition slices
@@ -237,7 +246,27 @@ bool CaptureParser::line(std::string text, std::string* error) {
         return false;
     }
     if (e.payload.rfind("trace_event_clock_sync", 0) == 0) return true;
-    return event(e, std::llround(e.seconds * 1e9), error);
+    const SimTime t = std::llround(e.seconds * 1e9);
+    return inOrder(t, error) && event(e, t, error);
+}
+
+// A text capture's lines are in time order, but for small steps back.
+bool CaptureParser::inOrder(SimTime t, std::string* error) {
+    if (mEvents > 0 && t < mLatest - kMaxStepBack) {
+        char text[200];
+        snprintf(text, sizeof(text),
+                 "time %.6f s is %.3f ms before %.6f s on line %lld: the lines are out of time "
+                 "order (more than 1 ms back), not one recording",
+                 static_cast<double>(t) / 1e9, static_cast<double>(mLatest - t) / 1e6,
+                 static_cast<double>(mLatest) / 1e9, static_cast<long long>(mLatestLine));
+        *error = mLines.where() + text;
+        return false;
+    }
+    if (mEvents == 0 || t >= mLatest) {
+        mLatest = t;
+        mLatestLine = mLines.lineNumber();
+    }
+    return true;
 }
 
 bool CaptureParser::event(const EventLine& e, SimTime t, std::string* error) {
@@ -340,6 +369,11 @@ bool CaptureParser::mark(const EventLine& e, SimTime t, std::string* error) {
     // A vsync counter toggles once per vsync; a layer's counter rises once per buffer.
     if (vsync ? value != series.last || series.times.empty() : value > series.last) {
         if (!keep(sizeof(SimTime), error)) return false;
+        if (vsync && !mPerfetto && series.zeroAt.empty() && !series.times.empty() &&
+            series.times.back() == t) {
+            if (!keep(mLines.where().size(), error)) return false;
+            series.zeroAt = mLines.where();
+        }
         series.times.push_back(t);
     }
     series.last = value;
@@ -495,11 +529,13 @@ bool CaptureParser::dense(const std::vector<SimTime>& ticks,
 // A signal that ticks when the compositor has work: when it ticks on most
 // vsyncs, its rates as they are; else its fastest steady rate throughout, a
 // floor for the panel's, said in the warning.
-void CaptureParser::workRates(std::vector<SimTime>& ticks, int pid, const std::string& what) {
+void CaptureParser::workRates(std::vector<SimTime>& ticks, int pid, const std::string& what,
+                              const std::string& zeroAt) {
     std::sort(ticks.begin(), ticks.end());
     mCapture.compositorPid = pid;
     mCapture.vsyncSource = what + " of pid " + std::to_string(pid);
     std::vector<RefreshChange> rates = readRates(ticks, kRateRun, &mCapture.medianPeriodMs);
+    if (mCapture.medianPeriodMs == 0) mCapture.zeroPeriodAt = zeroAt;
     if (rates.empty()) {
         // No steady known rate: the median spacing, as it is.
         mCapture.refresh.push_back({0, std::round(1e5 / mCapture.medianPeriodMs) / 100});
@@ -614,7 +650,8 @@ bool CaptureParser::findRefresh() {
     for (const char* counter : kVsyncCounters) {
         for (auto& [key, series] : mCounters) {
             if (key.second != counter || series.times.size() < kRateRun + 1) continue;
-            workRates(series.times, key.first, std::string("the counter ") + counter);
+            workRates(series.times, key.first, std::string("the counter ") + counter,
+                      series.zeroAt);
             return true;
         }
     }
@@ -644,7 +681,7 @@ bool CaptureParser::findRefresh() {
         return true;
     }
     if (!hwTicks.empty()) {
-        workRates(hwTicks, hwPid, "the counter " + hwName);
+        workRates(hwTicks, hwPid, "the counter " + hwName, hw->zeroAt);
         return true;
     }
     return false;
