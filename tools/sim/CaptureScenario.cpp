@@ -185,7 +185,7 @@ void playLayers(const Capture& capture, const CapturePlay& play, Scenario* scena
             (play.displayGiven ? " (--display)" : " (--display to change)") +
             (assumed == 0 ? ""
                           : "; " + layers +
-                             " the whole screen, without input focus, on screen from its "
+                             " the whole screen, without input focus, each on screen from its "
                              "first buffer to one vsync after its last (" +
                              kLayerUsage + " to give)"));
     if (assumed > 0) {
