@@ -127,6 +127,7 @@ private:
                    const std::string& zeroAt = {});
     bool findRefresh();
     bool findLayers(std::string* error);
+    void noteFrameTimeline();
 
     Capture& mCapture;
     const int64_t mMaxKept;
@@ -952,7 +953,31 @@ bool CaptureParser::findLayers(std::string* error) {
                      [](const Capture::Layer& a, const Capture::Layer& b) {
                          return a.buffers.size() > b.buffers.size();
                      });
+    if (compositorLayers) noteFrameTimeline();
     return true;
+}
+
+// A Perfetto trace with both atrace's counters and FrameTimeline: the
+// layers' buffers came from atrace; FrameTimeline's count of each layer's
+// buffers is named beside it, to compare.
+void CaptureParser::noteFrameTimeline() {
+    if (mSurfaceFrames.empty() && mDisplayFrames.empty()) return;
+    size_t displayFrames = 0;
+    for (const auto& [pid, times] : mDisplayFrames) displayFrames += times.size();
+    size_t matched = 0;
+    for (Capture::Layer& layer : mCapture.layers) {
+        const auto it = mSurfaceFrames.find(layer.name);
+        if (it == mSurfaceFrames.end()) continue;
+        ++matched;
+        layer.source += "; FrameTimeline has " + std::to_string(it->second.second.size()) +
+                " surface frames with a buffer for it";
+    }
+    mCapture.notes.push_back("FrameTimeline beside atrace: " + std::to_string(displayFrames) +
+                             " display frames and the surface frames of " +
+                             std::to_string(mSurfaceFrames.size()) + " layers (" +
+                             std::to_string(matched) +
+                             " of them among the layers); the panel's rate comes from " +
+                             mCapture.vsyncSource + " and the layers' buffers from atrace");
 }
 
 } // namespace
