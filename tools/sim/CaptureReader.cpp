@@ -126,6 +126,12 @@ private:
     void workRates(std::vector<SimTime>& ticks, int pid, const std::string& what,
                    const std::string& zeroAt = {});
     bool findRefresh();
+    std::vector<RefreshChange> readModes(bool ofPid, std::string* name, int* pid) const;
+    void hwRefresh(const std::vector<SimTime>& hwTicks, std::vector<RefreshChange> hwRates,
+                   const std::string& hwName, int hwPid,
+                   const std::vector<RefreshChange>& modeRates, const std::string& modeName,
+                   int modePid);
+    bool workSignalRefresh();
     bool findLayers(std::string* error);
     void noteFrameTimeline();
 
@@ -585,69 +591,90 @@ bool CaptureParser::findRefresh() {
         std::sort(hwTicks.begin(), hwTicks.end());
         hwRates = readRates(hwTicks, kHwRateRun, &mCapture.medianPeriodMs);
     }
-    // The mode counter: of the compositor when it is known, else the one
-    // with the most changes.
-    const std::vector<RefreshChange>* modes = nullptr;
     std::string modeName;
-    int modePid = -1;
+    int modePid = hw != nullptr ? hwPid : -1;
+    const std::vector<RefreshChange> modeRates = readModes(hw != nullptr, &modeName, &modePid);
+    if (!hwRates.empty() || !modeRates.empty()) {
+        hwRefresh(hwTicks, hwRates, hwName, hwPid, modeRates, modeName, modePid);
+        return true;
+    }
+    if (workSignalRefresh()) return true;
+    if (!hwTicks.empty()) {
+        workRates(hwTicks, hwPid, "the counter " + hwName, hw->zeroAt);
+        return true;
+    }
+    return false;
+}
+
+// The mode counter's rates, from the capture's start: of the compositor
+// (*pid) when `ofPid`, else the one with the most changes; empty without one.
+std::vector<RefreshChange> CaptureParser::readModes(bool ofPid, std::string* name, int* pid) const {
+    const std::vector<RefreshChange>* modes = nullptr;
     for (const char* prefix : kModeCounters) {
         for (const auto& [key, values] : mModes) {
-            if (!startsWith(key.second, prefix) || (hw != nullptr && key.first != hwPid)) continue;
+            if (!startsWith(key.second, prefix) || (ofPid && key.first != *pid)) continue;
             if (modes == nullptr || values.size() > modes->size()) {
                 modes = &values;
-                modeName = key.second;
-                modePid = key.first;
+                *name = key.second;
+                *pid = key.first;
             }
         }
         if (modes != nullptr) break;
     }
-    std::vector<RefreshChange> modeRates;
-    if (modes != nullptr) {
-        for (const RefreshChange& m : *modes) {
-            if (m.refreshHz < 1 || m.refreshHz > 1000) continue; // 0 while the display is off
-            modeRates.push_back({m.at - mStart, m.refreshHz});
-        }
-        std::stable_sort(
-                modeRates.begin(), modeRates.end(),
-                [](const RefreshChange& a, const RefreshChange& b) { return a.at < b.at; });
+    std::vector<RefreshChange> rates;
+    if (modes == nullptr) return rates;
+    for (const RefreshChange& m : *modes) {
+        if (m.refreshHz < 1 || m.refreshHz > 1000) continue; // 0 while the display is off
+        rates.push_back({m.at - mStart, m.refreshHz});
     }
-    if (!hwRates.empty() || !modeRates.empty()) {
-        size_t windows = 0;
-        for (size_t i = 0; i < hwTicks.size(); ++i) {
-            if (i == 0 || hwTicks[i] - hwTicks[i - 1] > 4 * vsyncPeriodOf(kKnownRates[0]))
-                ++windows;
-        }
-        std::string source;
-        if (!hwRates.empty()) {
-            source = "the resync windows of " + hwName + " (pid " + std::to_string(hwPid) + ": " +
-                    std::to_string(windows) + " windows, " + std::to_string(hwTicks.size()) +
-                    " vsyncs)";
-        }
-        if (!modeRates.empty()) {
-            // Before the mode counter's first change: the rate the windows
-            // showed then, else its first value.
-            double before = modeRates.front().refreshHz;
-            for (const RefreshChange& r : hwRates) {
-                if (r.at < modeRates.front().at) before = r.refreshHz;
-            }
-            std::vector<RefreshChange> rates{{0, before}};
-            for (const RefreshChange& m : modeRates) {
-                if (m.at == rates.back().at) {
-                    rates.back().refreshHz = m.refreshHz; // the last of one instant
-                } else if (m.refreshHz != rates.back().refreshHz) {
-                    rates.push_back(m);
-                }
-            }
-            hwRates = std::move(rates);
-            source += (source.empty() ? "" : " and ") + std::string("the counter ") + modeName +
-                    " of pid " + std::to_string(modePid);
-            if (hwPid < 0) hwPid = modePid;
-        }
-        mCapture.compositorPid = hwPid;
-        mCapture.vsyncSource = source;
-        mCapture.refresh = std::move(hwRates);
-        return true;
+    std::stable_sort(rates.begin(), rates.end(),
+                     [](const RefreshChange& a, const RefreshChange& b) { return a.at < b.at; });
+    return rates;
+}
+
+// The rate from the hardware vsync's resync windows and the mode counter.
+void CaptureParser::hwRefresh(const std::vector<SimTime>& hwTicks,
+                              std::vector<RefreshChange> hwRates, const std::string& hwName,
+                              int hwPid, const std::vector<RefreshChange>& modeRates,
+                              const std::string& modeName, int modePid) {
+    size_t windows = 0;
+    for (size_t i = 0; i < hwTicks.size(); ++i) {
+        if (i == 0 || hwTicks[i] - hwTicks[i - 1] > 4 * vsyncPeriodOf(kKnownRates[0])) ++windows;
     }
+    std::string source;
+    if (!hwRates.empty()) {
+        source = "the resync windows of " + hwName + " (pid " + std::to_string(hwPid) + ": " +
+                std::to_string(windows) + " windows, " + std::to_string(hwTicks.size()) +
+                " vsyncs)";
+    }
+    if (!modeRates.empty()) {
+        // Before the mode counter's first change: the rate the windows
+        // showed then, else its first value.
+        double before = modeRates.front().refreshHz;
+        for (const RefreshChange& r : hwRates) {
+            if (r.at < modeRates.front().at) before = r.refreshHz;
+        }
+        std::vector<RefreshChange> rates{{0, before}};
+        for (const RefreshChange& m : modeRates) {
+            if (m.at == rates.back().at) {
+                rates.back().refreshHz = m.refreshHz; // the last of one instant
+            } else if (m.refreshHz != rates.back().refreshHz) {
+                rates.push_back(m);
+            }
+        }
+        hwRates = std::move(rates);
+        source += (source.empty() ? "" : " and ") + std::string("the counter ") + modeName +
+                " of pid " + std::to_string(modePid);
+        if (hwPid < 0) hwPid = modePid;
+    }
+    mCapture.compositorPid = hwPid;
+    mCapture.vsyncSource = source;
+    mCapture.refresh = std::move(hwRates);
+}
+
+// The rate from a signal that ticks when the compositor has work: its vsync
+// counters, its composition slices, then FrameTimeline's display frames.
+bool CaptureParser::workSignalRefresh() {
     for (const char* counter : kVsyncCounters) {
         for (auto& [key, series] : mCounters) {
             if (key.second != counter || series.times.size() < kRateRun + 1) continue;
@@ -673,19 +700,13 @@ bool CaptureParser::findRefresh() {
             pid = p;
         }
     }
-    if (pid >= 0) {
-        workRates(mDisplayFrames[pid], pid, "the FrameTimeline display frames");
-        mCapture.vsyncSource = "the shortest steady spacing of " + mCapture.vsyncSource;
-        double hz = 0;
-        for (const RefreshChange& r : mCapture.refresh) hz = std::max(hz, r.refreshHz);
-        mCapture.refresh.assign(1, {0, hz});
-        return true;
-    }
-    if (!hwTicks.empty()) {
-        workRates(hwTicks, hwPid, "the counter " + hwName, hw->zeroAt);
-        return true;
-    }
-    return false;
+    if (pid < 0) return false;
+    workRates(mDisplayFrames[pid], pid, "the FrameTimeline display frames");
+    mCapture.vsyncSource = "the shortest steady spacing of " + mCapture.vsyncSource;
+    double hz = 0;
+    for (const RefreshChange& r : mCapture.refresh) hz = std::max(hz, r.refreshHz);
+    mCapture.refresh.assign(1, {0, hz});
+    return true;
 }
 
 bool CaptureParser::finish(std::string* error) {
