@@ -94,6 +94,16 @@ std::string sliceName(const std::string& name) {
     return space != std::string::npos && allDigits(name, space + 1) ? name.substr(0, space) : name;
 }
 
+struct BufferSignal;
+struct Rise;
+
+// A list as "a, b, c".
+std::string joined(const std::vector<std::string>& list) {
+    std::string out;
+    for (const std::string& item : list) out += (out.empty() ? "" : ", ") + item;
+    return out;
+}
+
 struct Series {
     std::vector<SimTime> times;
     int64_t last = 0;
@@ -133,6 +143,14 @@ private:
                    int modePid);
     bool workSignalRefresh();
     bool findLayers(std::string* error);
+    // Producer threads no counter follows: (tid, its queueBuffer times) by pid.
+    using Producers = std::map<int, std::vector<std::pair<int, std::vector<SimTime>>>>;
+    std::vector<BufferSignal> bufferSignals();
+    void surfaceFrameLayers();
+    Producers matchProducers(std::vector<BufferSignal>& signals, const std::vector<Rise>& rises);
+    void addLayer(Capture::Layer layer, std::set<std::string>* named);
+    void signalLayers(std::vector<BufferSignal>& signals, std::set<std::string>* named);
+    void producerLayers(const Producers& unmatched, std::set<std::string>* named);
     void noteFrameTimeline();
 
     Capture& mCapture;
@@ -812,7 +830,59 @@ int matchSignal(const std::vector<SimTime>& times, const std::vector<Rise>& rise
 // compositor counter is a layer only when it carries buffers: a BufferTX
 // prefix, a layer's "#N" name, or a producer whose slices it follows.
 bool CaptureParser::findLayers(std::string* error) {
-    const std::string& path = mCapture.path;
+    std::vector<BufferSignal> signals = bufferSignals();
+    std::vector<Rise> rises;
+    for (size_t i = 0; i < signals.size(); ++i) {
+        for (SimTime t : *signals[i].rises) rises.push_back({t, i});
+    }
+    std::stable_sort(rises.begin(), rises.end());
+    const bool compositorLayers = std::any_of(
+            signals.begin(), signals.end(),
+            [](const BufferSignal& s) { return s.kind != BufferSignal::kOtherCounter; });
+    // Without such counters, FrameTimeline's surface frames that carried a
+    // buffer are each layer's buffers (an app's queueBuffer slices would
+    // count the same buffers again).
+    const bool frameTimelineLayers = !compositorLayers && !mSurfaceFrames.empty();
+    if (frameTimelineLayers) surfaceFrameLayers();
+    // An app's counter names the app's side of a compositor layer it precedes.
+    for (BufferSignal& app : signals) {
+        if (app.kind != BufferSignal::kAppCounter) continue;
+        const int w = matchSignal(*app.rises, rises, signals, [](const BufferSignal& s) {
+            return s.kind == BufferSignal::kBufferTx || s.kind == BufferSignal::kLayerCounter;
+        });
+        if (w < 0) continue;
+        signals[w].appCounter = app.counter;
+        app.absorbed = true;
+    }
+    const Producers unmatched = matchProducers(signals, rises);
+    std::set<std::string> named;
+    if (!frameTimelineLayers) signalLayers(signals, &named);
+    producerLayers(unmatched, &named);
+    if (!mCapture.skippedCounters.empty()) {
+        mCapture.notes.push_back(
+                std::to_string(mCapture.skippedCounters.size()) +
+                " compositor counters not taken for layers (no producer, no BufferTX prefix, no "
+                "#N name): " +
+                joined(mCapture.skippedCounters));
+    }
+    if (mCapture.layers.empty()) {
+        *error = mCapture.path +
+                ": no layer with buffers: no queued-buffer counter in the compositor "
+                "(pid " +
+                std::to_string(mCapture.compositorPid) + ") and no app queueBuffer slices";
+        return false;
+    }
+    std::stable_sort(mCapture.layers.begin(), mCapture.layers.end(),
+                     [](const Capture::Layer& a, const Capture::Layer& b) {
+                         return a.buffers.size() > b.buffers.size();
+                     });
+    if (compositorLayers) noteFrameTimeline();
+    return true;
+}
+
+// The compositor's counters that may carry a layer's buffers, and the
+// apps' QueuedBuffer counters.
+std::vector<BufferSignal> CaptureParser::bufferSignals() {
     const int sf = mCapture.compositorPid;
     std::vector<BufferSignal> signals;
     for (auto& [key, series] : mCounters) {
@@ -838,46 +908,33 @@ bool CaptureParser::findLayers(std::string* error) {
         s.rises = &series.times;
         signals.push_back(std::move(s));
     }
-    std::vector<Rise> rises;
-    for (size_t i = 0; i < signals.size(); ++i) {
-        for (SimTime t : *signals[i].rises) rises.push_back({t, i});
+    return signals;
+}
+
+// Each layer's FrameTimeline surface frames with a buffer are its buffers.
+void CaptureParser::surfaceFrameLayers() {
+    mQueueBuffers.clear();
+    for (auto& [name, frames] : mSurfaceFrames) {
+        auto& [pid, times] = frames;
+        std::sort(times.begin(), times.end());
+        Capture::Layer layer{
+                name,
+                {},
+                "its FrameTimeline surface frames with a buffer (pid " + std::to_string(pid) + ")"};
+        for (SimTime t : times) layer.buffers.push_back(t - mStart);
+        mCapture.layers.push_back(std::move(layer));
     }
-    std::stable_sort(rises.begin(), rises.end());
-    const bool compositorLayers = std::any_of(
-            signals.begin(), signals.end(),
-            [](const BufferSignal& s) { return s.kind != BufferSignal::kOtherCounter; });
-    // Without such counters, FrameTimeline's surface frames that carried a
-    // buffer are each layer's buffers (an app's queueBuffer slices would
-    // count the same buffers again).
-    if (!compositorLayers && !mSurfaceFrames.empty()) {
-        mQueueBuffers.clear();
-        for (auto& [name, frames] : mSurfaceFrames) {
-            auto& [pid, times] = frames;
-            std::sort(times.begin(), times.end());
-            Capture::Layer layer{name,
-                                 {},
-                                 "its FrameTimeline surface frames with a buffer (pid " +
-                                         std::to_string(pid) + ")"};
-            for (SimTime t : times) layer.buffers.push_back(t - mStart);
-            mCapture.layers.push_back(std::move(layer));
-        }
-    }
-    // An app's counter names the app's side of a compositor layer it precedes.
-    for (BufferSignal& app : signals) {
-        if (app.kind != BufferSignal::kAppCounter) continue;
-        const int w = matchSignal(*app.rises, rises, signals, [](const BufferSignal& s) {
-            return s.kind == BufferSignal::kBufferTx || s.kind == BufferSignal::kLayerCounter;
-        });
-        if (w < 0) continue;
-        signals[w].appCounter = app.counter;
-        app.absorbed = true;
-    }
-    // Each producer thread's slices go to the signal that follows them.
-    std::map<int, std::vector<std::pair<int, std::vector<SimTime>>>> unmatched; // by pid
+}
+
+// Each producer thread's slices go to the signal that follows them; the
+// threads no signal follows, by pid.
+CaptureParser::Producers CaptureParser::matchProducers(std::vector<BufferSignal>& signals,
+                                                       const std::vector<Rise>& rises) {
+    Producers unmatched;
     for (auto& [key, times] : mQueueBuffers) {
         const int pid = key.first;
         const int tid = key.second;
-        if (pid == sf) continue;
+        if (pid == mCapture.compositorPid) continue;
         std::sort(times.begin(), times.end());
         const int w = matchSignal(times, rises, signals, [&](const BufferSignal& s) {
             return !s.absorbed && (s.kind != BufferSignal::kAppCounter || s.pid == pid);
@@ -892,19 +949,19 @@ bool CaptureParser::findLayers(std::string* error) {
         s.producers.push_back(mThreadNames[tid] + " (tid " + std::to_string(tid) + ") of pid " +
                               std::to_string(pid));
     }
-    std::map<std::string, bool> named;
-    const auto add = [&](Capture::Layer layer) {
-        if (named[layer.name]) return; // a name twice: the more trusted signal's
-        named[layer.name] = true;
-        mCapture.layers.push_back(std::move(layer));
-    };
-    const auto joined = [](const std::vector<std::string>& list) {
-        std::string out;
-        for (const std::string& item : list) out += (out.empty() ? "" : ", ") + item;
-        return out;
-    };
+    return unmatched;
+}
+
+// A layer, unless one of that name came from a more trusted signal.
+void CaptureParser::addLayer(Capture::Layer layer, std::set<std::string>* named) {
+    if (!named->insert(layer.name).second) return;
+    mCapture.layers.push_back(std::move(layer));
+}
+
+// A layer for each signal that carries buffers, with where they came from.
+void CaptureParser::signalLayers(std::vector<BufferSignal>& signals, std::set<std::string>* named) {
     for (BufferSignal& s : signals) {
-        if (s.absorbed || (!compositorLayers && !mSurfaceFrames.empty())) continue;
+        if (s.absorbed) continue;
         std::sort(s.producerTimes.begin(), s.producerTimes.end());
         const std::string producers =
                 s.producers.empty() ? "" : "; queued by " + joined(s.producers);
@@ -939,13 +996,16 @@ bool CaptureParser::findLayers(std::string* error) {
                 break;
         }
         for (SimTime t : *times) layer.buffers.push_back(t - mStart);
-        add(std::move(layer));
+        addLayer(std::move(layer), named);
     }
-    // Producers that no counter follows: one layer a process, or one a
-    // thread where a process has several.
-    for (auto& [pid, threads] : unmatched) {
+}
+
+// Producers that no counter follows: one layer a process, or one a thread
+// where a process has several.
+void CaptureParser::producerLayers(const Producers& unmatched, std::set<std::string>* named) {
+    for (const auto& [pid, threads] : unmatched) {
         const std::string task = mTaskNames.count(pid) ? " " + mTaskNames[pid] : "";
-        for (auto& [tid, times] : threads) {
+        for (const auto& [tid, times] : threads) {
             const std::string thread = mThreadNames[tid] + " (tid " + std::to_string(tid) + ")";
             Capture::Layer layer{"queueBuffer of pid " + std::to_string(pid) + task +
                                          (threads.size() > 1 ? " " + thread : ""),
@@ -953,29 +1013,9 @@ bool CaptureParser::findLayers(std::string* error) {
                                  "the queueBuffer slices of pid " + std::to_string(pid) +
                                          "; queued by " + thread};
             for (SimTime q : times) layer.buffers.push_back(q - mStart);
-            add(std::move(layer));
+            addLayer(std::move(layer), named);
         }
     }
-    if (!mCapture.skippedCounters.empty()) {
-        mCapture.notes.push_back(
-                std::to_string(mCapture.skippedCounters.size()) +
-                " compositor counters not taken for layers (no producer, no BufferTX prefix, no "
-                "#N name): " +
-                joined(mCapture.skippedCounters));
-    }
-    if (mCapture.layers.empty()) {
-        *error = path +
-                ": no layer with buffers: no queued-buffer counter in the compositor "
-                "(pid " +
-                std::to_string(sf) + ") and no app queueBuffer slices";
-        return false;
-    }
-    std::stable_sort(mCapture.layers.begin(), mCapture.layers.end(),
-                     [](const Capture::Layer& a, const Capture::Layer& b) {
-                         return a.buffers.size() > b.buffers.size();
-                     });
-    if (compositorLayers) noteFrameTimeline();
-    return true;
 }
 
 // A Perfetto trace with both atrace's counters and FrameTimeline: the
