@@ -38,12 +38,15 @@ size_t sharedRun(const std::string& a, const std::string& b) {
 // The capture's layer names that share the longest runs with `name`, a few.
 std::string closeNames(const Capture& capture, const std::string& name) {
     constexpr size_t kShown = 3;
-    constexpr size_t kLongestName = 256; // longer names are cut for the comparison
+    // Bounds on the comparison's cost for a capture of many layers: longer
+    // names are cut, and the layers with the most buffers are looked at.
+    constexpr size_t kLongestName = 128;
+    constexpr size_t kLayersLooked = 4000;
     std::vector<std::pair<size_t, const std::string*>> ranked;
     for (const Capture::Layer& l : capture.layers) {
         ranked.emplace_back(sharedRun(name.substr(0, kLongestName), l.name.substr(0, kLongestName)),
                             &l.name);
-        if (ranked.size() >= 10000) break; // enough to choose from
+        if (ranked.size() >= kLayersLooked) break;
     }
     std::stable_sort(ranked.begin(), ranked.end(),
                      [](const auto& a, const auto& b) { return a.first > b.first; });
