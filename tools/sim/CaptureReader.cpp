@@ -41,6 +41,10 @@ constexpr int kHwRateRun = 3;
 constexpr double kDenseShare = 0.75;
 // An app's queueBuffer is matched to the layer counter that rises within this.
 constexpr SimTime kMatchWindow = 20'000'000;
+// How far back a text capture's time may step from one line to the next:
+// ftrace text merges per-CPU buffers, which leaves small steps back; a
+// larger one is a capture pieced together or cut, not one recording.
+constexpr SimTime kMaxStepBack = 1'000'000;
 
 bool startsWith(const std::string& text, const char* prefix) {
     return text.rfind(prefix, 0) == 0;
@@ -90,9 +94,20 @@ std::string sliceName(const std::string& name) {
     return space != std::string::npos && allDigits(name, space + 1) ? name.substr(0, space) : name;
 }
 
+struct BufferSignal;
+struct Rise;
+
+// A list as "a, b, c".
+std::string joined(const std::vector<std::string>& list) {
+    std::string out;
+    for (const std::string& item : list) out += (out.empty() ? "" : ", ") + item;
+    return out;
+}
+
 struct Series {
     std::vector<SimTime> times;
     int64_t last = 0;
+    std::string zeroAt; // where a tick first came at the time of the one before
 };
 
 class CaptureParser {
@@ -105,6 +120,7 @@ private:
     bool line(std::string text, std::string* error);
     bool preamble(const std::string& text, size_t start, std::string* error);
     bool event(const EventLine& e, SimTime t, std::string* error);
+    bool inOrder(SimTime t, std::string* error);
     void time(SimTime t);
     bool mark(const EventLine& e, SimTime t, std::string* error);
     // A mark that cannot be read: in text, a line cut short (an error); in a
@@ -117,9 +133,25 @@ private:
     std::vector<RefreshChange> readRates(const std::vector<SimTime>& ticks, int run,
                                          double* medianMs) const;
     bool dense(const std::vector<SimTime>& ticks, const std::vector<RefreshChange>& rates) const;
-    void workRates(std::vector<SimTime>& ticks, int pid, const std::string& what);
+    void workRates(std::vector<SimTime>& ticks, int pid, const std::string& what,
+                   const std::string& zeroAt = {});
     bool findRefresh();
+    std::vector<RefreshChange> readModes(bool ofPid, std::string* name, int* pid) const;
+    void hwRefresh(const std::vector<SimTime>& hwTicks, std::vector<RefreshChange> hwRates,
+                   const std::string& hwName, int hwPid,
+                   const std::vector<RefreshChange>& modeRates, const std::string& modeName,
+                   int modePid);
+    bool workSignalRefresh();
     bool findLayers(std::string* error);
+    // Producer threads no counter follows: (tid, its queueBuffer times) by pid.
+    using Producers = std::map<int, std::vector<std::pair<int, std::vector<SimTime>>>>;
+    std::vector<BufferSignal> bufferSignals();
+    void surfaceFrameLayers();
+    Producers matchProducers(std::vector<BufferSignal>& signals, const std::vector<Rise>& rises);
+    void addLayer(Capture::Layer layer, std::set<std::string>* named);
+    void signalLayers(std::vector<BufferSignal>& signals, std::set<std::string>* named);
+    void producerLayers(const Producers& unmatched, std::set<std::string>* named);
+    void noteFrameTimeline();
 
     Capture& mCapture;
     const int64_t mMaxKept;
@@ -137,6 +169,8 @@ private:
     bool mHaveStart = false;
     SimTime mStart = 0; // absolute ns of the first event
     SimTime mEnd = 0;
+    SimTime mLatest = 0;     // of a text capture: the latest time so far ...
+    int64_t mLatestLine = 0; // ... and its line
     int64_t mEvents = 0;
     std::map<std::pair<int, std::string>, Series> mCounters;             // (pid, name)
     std::map<std::pair<int, std::string>, std::vector<SimTime>> mSlices; // composition slices
@@ -237,7 +271,27 @@ bool CaptureParser::line(std::string text, std::string* error) {
         return false;
     }
     if (e.payload.rfind("trace_event_clock_sync", 0) == 0) return true;
-    return event(e, std::llround(e.seconds * 1e9), error);
+    const SimTime t = std::llround(e.seconds * 1e9);
+    return inOrder(t, error) && event(e, t, error);
+}
+
+// A text capture's lines are in time order, but for small steps back.
+bool CaptureParser::inOrder(SimTime t, std::string* error) {
+    if (mEvents > 0 && t < mLatest - kMaxStepBack) {
+        char text[200];
+        snprintf(text, sizeof(text),
+                 "time %.6f s is %.3f ms before %.6f s on line %lld: the lines are out of time "
+                 "order (more than 1 ms back), not one recording",
+                 static_cast<double>(t) / 1e9, static_cast<double>(mLatest - t) / 1e6,
+                 static_cast<double>(mLatest) / 1e9, static_cast<long long>(mLatestLine));
+        *error = mLines.where() + text;
+        return false;
+    }
+    if (mEvents == 0 || t >= mLatest) {
+        mLatest = t;
+        mLatestLine = mLines.lineNumber();
+    }
+    return true;
 }
 
 bool CaptureParser::event(const EventLine& e, SimTime t, std::string* error) {
@@ -340,6 +394,11 @@ bool CaptureParser::mark(const EventLine& e, SimTime t, std::string* error) {
     // A vsync counter toggles once per vsync; a layer's counter rises once per buffer.
     if (vsync ? value != series.last || series.times.empty() : value > series.last) {
         if (!keep(sizeof(SimTime), error)) return false;
+        if (vsync && !mPerfetto && series.zeroAt.empty() && !series.times.empty() &&
+            series.times.back() == t) {
+            if (!keep(mLines.where().size(), error)) return false;
+            series.zeroAt = mLines.where();
+        }
         series.times.push_back(t);
     }
     series.last = value;
@@ -495,11 +554,13 @@ bool CaptureParser::dense(const std::vector<SimTime>& ticks,
 // A signal that ticks when the compositor has work: when it ticks on most
 // vsyncs, its rates as they are; else its fastest steady rate throughout, a
 // floor for the panel's, said in the warning.
-void CaptureParser::workRates(std::vector<SimTime>& ticks, int pid, const std::string& what) {
+void CaptureParser::workRates(std::vector<SimTime>& ticks, int pid, const std::string& what,
+                              const std::string& zeroAt) {
     std::sort(ticks.begin(), ticks.end());
     mCapture.compositorPid = pid;
     mCapture.vsyncSource = what + " of pid " + std::to_string(pid);
     std::vector<RefreshChange> rates = readRates(ticks, kRateRun, &mCapture.medianPeriodMs);
+    if (mCapture.medianPeriodMs == 0) mCapture.zeroPeriodAt = zeroAt;
     if (rates.empty()) {
         // No steady known rate: the median spacing, as it is.
         mCapture.refresh.push_back({0, std::round(1e5 / mCapture.medianPeriodMs) / 100});
@@ -548,73 +609,95 @@ bool CaptureParser::findRefresh() {
         std::sort(hwTicks.begin(), hwTicks.end());
         hwRates = readRates(hwTicks, kHwRateRun, &mCapture.medianPeriodMs);
     }
-    // The mode counter: of the compositor when it is known, else the one
-    // with the most changes.
-    const std::vector<RefreshChange>* modes = nullptr;
     std::string modeName;
-    int modePid = -1;
+    int modePid = hw != nullptr ? hwPid : -1;
+    const std::vector<RefreshChange> modeRates = readModes(hw != nullptr, &modeName, &modePid);
+    if (!hwRates.empty() || !modeRates.empty()) {
+        hwRefresh(hwTicks, hwRates, hwName, hwPid, modeRates, modeName, modePid);
+        return true;
+    }
+    if (workSignalRefresh()) return true;
+    if (!hwTicks.empty()) {
+        workRates(hwTicks, hwPid, "the counter " + hwName, hw->zeroAt);
+        return true;
+    }
+    return false;
+}
+
+// The mode counter's rates, from the capture's start: of the compositor
+// (*pid) when `ofPid`, else the one with the most changes; empty without one.
+std::vector<RefreshChange> CaptureParser::readModes(bool ofPid, std::string* name, int* pid) const {
+    const std::vector<RefreshChange>* modes = nullptr;
     for (const char* prefix : kModeCounters) {
         for (const auto& [key, values] : mModes) {
-            if (!startsWith(key.second, prefix) || (hw != nullptr && key.first != hwPid)) continue;
+            if (!startsWith(key.second, prefix) || (ofPid && key.first != *pid)) continue;
             if (modes == nullptr || values.size() > modes->size()) {
                 modes = &values;
-                modeName = key.second;
-                modePid = key.first;
+                *name = key.second;
+                *pid = key.first;
             }
         }
         if (modes != nullptr) break;
     }
-    std::vector<RefreshChange> modeRates;
-    if (modes != nullptr) {
-        for (const RefreshChange& m : *modes) {
-            if (m.refreshHz < 1 || m.refreshHz > 1000) continue; // 0 while the display is off
-            modeRates.push_back({m.at - mStart, m.refreshHz});
-        }
-        std::stable_sort(
-                modeRates.begin(), modeRates.end(),
-                [](const RefreshChange& a, const RefreshChange& b) { return a.at < b.at; });
+    std::vector<RefreshChange> rates;
+    if (modes == nullptr) return rates;
+    for (const RefreshChange& m : *modes) {
+        if (m.refreshHz < 1 || m.refreshHz > 1000) continue; // 0 while the display is off
+        rates.push_back({m.at - mStart, m.refreshHz});
     }
-    if (!hwRates.empty() || !modeRates.empty()) {
-        size_t windows = 0;
-        for (size_t i = 0; i < hwTicks.size(); ++i) {
-            if (i == 0 || hwTicks[i] - hwTicks[i - 1] > 4 * vsyncPeriodOf(kKnownRates[0]))
-                ++windows;
-        }
-        std::string source;
-        if (!hwRates.empty()) {
-            source = "the resync windows of " + hwName + " (pid " + std::to_string(hwPid) + ": " +
-                    std::to_string(windows) + " windows, " + std::to_string(hwTicks.size()) +
-                    " vsyncs)";
-        }
-        if (!modeRates.empty()) {
-            // Before the mode counter's first change: the rate the windows
-            // showed then, else its first value.
-            double before = modeRates.front().refreshHz;
-            for (const RefreshChange& r : hwRates) {
-                if (r.at < modeRates.front().at) before = r.refreshHz;
-            }
-            std::vector<RefreshChange> rates{{0, before}};
-            for (const RefreshChange& m : modeRates) {
-                if (m.at == rates.back().at) {
-                    rates.back().refreshHz = m.refreshHz; // the last of one instant
-                } else if (m.refreshHz != rates.back().refreshHz) {
-                    rates.push_back(m);
-                }
-            }
-            hwRates = std::move(rates);
-            source += (source.empty() ? "" : " and ") + std::string("the counter ") + modeName +
-                    " of pid " + std::to_string(modePid);
-            if (hwPid < 0) hwPid = modePid;
-        }
-        mCapture.compositorPid = hwPid;
-        mCapture.vsyncSource = source;
-        mCapture.refresh = std::move(hwRates);
-        return true;
+    std::stable_sort(rates.begin(), rates.end(),
+                     [](const RefreshChange& a, const RefreshChange& b) { return a.at < b.at; });
+    return rates;
+}
+
+// The rate from the hardware vsync's resync windows and the mode counter.
+void CaptureParser::hwRefresh(const std::vector<SimTime>& hwTicks,
+                              std::vector<RefreshChange> hwRates, const std::string& hwName,
+                              int hwPid, const std::vector<RefreshChange>& modeRates,
+                              const std::string& modeName, int modePid) {
+    size_t windows = 0;
+    for (size_t i = 0; i < hwTicks.size(); ++i) {
+        if (i == 0 || hwTicks[i] - hwTicks[i - 1] > 4 * vsyncPeriodOf(kKnownRates[0])) ++windows;
     }
+    std::string source;
+    if (!hwRates.empty()) {
+        source = "the resync windows of " + hwName + " (pid " + std::to_string(hwPid) + ": " +
+                std::to_string(windows) + " windows, " + std::to_string(hwTicks.size()) +
+                " vsyncs)";
+    }
+    if (!modeRates.empty()) {
+        // Before the mode counter's first change: the rate the windows
+        // showed then, else its first value.
+        double before = modeRates.front().refreshHz;
+        for (const RefreshChange& r : hwRates) {
+            if (r.at < modeRates.front().at) before = r.refreshHz;
+        }
+        std::vector<RefreshChange> rates{{0, before}};
+        for (const RefreshChange& m : modeRates) {
+            if (m.at == rates.back().at) {
+                rates.back().refreshHz = m.refreshHz; // the last of one instant
+            } else if (m.refreshHz != rates.back().refreshHz) {
+                rates.push_back(m);
+            }
+        }
+        hwRates = std::move(rates);
+        source += (source.empty() ? "" : " and ") + std::string("the counter ") + modeName +
+                " of pid " + std::to_string(modePid);
+        if (hwPid < 0) hwPid = modePid;
+    }
+    mCapture.compositorPid = hwPid;
+    mCapture.vsyncSource = source;
+    mCapture.refresh = std::move(hwRates);
+}
+
+// The rate from a signal that ticks when the compositor has work: its vsync
+// counters, its composition slices, then FrameTimeline's display frames.
+bool CaptureParser::workSignalRefresh() {
     for (const char* counter : kVsyncCounters) {
         for (auto& [key, series] : mCounters) {
             if (key.second != counter || series.times.size() < kRateRun + 1) continue;
-            workRates(series.times, key.first, std::string("the counter ") + counter);
+            workRates(series.times, key.first, std::string("the counter ") + counter,
+                      series.zeroAt);
             return true;
         }
     }
@@ -635,19 +718,13 @@ bool CaptureParser::findRefresh() {
             pid = p;
         }
     }
-    if (pid >= 0) {
-        workRates(mDisplayFrames[pid], pid, "the FrameTimeline display frames");
-        mCapture.vsyncSource = "the shortest steady spacing of " + mCapture.vsyncSource;
-        double hz = 0;
-        for (const RefreshChange& r : mCapture.refresh) hz = std::max(hz, r.refreshHz);
-        mCapture.refresh.assign(1, {0, hz});
-        return true;
-    }
-    if (!hwTicks.empty()) {
-        workRates(hwTicks, hwPid, "the counter " + hwName);
-        return true;
-    }
-    return false;
+    if (pid < 0) return false;
+    workRates(mDisplayFrames[pid], pid, "the FrameTimeline display frames");
+    mCapture.vsyncSource = "the shortest steady spacing of " + mCapture.vsyncSource;
+    double hz = 0;
+    for (const RefreshChange& r : mCapture.refresh) hz = std::max(hz, r.refreshHz);
+    mCapture.refresh.assign(1, {0, hz});
+    return true;
 }
 
 bool CaptureParser::finish(std::string* error) {
@@ -753,7 +830,59 @@ int matchSignal(const std::vector<SimTime>& times, const std::vector<Rise>& rise
 // compositor counter is a layer only when it carries buffers: a BufferTX
 // prefix, a layer's "#N" name, or a producer whose slices it follows.
 bool CaptureParser::findLayers(std::string* error) {
-    const std::string& path = mCapture.path;
+    std::vector<BufferSignal> signals = bufferSignals();
+    std::vector<Rise> rises;
+    for (size_t i = 0; i < signals.size(); ++i) {
+        for (SimTime t : *signals[i].rises) rises.push_back({t, i});
+    }
+    std::stable_sort(rises.begin(), rises.end());
+    const bool compositorLayers = std::any_of(
+            signals.begin(), signals.end(),
+            [](const BufferSignal& s) { return s.kind != BufferSignal::kOtherCounter; });
+    // Without such counters, FrameTimeline's surface frames that carried a
+    // buffer are each layer's buffers (an app's queueBuffer slices would
+    // count the same buffers again).
+    const bool frameTimelineLayers = !compositorLayers && !mSurfaceFrames.empty();
+    if (frameTimelineLayers) surfaceFrameLayers();
+    // An app's counter names the app's side of a compositor layer it precedes.
+    for (BufferSignal& app : signals) {
+        if (app.kind != BufferSignal::kAppCounter) continue;
+        const int w = matchSignal(*app.rises, rises, signals, [](const BufferSignal& s) {
+            return s.kind == BufferSignal::kBufferTx || s.kind == BufferSignal::kLayerCounter;
+        });
+        if (w < 0) continue;
+        signals[w].appCounter = app.counter;
+        app.absorbed = true;
+    }
+    const Producers unmatched = matchProducers(signals, rises);
+    std::set<std::string> named;
+    if (!frameTimelineLayers) signalLayers(signals, &named);
+    producerLayers(unmatched, &named);
+    if (!mCapture.skippedCounters.empty()) {
+        mCapture.notes.push_back(
+                std::to_string(mCapture.skippedCounters.size()) +
+                " compositor counters not taken for layers (no producer, no BufferTX prefix, no "
+                "#N name): " +
+                joined(mCapture.skippedCounters));
+    }
+    if (mCapture.layers.empty()) {
+        *error = mCapture.path +
+                ": no layer with buffers: no queued-buffer counter in the compositor "
+                "(pid " +
+                std::to_string(mCapture.compositorPid) + ") and no app queueBuffer slices";
+        return false;
+    }
+    std::stable_sort(mCapture.layers.begin(), mCapture.layers.end(),
+                     [](const Capture::Layer& a, const Capture::Layer& b) {
+                         return a.buffers.size() > b.buffers.size();
+                     });
+    if (compositorLayers) noteFrameTimeline();
+    return true;
+}
+
+// The compositor's counters that may carry a layer's buffers, and the
+// apps' QueuedBuffer counters.
+std::vector<BufferSignal> CaptureParser::bufferSignals() {
     const int sf = mCapture.compositorPid;
     std::vector<BufferSignal> signals;
     for (auto& [key, series] : mCounters) {
@@ -779,46 +908,33 @@ bool CaptureParser::findLayers(std::string* error) {
         s.rises = &series.times;
         signals.push_back(std::move(s));
     }
-    std::vector<Rise> rises;
-    for (size_t i = 0; i < signals.size(); ++i) {
-        for (SimTime t : *signals[i].rises) rises.push_back({t, i});
+    return signals;
+}
+
+// Each layer's FrameTimeline surface frames with a buffer are its buffers.
+void CaptureParser::surfaceFrameLayers() {
+    mQueueBuffers.clear();
+    for (auto& [name, frames] : mSurfaceFrames) {
+        auto& [pid, times] = frames;
+        std::sort(times.begin(), times.end());
+        Capture::Layer layer{
+                name,
+                {},
+                "its FrameTimeline surface frames with a buffer (pid " + std::to_string(pid) + ")"};
+        for (SimTime t : times) layer.buffers.push_back(t - mStart);
+        mCapture.layers.push_back(std::move(layer));
     }
-    std::stable_sort(rises.begin(), rises.end());
-    const bool compositorLayers = std::any_of(
-            signals.begin(), signals.end(),
-            [](const BufferSignal& s) { return s.kind != BufferSignal::kOtherCounter; });
-    // Without such counters, FrameTimeline's surface frames that carried a
-    // buffer are each layer's buffers (an app's queueBuffer slices would
-    // count the same buffers again).
-    if (!compositorLayers && !mSurfaceFrames.empty()) {
-        mQueueBuffers.clear();
-        for (auto& [name, frames] : mSurfaceFrames) {
-            auto& [pid, times] = frames;
-            std::sort(times.begin(), times.end());
-            Capture::Layer layer{name,
-                                 {},
-                                 "its FrameTimeline surface frames with a buffer (pid " +
-                                         std::to_string(pid) + ")"};
-            for (SimTime t : times) layer.buffers.push_back(t - mStart);
-            mCapture.layers.push_back(std::move(layer));
-        }
-    }
-    // An app's counter names the app's side of a compositor layer it precedes.
-    for (BufferSignal& app : signals) {
-        if (app.kind != BufferSignal::kAppCounter) continue;
-        const int w = matchSignal(*app.rises, rises, signals, [](const BufferSignal& s) {
-            return s.kind == BufferSignal::kBufferTx || s.kind == BufferSignal::kLayerCounter;
-        });
-        if (w < 0) continue;
-        signals[w].appCounter = app.counter;
-        app.absorbed = true;
-    }
-    // Each producer thread's slices go to the signal that follows them.
-    std::map<int, std::vector<std::pair<int, std::vector<SimTime>>>> unmatched; // by pid
+}
+
+// Each producer thread's slices go to the signal that follows them; the
+// threads no signal follows, by pid.
+CaptureParser::Producers CaptureParser::matchProducers(std::vector<BufferSignal>& signals,
+                                                       const std::vector<Rise>& rises) {
+    Producers unmatched;
     for (auto& [key, times] : mQueueBuffers) {
         const int pid = key.first;
         const int tid = key.second;
-        if (pid == sf) continue;
+        if (pid == mCapture.compositorPid) continue;
         std::sort(times.begin(), times.end());
         const int w = matchSignal(times, rises, signals, [&](const BufferSignal& s) {
             return !s.absorbed && (s.kind != BufferSignal::kAppCounter || s.pid == pid);
@@ -833,19 +949,19 @@ bool CaptureParser::findLayers(std::string* error) {
         s.producers.push_back(mThreadNames[tid] + " (tid " + std::to_string(tid) + ") of pid " +
                               std::to_string(pid));
     }
-    std::map<std::string, bool> named;
-    const auto add = [&](Capture::Layer layer) {
-        if (named[layer.name]) return; // a name twice: the more trusted signal's
-        named[layer.name] = true;
-        mCapture.layers.push_back(std::move(layer));
-    };
-    const auto joined = [](const std::vector<std::string>& list) {
-        std::string out;
-        for (const std::string& item : list) out += (out.empty() ? "" : ", ") + item;
-        return out;
-    };
+    return unmatched;
+}
+
+// A layer, unless one of that name came from a more trusted signal.
+void CaptureParser::addLayer(Capture::Layer layer, std::set<std::string>* named) {
+    if (!named->insert(layer.name).second) return;
+    mCapture.layers.push_back(std::move(layer));
+}
+
+// A layer for each signal that carries buffers, with where they came from.
+void CaptureParser::signalLayers(std::vector<BufferSignal>& signals, std::set<std::string>* named) {
     for (BufferSignal& s : signals) {
-        if (s.absorbed || (!compositorLayers && !mSurfaceFrames.empty())) continue;
+        if (s.absorbed) continue;
         std::sort(s.producerTimes.begin(), s.producerTimes.end());
         const std::string producers =
                 s.producers.empty() ? "" : "; queued by " + joined(s.producers);
@@ -880,13 +996,16 @@ bool CaptureParser::findLayers(std::string* error) {
                 break;
         }
         for (SimTime t : *times) layer.buffers.push_back(t - mStart);
-        add(std::move(layer));
+        addLayer(std::move(layer), named);
     }
-    // Producers that no counter follows: one layer a process, or one a
-    // thread where a process has several.
-    for (auto& [pid, threads] : unmatched) {
+}
+
+// Producers that no counter follows: one layer a process, or one a thread
+// where a process has several.
+void CaptureParser::producerLayers(const Producers& unmatched, std::set<std::string>* named) {
+    for (const auto& [pid, threads] : unmatched) {
         const std::string task = mTaskNames.count(pid) ? " " + mTaskNames[pid] : "";
-        for (auto& [tid, times] : threads) {
+        for (const auto& [tid, times] : threads) {
             const std::string thread = mThreadNames[tid] + " (tid " + std::to_string(tid) + ")";
             Capture::Layer layer{"queueBuffer of pid " + std::to_string(pid) + task +
                                          (threads.size() > 1 ? " " + thread : ""),
@@ -894,28 +1013,32 @@ bool CaptureParser::findLayers(std::string* error) {
                                  "the queueBuffer slices of pid " + std::to_string(pid) +
                                          "; queued by " + thread};
             for (SimTime q : times) layer.buffers.push_back(q - mStart);
-            add(std::move(layer));
+            addLayer(std::move(layer), named);
         }
     }
-    if (!mCapture.skippedCounters.empty()) {
-        mCapture.notes.push_back(
-                std::to_string(mCapture.skippedCounters.size()) +
-                " compositor counters not taken for layers (no producer, no BufferTX prefix, no "
-                "#N name): " +
-                joined(mCapture.skippedCounters));
+}
+
+// A Perfetto trace with both atrace's counters and FrameTimeline: the
+// layers' buffers came from atrace; FrameTimeline's count of each layer's
+// buffers is named beside it, to compare.
+void CaptureParser::noteFrameTimeline() {
+    if (mSurfaceFrames.empty() && mDisplayFrames.empty()) return;
+    size_t displayFrames = 0;
+    for (const auto& [pid, times] : mDisplayFrames) displayFrames += times.size();
+    size_t matched = 0;
+    for (Capture::Layer& layer : mCapture.layers) {
+        const auto it = mSurfaceFrames.find(layer.name);
+        if (it == mSurfaceFrames.end()) continue;
+        ++matched;
+        layer.source += "; FrameTimeline has " + std::to_string(it->second.second.size()) +
+                " surface frames with a buffer for it";
     }
-    if (mCapture.layers.empty()) {
-        *error = path +
-                ": no layer with buffers: no queued-buffer counter in the compositor "
-                "(pid " +
-                std::to_string(sf) + ") and no app queueBuffer slices";
-        return false;
-    }
-    std::stable_sort(mCapture.layers.begin(), mCapture.layers.end(),
-                     [](const Capture::Layer& a, const Capture::Layer& b) {
-                         return a.buffers.size() > b.buffers.size();
-                     });
-    return true;
+    mCapture.notes.push_back("FrameTimeline beside atrace: " + std::to_string(displayFrames) +
+                             " display frames and the surface frames of " +
+                             std::to_string(mSurfaceFrames.size()) + " layers (" +
+                             std::to_string(matched) +
+                             " of them among the layers); the panel's rate comes from " +
+                             mCapture.vsyncSource + " and the layers' buffers from atrace");
 }
 
 } // namespace

@@ -27,7 +27,10 @@ struct Capture {
     // its fastest steady rate is then a floor for the panel's.
     bool refreshTrusted = true;
     bool vsyncSparse = false;
-    std::string refreshWarning;               // why the rate is not trusted
+    std::string refreshWarning; // why the rate is not trusted
+    // "FILE line N: " of a vsync tick at the time of the one before it in
+    // the signal the rate came from (a period of zero), in a text capture.
+    std::string zeroPeriodAt;
     std::vector<std::string> skippedCounters; // compositor counters not taken for layers
     std::vector<Layer> layers;
     SimTime duration = 0;

@@ -142,6 +142,14 @@ void writeSummary(std::ostringstream& html, const Scenario& scenario, const RunS
     snprintf(text, sizeof(text), "%" PRId64 " of %" PRId64 " compositions (%.1f%%)",
              summary.q2qFullCompositions, summary.compositions, summary.q2qFullShare() * 100);
     html << "<tr><th>isQ2QFull true</th><td>" << text << "</td></tr>\n</table>\n";
+    if (scenario.capture && !scenario.capture->assumedFor.empty()) {
+        html << "<p class=\"sub\">The figures rest on assumptions:";
+        for (const CaptureFacts::Assumed& a : scenario.capture->assumedFor) {
+            html << "<br>" << escape(a.what) << ", for";
+            for (const std::string& f : a.figures) html << " " << escape(f) << ";";
+        }
+        html << "</p>\n";
+    }
     writeRefreshTable(html, summary);
 }
 

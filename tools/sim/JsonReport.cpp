@@ -132,7 +132,17 @@ Json::Value runJson(const Scenario& scenario, const RunRecord& record, const Run
             layer["buffers"] = Json::Int64(l.buffers);
             layer["fps"] = l.fps;
             layer["source"] = l.source;
+            layer["geometry_given"] = l.geometryGiven;
             layers.append(layer);
+        }
+        // The figures that rest on what the capture does not show.
+        Json::Value& assumed = out["assumed_for"] = Json::Value(Json::arrayValue);
+        for (const CaptureFacts::Assumed& a : capture->assumedFor) {
+            Json::Value item;
+            item["assumption"] = a.what;
+            item["figures"] = Json::Value(Json::arrayValue);
+            for (const std::string& f : a.figures) item["figures"].append(f);
+            assumed.append(item);
         }
         if (const ContentPace pace = contentPace(scenario, summary); pace.layer != nullptr) {
             Json::Value& target = out["target"];

@@ -5,6 +5,7 @@
 //             [--verbose] [--debug-lines] [--dump] [--rules RULES]
 //             [--refresh-floor-hz HZ] SCENARIO
 //   pelto-sim --capture FILE [--rules RULES | --api-target NAME] [--display WxH]
+//             [--layer NAME=WxH[,focus][,visible=FROM_MS-TO_MS]]...
 //             [--refresh-hz HZ] [--write-scenario OUT.json] [other options as above]
 //   pelto-sim --compare OTHER_RULES [--rules RULES] [--json FILE] INPUT...
 //   pelto-sim [--lib PATH] --version
@@ -67,7 +68,8 @@ void usage() {
     fprintf(stderr,
             "usage: pelto-sim [options] SCENARIO.json\n"
             "       pelto-sim --capture FILE [--rules RULES.json | --api-target NAME]\n"
-            "                 [--display WxH] [--refresh-hz HZ] [--write-scenario OUT.json]\n"
+            "                 [--display WxH] [--layer NAME=WxH[,focus][,visible=FROM_MS-TO_MS]]\n"
+            "                 [--refresh-hz HZ] [--write-scenario OUT.json]\n"
             "                 [options]\n"
             "       pelto-sim --compare OTHER_RULES.json [--rules RULES.json] INPUT...\n"
             "       pelto-sim [--lib PATH] --version\n"
@@ -77,6 +79,10 @@ void usage() {
             "  --rules FILE     this rule file instead of the scenario's (list mode)\n"
             "  --api-target NAME  play a capture in API mode with this layer as target\n"
             "  --display WxH    the display size a capture does not record (default 1080x2400)\n"
+            "  --layer NAME=WxH[,focus][,visible=FROM_MS-TO_MS]  a capture layer's size in\n"
+            "                   pixels, its input focus and its span on screen (repeatable;\n"
+            "                   NAME is a part of the layer's name; default: full screen, no\n"
+            "                   focus, on screen while it queues buffers)\n"
             "  --refresh-hz HZ  the panel's rate throughout a capture, where the capture has\n"
             "                   no trustworthy vsync signal (its assumptions say so)\n"
             "  --write-scenario OUT.json  write the scenario made from a capture\n"
@@ -135,6 +141,12 @@ bool parseArgs(int argc, char** argv, Options* options) {
                 return false;
             }
             options->play.refreshHz = hz;
+        } else if (arg == "--layer" && hasValue) {
+            std::string error;
+            if (!parseLayerOption(argv[++i], &options->play.layers.emplace_back(), &error)) {
+                fprintf(stderr, "pelto-sim: %s\n", error.c_str());
+                return false;
+            }
         } else if (arg == "--write-scenario" && hasValue) {
             options->writeScenario = argv[++i];
         } else if (arg == "--compare" && hasValue) {
@@ -186,6 +198,10 @@ bool parseArgs(int argc, char** argv, Options* options) {
     }
     if (options->play.refreshHz > 0 && !options->capture && options->compareRules.empty()) {
         fprintf(stderr, "pelto-sim: --refresh-hz goes with --capture\n");
+        return false;
+    }
+    if (!options->play.layers.empty() && !options->capture && options->compareRules.empty()) {
+        fprintf(stderr, "pelto-sim: --layer goes with --capture\n");
         return false;
     }
     if (!options->play.rules.empty() && !options->play.apiTarget.empty()) {

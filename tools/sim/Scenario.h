@@ -146,10 +146,18 @@ struct CaptureFacts {
         std::string name;
         std::string source;
         int64_t buffers = 0;
-        double fps = 0; // buffers a second between its first and last
+        double fps = 0;             // buffers a second between its first and last
+        bool geometryGiven = false; // --layer; else full screen, no focus, on while it queues
     };
     std::vector<Layer> layers;
     std::string target; // API mode
+    // What the run's figures rest on that the capture does not show: each
+    // assumption, with the figures it bears on.
+    struct Assumed {
+        std::string what;
+        std::vector<std::string> figures;
+    };
+    std::vector<Assumed> assumedFor;
 };
 
 struct Scenario {

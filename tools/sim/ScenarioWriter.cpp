@@ -2,6 +2,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <utility>
 
 #include <json/json.h>
 
@@ -32,12 +33,21 @@ bool writeScenarioFile(const Scenario& s, const std::string& path, std::string* 
     for (const LayerScript& l : s.layers) {
         Json::Value layer;
         layer["name"] = l.name;
-        layer["screen_percent"] = 100;
-        for (const Window& w : l.visible) {
-            Json::Value span(Json::arrayValue);
-            span.append(ms(w.from));
-            span.append(ms(w.to));
-            layer["visible"].append(span);
+        // A capture's layer keeps one area throughout.
+        const float area = l.areas.empty() ? 0 : l.areas.front().area;
+        if (area >= static_cast<float>(s.display.screenArea())) {
+            layer["screen_percent"] = 100;
+        } else {
+            layer["area"] = area;
+        }
+        for (const auto& [key, windows] :
+             {std::pair{"visible", &l.visible}, std::pair{"focused", &l.focused}}) {
+            for (const Window& w : *windows) {
+                Json::Value span(Json::arrayValue);
+                span.append(ms(w.from));
+                span.append(ms(w.to));
+                layer[key].append(span);
+            }
         }
         Json::Value& times = layer["frames"]["times_ms"] = Json::Value(Json::arrayValue);
         for (SimTime t : l.frames->times->inlineTimes) times.append(ms(t));

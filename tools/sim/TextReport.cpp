@@ -112,6 +112,15 @@ void printSummary(FILE* out, const Scenario& scenario, const RunSummary& summary
                 "refreshing only for them saves %.1f%%\n",
                 pace.layer->buffers, pace.layer->fps, pace.savedPercent);
     }
+    if (scenario.capture && !scenario.capture->assumedFor.empty()) {
+        std::string line;
+        for (const CaptureFacts::Assumed& a : scenario.capture->assumedFor) {
+            std::string figures;
+            for (const std::string& f : a.figures) figures += (figures.empty() ? "" : ", ") + f;
+            line += (line.empty() ? "" : "; ") + figures + " rest on " + a.what;
+        }
+        fprintf(out, "  assumed           %s\n", line.c_str());
+    }
     if (summary.buffersPlayed > 0 || summary.framesSkipped > 0) {
         fprintf(out, "  buffers queued    %" PRId64 "%s\n", summary.buffersPlayed,
                 summary.framesSkipped == 0

@@ -12,6 +12,7 @@
 #include "config/JsonNesting.h"
 #include "tools/host/RegularFile.h"
 #include "tools/sim/CaptureReader.h"
+#include "tools/sim/CaptureScenario.h"
 #include "tools/sim/FtraceLine.h"
 #include "tools/sim/PerfettoReader.h"
 #include "tools/sim/ProtoWire.h"
@@ -554,6 +555,46 @@ TEST(CaptureReader, WhatItKeepsIsBounded) {
     EXPECT_NE(error.find("line 40: more than 500 bytes of vsync ticks"), std::string::npos)
             << error;
     std::remove(path.c_str());
+}
+
+TEST(CaptureScenario, LayerOptionGivesSizeFocusAndSpan) {
+    LayerGiven g;
+    std::string error;
+    ASSERT_TRUE(parseLayerOption("app=1080x608,focus,visible=100-900.5", &g, &error)) << error;
+    EXPECT_EQ(g.name, "app");
+    EXPECT_EQ(g.width * g.height, 1080u * 608u);
+    EXPECT_TRUE(g.focus && g.visibleGiven);
+    EXPECT_EQ(g.from, 100'000'000);
+    EXPECT_EQ(g.to, 900'500'000);
+    for (const char* bad : {"=1x1", "app", "app=1x", "app=0x5", "app=1x1x", "app=1x1,",
+                            "app=1x1,visible=5-3", "app=1x1,focus,bogus"}) {
+        EXPECT_FALSE(parseLayerOption(bad, &g, &error)) << bad;
+        EXPECT_EQ(error.rfind(std::string("--layer ") + bad + ": ", 0), 0u) << error;
+    }
+
+    Capture capture;
+    capture.path = "c.txt";
+    capture.refresh = {{0, 60}};
+    capture.duration = 1'000'000'000;
+    capture.layers = {{"app#1", {0, 16'666'667}, "its counter"},
+                      {"bar#2", {0, 33'333'333}, "its counter"}};
+    CapturePlay play;
+    ASSERT_TRUE(parseLayerOption("app=1080x608,focus,visible=100-900.5", &g, &error));
+    play.layers = {g};
+    Scenario s;
+    ASSERT_TRUE(captureScenario(capture, play, &s, &error)) << error;
+    EXPECT_EQ(s.layers[0].areas[0].area, 1080.0f * 608);
+    EXPECT_EQ(s.layers[0].focused.size(), 1u);
+    EXPECT_EQ(s.layers[0].visible[0].to, 900'500'000);
+    EXPECT_EQ(s.layers[1].areas[0].area, 1080.0f * 2400);
+    EXPECT_TRUE(s.layers[1].focused.empty());
+    ASSERT_EQ(s.capture->assumedFor.size(), 1u);
+    EXPECT_EQ(s.capture->assumedFor[0].what, "the geometry of 1 of 2 layers (--layer to give)");
+    play.layers[0].name = "ap#1";
+    EXPECT_FALSE(captureScenario(capture, play, &s, &error));
+    EXPECT_EQ(error,
+              "c.txt: --layer app=1080x608,focus,visible=100-900.5: no layer of that name; "
+              "close: app#1, bar#2");
 }
 
 TEST(RegularFile, NestingCountsOnlyBracketsOutsideStringsAndComments) {

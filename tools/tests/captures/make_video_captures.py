@@ -47,6 +47,7 @@ class Events:
 
     def __init__(self, seed):
         self.items = []
+        self.frames = []  # SurfaceFlinger's FrameTimeline: (start, end, display token, layer, pid)
         self.rng = random.Random(seed)
         self.toggles = {}
 
@@ -111,6 +112,7 @@ def video_capture():
         ev.counter(q + 900_000, SF_BINDER, "BufferTX - " + VIDEO_LAYER, 1)
         k = int((q + 900_000 - start - 2 * MS) / period) + 1
         ev.counter(vsync(k) + 1_200_000, SF, "BufferTX - " + VIDEO_LAYER, 0)
+        ev.frames.append((q, vsync(k) + 3_300_000, 90000 + k, VIDEO_LAYER, APP))
         sf_wakeups.add(k)
         n += 1
     # The activity's UI animating at the panel's rate, three times.
@@ -126,6 +128,7 @@ def video_capture():
             ev.counter(q + 400_000, APP_RT, name, 0)
             ev.counter(q + 1_000_000, SF_BINDER, "BufferTX - " + UI_LAYER, 1)
             ev.counter(vsync(k + 1) + 1_100_000, SF, "BufferTX - " + UI_LAYER, 0)
+            ev.frames.append((q, vsync(k + 1) + 3_300_000, 90001 + k, UI_LAYER, APP))
             sf_wakeups.add(k + 1)
             ui += 1
     # The status bar's clock, three times.
@@ -144,6 +147,7 @@ def video_capture():
         ev.toggle(t + 100_000, SF, "VSYNC-sf")
         ev.begin_end(t + 300_000, SF, "commit %d" % (90000 + k), 900_000)
         ev.begin_end(t + 1_300_000, SF, "composite %d" % (90000 + k), 2 * MS)
+        ev.frames.append((t + 300_000, t + 3_300_000, 90000 + k, None, SF))
         # Vendor and framework counters that are not layers.
         ev.toggle(t + 1_400_000, SF, "VSP-mode")
         ev.counter(t + 1_500_000, SF, "LumaSamplingStep", k % 4)
@@ -260,9 +264,27 @@ def lfield(num, data):
     return varint(num << 3 | 2) + varint(len(data)) + data
 
 
+def frame_timeline_packets(frames):
+    """SurfaceFlinger's FrameTimeline: an actual display frame per composition and an actual
+    surface frame with a buffer per buffer of the video and the UI layer, each ended by a
+    frame_end with its cookie, one event a packet."""
+    packets = []
+    for cookie, (start, end, token, layer, pid) in enumerate(frames, 1):
+        if layer is None:
+            begin = lfield(2, vfield(1, cookie) + vfield(2, token) + vfield(3, pid)
+                           + vfield(4, 1) + vfield(5, 1) + vfield(7, 1) + vfield(8, 1))
+        else:
+            begin = lfield(4, vfield(1, cookie) + vfield(2, 500000 + cookie) + vfield(3, token)
+                           + vfield(4, pid) + lfield(5, "TX - " + layer) + vfield(6, 1)
+                           + vfield(7, 1) + vfield(9, 1) + vfield(10, 1) + vfield(11, 1))
+        for t, event in ((start, begin), (end, lfield(5, vfield(1, cookie)))):
+            packets.append(vfield(8, t) + lfield(76, event) + vfield(10, 5))
+    return packets
+
+
 def write_perfetto(path, ev):
     """ftrace bundles per CPU (print, sched_switch, sched_waking), as traced_probes writes them,
-    a process tree, and the service's clock snapshot."""
+    a process tree, the service's clock snapshot, and SurfaceFlinger's FrameTimeline."""
     rng = random.Random(7)
     by_cpu = {}
     for t, kind, tid, text in ev.sorted():
@@ -297,6 +319,7 @@ def write_perfetto(path, ev):
     chunks.sort(key=lambda c: (c[1], c[0]))
     for cpu, _, events in chunks:
         packets.append(lfield(1, vfield(1, cpu) + b"".join(events)) + vfield(10, 3))
+    packets += frame_timeline_packets(ev.frames)
     with open(path, "wb") as f:
         f.write(b"".join(lfield(1, p) for p in packets))
 
