@@ -16,6 +16,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <iterator>
 #include <memory>
 #include <optional>
 #include <string>
@@ -103,75 +104,135 @@ void usage() {
             PELTO_LIBRARY_PATH);
 }
 
+// An option with a value; false, having said why, when the value is bad.
+bool parseValueOption(const std::string& arg, const char* value, Options* options) {
+    if (arg == "--lib") {
+        options->library = value;
+    } else if (arg == "--trace") {
+        options->traceFile = value;
+    } else if (arg == "--html") {
+        options->htmlFile = value;
+    } else if (arg == "--capture") {
+        options->capture = true;
+        options->inputs.push_back(value);
+    } else if (arg == "--rules") {
+        options->rules = value;
+        options->play.rules = options->rules;
+    } else if (arg == "--api-target") {
+        options->play.apiTarget = value;
+    } else if (arg == "--display") {
+        unsigned w = 0;
+        unsigned h = 0;
+        char extra = 0;
+        if (sscanf(value, "%ux%u%c", &w, &h, &extra) != 2 || w == 0 || h == 0 ||
+            static_cast<uint64_t>(w) * h > UINT32_MAX) {
+            fprintf(stderr, "pelto-sim: --display %s: expected WIDTHxHEIGHT\n", value);
+            return false;
+        }
+        options->play.width = w;
+        options->play.height = h;
+        options->play.displayGiven = true;
+    } else if (arg == "--refresh-hz") {
+        char* end = nullptr;
+        const double hz = strtod(value, &end);
+        if (end == value || *end != '\0' || !(hz >= kMinRefreshHz && hz <= kMaxRefreshHz)) {
+            fprintf(stderr, "pelto-sim: --refresh-hz %s: expected 1 to 1000\n", value);
+            return false;
+        }
+        options->play.refreshHz = hz;
+    } else if (arg == "--layer") {
+        std::string error;
+        if (!parseLayerOption(value, &options->play.layers.emplace_back(), &error)) {
+            fprintf(stderr, "pelto-sim: %s\n", error.c_str());
+            return false;
+        }
+    } else if (arg == "--write-scenario") {
+        options->writeScenario = value;
+    } else if (arg == "--compare") {
+        options->compareRules = value;
+    } else if (arg == "--json") {
+        options->jsonFile = value;
+    } else if (arg == "--refresh-floor-hz") {
+        options->run.refreshFloorHz = atof(value);
+        if (!(options->run.refreshFloorHz > 0)) {
+            fprintf(stderr, "pelto-sim: --refresh-floor-hz: expected a rate above 0\n");
+            return false;
+        }
+    }
+    return true;
+}
+
+bool takesValue(const std::string& arg) {
+    static const char* const kValueOptions[] = {"--lib",
+                                                "--trace",
+                                                "--html",
+                                                "--capture",
+                                                "--rules",
+                                                "--api-target",
+                                                "--display",
+                                                "--refresh-hz",
+                                                "--layer",
+                                                "--write-scenario",
+                                                "--compare",
+                                                "--json",
+                                                "--refresh-floor-hz"};
+    return std::any_of(std::begin(kValueOptions), std::end(kValueOptions),
+                       [&arg](const char* option) { return arg == option; });
+}
+
+// A switch without a value; false when `arg` is none.
+bool parseSwitch(const std::string& arg, Options* options) {
+    if (arg == "--quiet") {
+        options->quiet = true;
+    } else if (arg == "--verbose") {
+        options->run.verbose = true;
+    } else if (arg == "--debug-lines") {
+        options->run.debugLines = true;
+    } else if (arg == "--dump") {
+        options->dump = true;
+    } else if (arg == "--version") {
+        options->version = true;
+    } else if (arg == "--help" || arg == "-h") {
+        usage();
+        exit(kExitPassed);
+    } else {
+        return false;
+    }
+    return true;
+}
+
+// What the options ask for together; false, having said why, when they
+// cannot go together.
+bool checkOptions(const Options& options) {
+    const auto refuse = [](const char* why) {
+        fprintf(stderr, "pelto-sim: %s\n", why);
+        return false;
+    };
+    const bool capturesOnly = !options.capture && options.compareRules.empty();
+    if (options.inputs.empty()) return refuse("no scenario given");
+    if (options.compareRules.empty() && options.inputs.size() > 1) {
+        return refuse("one scenario or capture at a time (several with --compare)");
+    }
+    if (std::count(options.inputs.begin(), options.inputs.end(), "-") > 1) {
+        return refuse("standard input (-) can be read once");
+    }
+    if (options.play.refreshHz > 0 && capturesOnly) {
+        return refuse("--refresh-hz goes with --capture");
+    }
+    if (!options.play.layers.empty() && capturesOnly) return refuse("--layer goes with --capture");
+    if (!options.play.rules.empty() && !options.play.apiTarget.empty()) {
+        return refuse("--rules and --api-target exclude each other");
+    }
+    return true;
+}
+
 bool parseArgs(int argc, char** argv, Options* options) {
     for (int i = 1; i < argc; ++i) {
         const std::string arg = argv[i];
-        const bool hasValue = i + 1 < argc;
-        if (arg == "--lib" && hasValue) {
-            options->library = argv[++i];
-        } else if (arg == "--trace" && hasValue) {
-            options->traceFile = argv[++i];
-        } else if (arg == "--html" && hasValue) {
-            options->htmlFile = argv[++i];
-        } else if (arg == "--capture" && hasValue) {
-            options->capture = true;
-            options->inputs.push_back(argv[++i]);
-        } else if (arg == "--rules" && hasValue) {
-            options->rules = argv[++i];
-            options->play.rules = options->rules;
-        } else if (arg == "--api-target" && hasValue) {
-            options->play.apiTarget = argv[++i];
-        } else if (arg == "--display" && hasValue) {
-            unsigned w = 0;
-            unsigned h = 0;
-            char extra = 0;
-            if (sscanf(argv[++i], "%ux%u%c", &w, &h, &extra) != 2 || w == 0 || h == 0 ||
-                static_cast<uint64_t>(w) * h > UINT32_MAX) {
-                fprintf(stderr, "pelto-sim: --display %s: expected WIDTHxHEIGHT\n", argv[i]);
-                return false;
-            }
-            options->play.width = w;
-            options->play.height = h;
-            options->play.displayGiven = true;
-        } else if (arg == "--refresh-hz" && hasValue) {
-            char* end = nullptr;
-            const double hz = strtod(argv[++i], &end);
-            if (end == argv[i] || *end != '\0' || !(hz >= kMinRefreshHz && hz <= kMaxRefreshHz)) {
-                fprintf(stderr, "pelto-sim: --refresh-hz %s: expected 1 to 1000\n", argv[i]);
-                return false;
-            }
-            options->play.refreshHz = hz;
-        } else if (arg == "--layer" && hasValue) {
-            std::string error;
-            if (!parseLayerOption(argv[++i], &options->play.layers.emplace_back(), &error)) {
-                fprintf(stderr, "pelto-sim: %s\n", error.c_str());
-                return false;
-            }
-        } else if (arg == "--write-scenario" && hasValue) {
-            options->writeScenario = argv[++i];
-        } else if (arg == "--compare" && hasValue) {
-            options->compareRules = argv[++i];
-        } else if (arg == "--json" && hasValue) {
-            options->jsonFile = argv[++i];
-        } else if (arg == "--refresh-floor-hz" && hasValue) {
-            options->run.refreshFloorHz = atof(argv[++i]);
-            if (!(options->run.refreshFloorHz > 0)) {
-                fprintf(stderr, "pelto-sim: --refresh-floor-hz: expected a rate above 0\n");
-                return false;
-            }
-        } else if (arg == "--quiet") {
-            options->quiet = true;
-        } else if (arg == "--verbose") {
-            options->run.verbose = true;
-        } else if (arg == "--debug-lines") {
-            options->run.debugLines = true;
-        } else if (arg == "--dump") {
-            options->dump = true;
-        } else if (arg == "--version") {
-            options->version = true;
-        } else if (arg == "--help" || arg == "-h") {
-            usage();
-            exit(kExitPassed);
+        if (takesValue(arg) && i + 1 < argc) {
+            if (!parseValueOption(arg, argv[++i], options)) return false;
+        } else if (parseSwitch(arg, options)) {
+            continue;
         } else if (arg.size() > 1 && arg[0] == '-') { // "-" alone is standard input
             fprintf(stderr, "pelto-sim: unknown option or missing value: %s\n", arg.c_str());
             return false;
@@ -184,30 +245,7 @@ bool parseArgs(int argc, char** argv, Options* options) {
         printf("pelto-sim %s\nlibrary: %s\n", kPeltoToolsVersion, options->library.c_str());
         exit(kExitPassed);
     }
-    if (options->inputs.empty()) {
-        fprintf(stderr, "pelto-sim: no scenario given\n");
-        return false;
-    }
-    if (options->compareRules.empty() && options->inputs.size() > 1) {
-        fprintf(stderr, "pelto-sim: one scenario or capture at a time (several with --compare)\n");
-        return false;
-    }
-    if (std::count(options->inputs.begin(), options->inputs.end(), "-") > 1) {
-        fprintf(stderr, "pelto-sim: standard input (-) can be read once\n");
-        return false;
-    }
-    if (options->play.refreshHz > 0 && !options->capture && options->compareRules.empty()) {
-        fprintf(stderr, "pelto-sim: --refresh-hz goes with --capture\n");
-        return false;
-    }
-    if (!options->play.layers.empty() && !options->capture && options->compareRules.empty()) {
-        fprintf(stderr, "pelto-sim: --layer goes with --capture\n");
-        return false;
-    }
-    if (!options->play.rules.empty() && !options->play.apiTarget.empty()) {
-        fprintf(stderr, "pelto-sim: --rules and --api-target exclude each other\n");
-        return false;
-    }
+    if (!checkOptions(*options)) return false;
     options->run.keepTrace = !options->traceFile.empty();
     return true;
 }
@@ -301,109 +339,138 @@ int compare(const Options& options, PeltoLibrary& library) {
     return kExitPassed;
 }
 
+bool fail(const std::string& error) {
+    fprintf(stderr, "pelto-sim: %s\n", error.c_str());
+    return false;
+}
+
+// The scenario to play, written out first when --write-scenario asks.
+bool prepareScenario(const Options& options, Scenario* scenario) {
+    std::string error;
+    if (!loadInput(options.inputs[0], options.capture, options.play, options.rules, scenario,
+                   &error)) {
+        return fail(error);
+    }
+    if (options.writeScenario.empty()) return true;
+    if (!options.capture) return fail("--write-scenario goes with --capture");
+    return writeScenarioFile(*scenario, options.writeScenario, &error) || fail(error);
+}
+
+using Spool = std::unique_ptr<FILE, int (*)(FILE*)>;
+
+// The trace streams to an unnamed temporary file during the run and is
+// written out at the end, so its memory does not grow with the run.
+bool openTraceSpool(const Options& options, Spool* spool, RunOptions* run) {
+    if (options.traceFile.empty()) return true;
+    spool->reset(tmpfile());
+    if (*spool == nullptr) {
+        return fail(options.traceFile +
+                    ": cannot make a temporary file for the trace: " + strerror(errno));
+    }
+    run->traceSpool = spool->get();
+    return true;
+}
+
+bool writeTrace(const Options& options, FILE* spool, const RunRecord& record, FILE* text) {
+    const TraceRecorder& trace = TraceRecorder::instance();
+    const uint64_t events = trace.spooledEvents();
+    std::string error;
+    if (!writeSystraceSpool(options.traceFile, spool, trace.threadNames(), events, record.mainTid,
+                            &error)) {
+        return fail(error);
+    }
+    fprintf(text, "trace written to %s (%" PRIu64 " events; open it in Perfetto UI)\n",
+            options.traceFile.c_str(), events);
+    if (trace.spoolCutAt() >= 0) {
+        fprintf(stderr,
+                "pelto-sim: %s: the trace stops at %.3f s: a trace file holds at most %" PRIu64
+                " events\n",
+                options.traceFile.c_str(),
+                static_cast<double>(trace.spoolCutAt() - kVirtualBootOffset) / 1e9,
+                kMaxTraceEvents);
+    }
+    return true;
+}
+
+// What one run printed and found, for the files written after it.
+struct Played {
+    const Scenario& scenario;
+    const RunRecord& record;
+    const RunSummary& summary;
+    const RunDiagnosis& diagnosis;
+    const std::vector<ExpectationResult>& results;
+    int failed = 0;
+};
+
+// The text report; the number of expectations that failed.
+int printReport(const Options& options, FILE* text, const Played& p) {
+    printHeader(text, p.scenario);
+    if (!options.quiet) printTimeline(text, p.record, options.run.verbose);
+    printSummary(text, p.scenario, p.summary, p.diagnosis);
+    if (options.dump) fprintf(text, "\nlibrary dump at the end\n%s", p.record.finalDump.c_str());
+    const int failed = printExpectations(text, p.results);
+    fflush(text);
+    if (!options.writeScenario.empty()) {
+        fprintf(text, "scenario written to %s\n", options.writeScenario.c_str());
+    }
+    return failed;
+}
+
+bool writeFiles(const Options& options, FILE* spool, FILE* text, const Played& p) {
+    std::string error;
+    if (!options.jsonFile.empty()) {
+        Json::Value json = runJson(p.scenario, p.record, p.summary, p.diagnosis);
+        for (const std::string& line : p.scenario.assumptions) json["assumptions"].append(line);
+        json["expectations_failed"] = p.failed;
+        if (!writeJson(json, options.jsonFile, &error)) return fail(error);
+    }
+    if (!options.traceFile.empty() && !writeTrace(options, spool, p.record, text)) return false;
+    if (!options.htmlFile.empty()) {
+        if (!writeHtmlReport(options.htmlFile, p.scenario, p.record, p.summary, p.results,
+                             &error)) {
+            return fail(error);
+        }
+        fprintf(text, "HTML page written to %s\n", options.htmlFile.c_str());
+    }
+    return true;
+}
+
 int run(const Options& options) {
     // With --json -, stdout carries the JSON alone.
     FILE* text = options.jsonFile == "-" ? stderr : stdout;
     std::string error;
     PeltoLibrary library;
     if (!library.open(options.library, &error)) {
-        fprintf(stderr, "pelto-sim: %s\n", error.c_str());
+        fail(error);
         return kExitError;
     }
     if (!options.compareRules.empty()) return compare(options, library);
 
     Scenario scenario;
-    if (!loadInput(options.inputs[0], options.capture, options.play, options.rules, &scenario,
-                   &error)) {
-        fprintf(stderr, "pelto-sim: %s\n", error.c_str());
-        return kExitError;
-    }
-    if (!options.writeScenario.empty()) {
-        if (!options.capture) {
-            fprintf(stderr, "pelto-sim: --write-scenario goes with --capture\n");
-            return kExitError;
-        }
-        if (!writeScenarioFile(scenario, options.writeScenario, &error)) {
-            fprintf(stderr, "pelto-sim: %s\n", error.c_str());
-            return kExitError;
-        }
-    }
-
-    // The trace streams to an unnamed temporary file during the run and is
-    // written out at the end, so its memory does not grow with the run.
     RunOptions run = options.run;
-    std::unique_ptr<FILE, int (*)(FILE*)> spool(nullptr, fclose);
-    if (!options.traceFile.empty()) {
-        spool.reset(tmpfile());
-        if (spool == nullptr) {
-            fprintf(stderr, "pelto-sim: %s: cannot make a temporary file for the trace: %s\n",
-                    options.traceFile.c_str(), strerror(errno));
-            return kExitError;
-        }
-        run.traceSpool = spool.get();
+    Spool spool(nullptr, fclose);
+    if (!prepareScenario(options, &scenario) || !openTraceSpool(options, &spool, &run)) {
+        return kExitError;
     }
     RunRecord record;
     Simulation simulation(scenario, library, run);
     if (!simulation.run(&record, &error)) {
-        fprintf(stderr, "pelto-sim: %s: %s\n", scenario.path.c_str(), error.c_str());
+        fail(scenario.path + ": " + error);
         return kExitError;
     }
 
     const RunSummary summary = summarize(scenario, record);
     const RunDiagnosis diagnosis = diagnose(scenario, record, summary);
     const std::vector<ExpectationResult> results = checkExpectations(scenario, record, summary);
-    printHeader(text, scenario);
-    if (!options.quiet) printTimeline(text, record, options.run.verbose);
-    printSummary(text, scenario, summary, diagnosis);
-    if (options.dump) fprintf(text, "\nlibrary dump at the end\n%s", record.finalDump.c_str());
-    const int failed = printExpectations(text, results);
-    fflush(text);
-
-    if (!options.writeScenario.empty()) {
-        fprintf(text, "scenario written to %s\n", options.writeScenario.c_str());
-    }
-    if (!options.jsonFile.empty()) {
-        Json::Value json = runJson(scenario, record, summary, diagnosis);
-        for (const std::string& line : scenario.assumptions) json["assumptions"].append(line);
-        json["expectations_failed"] = failed;
-        if (!writeJson(json, options.jsonFile, &error)) {
-            fprintf(stderr, "pelto-sim: %s\n", error.c_str());
-            return kExitError;
-        }
-    }
-
-    if (!options.traceFile.empty()) {
-        const TraceRecorder& trace = TraceRecorder::instance();
-        const uint64_t events = trace.spooledEvents();
-        if (!writeSystraceSpool(options.traceFile, spool.get(), trace.threadNames(), events,
-                                record.mainTid, &error)) {
-            fprintf(stderr, "pelto-sim: %s\n", error.c_str());
-            return kExitError;
-        }
-        fprintf(text, "trace written to %s (%" PRIu64 " events; open it in Perfetto UI)\n",
-                options.traceFile.c_str(), events);
-        if (trace.spoolCutAt() >= 0) {
-            fprintf(stderr,
-                    "pelto-sim: %s: the trace stops at %.3f s: a trace file holds at most %" PRIu64
-                    " events\n",
-                    options.traceFile.c_str(),
-                    static_cast<double>(trace.spoolCutAt() - kVirtualBootOffset) / 1e9,
-                    kMaxTraceEvents);
-        }
-    }
-    if (!options.htmlFile.empty()) {
-        if (!writeHtmlReport(options.htmlFile, scenario, record, summary, results, &error)) {
-            fprintf(stderr, "pelto-sim: %s\n", error.c_str());
-            return kExitError;
-        }
-        fprintf(text, "HTML page written to %s\n", options.htmlFile.c_str());
-    }
+    Played played{scenario, record, summary, diagnosis, results};
+    played.failed = printReport(options, text, played);
+    if (!writeFiles(options, spool.get(), text, played)) return kExitError;
     for (const ExpectationResult& r : results) {
         if (r.passed) continue;
         fprintf(stderr, "pelto-sim: %s: %s failed: %s; got %s\n", scenario.path.c_str(),
                 r.expectation->key.c_str(), r.what.c_str(), r.got.c_str());
     }
-    return failed == 0 ? kExitPassed : kExitExpectationFailed;
+    return played.failed == 0 ? kExitPassed : kExitExpectationFailed;
 }
 
 } // namespace
