@@ -84,6 +84,21 @@ private:
     bool ftraceEvent(const Field& event, int64_t offset, uint64_t clock);
     bool processTree(const Field& tree);
     struct Sequence;
+    // The fields of one TracePacket that the reader uses.
+    struct Packet {
+        RawTime time;
+        bool hasTime = false;
+        bool hasClock = false;
+        bool cleared = false;
+        bool needsState = false;
+        uint64_t dropped = 0;
+        uint64_t sequence = 0;
+        Field ftrace, tree, snapshot, packed, defaults, frame, event, interned, descriptor;
+        void keepPayload(const Field& f);
+    };
+    bool readPacket(const uint8_t* data, size_t size, Packet* p);
+    Sequence* sequenceOf(const Packet& p);
+    bool internedNames(const Field& interned, Sequence& seq);
     bool clockSnapshot(const Field& snapshot, Sequence& sequence);
     bool sequenceTime(Sequence& sequence, RawTime* time) const;
     bool frameTimeline(const Field& event, RawTime time);
@@ -183,91 +198,94 @@ bool TraceDecoder::keep(size_t bytes) {
                 " MiB of marks, names and frames: too large a trace to play");
 }
 
-bool TraceDecoder::packet(const uint8_t* data, size_t size, int64_t offset, bool inflated) {
-    ++mTrace.packets;
-    mPacketOffset = offset;
+bool TraceDecoder::readPacket(const uint8_t* data, size_t size, Packet* p) {
     Reader reader(data, size);
     Field f;
-    RawTime time;
-    bool hasTime = false;
-    bool hasClock = false;
-    bool cleared = false;
-    bool needsState = false;
-    uint64_t dropped = 0;
-    uint64_t sequence = 0;
-    Field ftrace, tree, snapshot, packed, defaults, frame, event, interned, descriptor;
     while (reader.next(&f)) {
+        const bool varint = isVarint(f);
+        const bool bytes = isBytes(f);
         switch (f.number) {
             case kTimestamp:
-                hasTime = isVarint(f);
-                time.t = f.value;
+                p->hasTime = varint;
+                p->time.t = f.value;
                 break;
             case kTimestampClockId:
-                hasClock = isVarint(f);
-                time.clock = f.value;
+                p->hasClock = varint;
+                p->time.clock = f.value;
                 break;
             case kSequenceId:
-                if (isVarint(f)) sequence = f.value;
+                if (varint) p->sequence = f.value;
                 break;
             case kSequenceFlags:
-                if (isVarint(f) && (f.value & 1) != 0) cleared = true;
-                if (isVarint(f) && (f.value & 2) != 0) needsState = true;
+                if (varint && (f.value & 1) != 0) p->cleared = true;
+                if (varint && (f.value & 2) != 0) p->needsState = true;
                 break;
             case kPreviousPacketDropped:
-                if (isVarint(f)) dropped = f.value;
+                if (varint) p->dropped = f.value;
                 break;
             case kIncrementalStateCleared:
-                if (isVarint(f) && f.value != 0) cleared = true;
-                break;
-            case kFtraceEvents:
-                if (isBytes(f)) ftrace = f;
-                break;
-            case kProcessTree:
-                if (isBytes(f)) tree = f;
-                break;
-            case kClockSnapshot:
-                if (isBytes(f)) snapshot = f;
-                break;
-            case kCompressedPackets:
-                if (isBytes(f)) packed = f;
-                break;
-            case kPacketDefaults:
-                if (isBytes(f)) defaults = f;
-                break;
-            case kFrameTimeline:
-                if (isBytes(f)) frame = f;
-                break;
-            case kTrackEvent:
-                if (isBytes(f)) event = f;
-                break;
-            case kInternedData:
-                if (isBytes(f)) interned = f;
-                break;
-            case kTrackDescriptor:
-                if (isBytes(f)) descriptor = f;
+                if (varint && f.value != 0) p->cleared = true;
                 break;
             case kZstdCompressedPackets:
                 ++mTrace.zstdBundles;
                 break;
             default:
+                if (bytes) p->keepPayload(f);
                 break;
         }
     }
-    if (reader.error() != nullptr) {
-        return fail(std::string("TracePacket: ") + reader.error() + " (byte " +
-                    std::to_string(reader.offset()) + " of it)");
+    if (reader.error() == nullptr) return true;
+    return fail(std::string("TracePacket: ") + reader.error() + " (byte " +
+                std::to_string(reader.offset()) + " of it)");
+}
+
+void TraceDecoder::Packet::keepPayload(const Field& f) {
+    switch (f.number) {
+        case kFtraceEvents:
+            ftrace = f;
+            break;
+        case kProcessTree:
+            tree = f;
+            break;
+        case kClockSnapshot:
+            snapshot = f;
+            break;
+        case kCompressedPackets:
+            packed = f;
+            break;
+        case kPacketDefaults:
+            defaults = f;
+            break;
+        case kFrameTimeline:
+            frame = f;
+            break;
+        case kTrackEvent:
+            event = f;
+            break;
+        case kInternedData:
+            interned = f;
+            break;
+        case kTrackDescriptor:
+            descriptor = f;
+            break;
+        default:
+            break;
     }
-    // The sequence's state: cleared, lost with dropped packets, then this
-    // packet's defaults and interned names (which the packet itself uses).
-    if (mSequences.count(sequence) == 0 && !keep(64)) return false;
-    Sequence& seq = mSequences[sequence];
-    if (cleared) {
+}
+
+// The sequence's state: cleared, lost with dropped packets, then this
+// packet's defaults and interned names (which the packet itself uses).
+TraceDecoder::Sequence* TraceDecoder::sequenceOf(const Packet& p) {
+    if (mSequences.count(p.sequence) == 0 && !keep(64)) return nullptr;
+    Sequence& seq = mSequences[p.sequence];
+    if (p.cleared) {
         seq = Sequence{};
         seq.valid = true;
-    } else if (dropped != 0) {
+    } else if (p.dropped != 0) {
         seq.valid = false;
     }
-    if (defaults.data != nullptr && !fields(defaults, "trace_packet_defaults", [&](const Field& d) {
+    if (p.defaults.data != nullptr &&
+        !fields(p.defaults, "trace_packet_defaults", [&](const Field& d) {
             if (d.number == kTimestampClockId && isVarint(d)) {
                 seq.hasClock = true;
                 seq.clock = d.value;
@@ -278,53 +296,66 @@ bool TraceDecoder::packet(const uint8_t* data, size_t size, int64_t offset, bool
                 return true;
             });
         })) {
-        return false;
+        return nullptr;
     }
-    if (interned.data != nullptr && !fields(interned, "interned_data", [&](const Field& i) {
-            if (i.number != 2 || !isBytes(i)) return true;
-            uint64_t iid = 0;
-            std::string name;
-            if (!fields(i, "event name", [&](const Field& n) {
-                    if (n.number == 1 && isVarint(n)) iid = n.value;
-                    if (n.number == 2 && isBytes(n)) name = n.asString();
-                    return true;
-                })) {
-                return false;
-            }
-            if (!keep(name.size())) return false;
-            seq.names[iid] = std::move(name);
-            return true;
-        })) {
-        return false;
-    }
-    if (!hasClock) time.clock = seq.hasClock ? seq.clock : kBootTime;
-    if (snapshot.data != nullptr && !clockSnapshot(snapshot, seq)) return false;
+    if (p.interned.data != nullptr && !internedNames(p.interned, seq)) return nullptr;
+    return &seq;
+}
+
+bool TraceDecoder::internedNames(const Field& interned, Sequence& seq) {
+    return fields(interned, "interned_data", [&](const Field& i) {
+        if (i.number != 2 || !isBytes(i)) return true;
+        uint64_t iid = 0;
+        std::string name;
+        if (!fields(i, "event name", [&](const Field& n) {
+                if (n.number == 1 && isVarint(n)) iid = n.value;
+                if (n.number == 2 && isBytes(n)) name = n.asString();
+                return true;
+            })) {
+            return false;
+        }
+        if (!keep(name.size())) return false;
+        seq.names[iid] = std::move(name);
+        return true;
+    });
+}
+
+bool TraceDecoder::packet(const uint8_t* data, size_t size, int64_t offset, bool inflated) {
+    ++mTrace.packets;
+    mPacketOffset = offset;
+    Packet p;
+    if (!readPacket(data, size, &p)) return false;
+    Sequence* seq = sequenceOf(p);
+    if (seq == nullptr) return false;
+    RawTime time = p.time;
+    if (!p.hasClock) time.clock = seq->hasClock ? seq->clock : kBootTime;
+    if (p.snapshot.data != nullptr && !clockSnapshot(p.snapshot, *seq)) return false;
     // A sequence's own clock is made BOOTTIME now, in the sequence's order,
     // as an incremental one adds up.
-    const bool timed = hasTime && (time.clock < kFirstSequenceClock || sequenceTime(seq, &time));
-    if (ftrace.data != nullptr && !ftraceBundle(ftrace)) return false;
-    if (tree.data != nullptr && !processTree(tree)) return false;
-    if (descriptor.data != nullptr && !trackDescriptor(descriptor)) return false;
-    if (frame.data != nullptr) {
+    const bool timed = p.hasTime && (time.clock < kFirstSequenceClock || sequenceTime(*seq, &time));
+    if (p.ftrace.data != nullptr && !ftraceBundle(p.ftrace)) return false;
+    if (p.tree.data != nullptr && !processTree(p.tree)) return false;
+    if (p.descriptor.data != nullptr && !trackDescriptor(p.descriptor)) return false;
+    if (p.frame.data != nullptr) {
         if (!timed) {
             ++mTrace.unreadEvents;
-        } else if (!frameTimeline(frame, time)) {
+        } else if (!frameTimeline(p.frame, time)) {
             return false;
         }
     }
-    if (event.data != nullptr) {
+    if (p.event.data != nullptr) {
         // Interned names and incremental times mean nothing after a loss
         // until the state is cleared again.
-        if (!timed || (needsState && !seq.valid)) {
+        if (!timed || (p.needsState && !seq->valid)) {
             ++mTrace.unreadEvents;
-        } else if (!trackEvent(event, seq, time)) {
+        } else if (!trackEvent(p.event, *seq, time)) {
             return false;
         }
     }
-    if (packed.data != nullptr) {
+    if (p.packed.data != nullptr) {
         // Perfetto never compresses twice: one level of nesting at most.
         if (inflated) return fail("compressed packets inside compressed packets");
-        if (!compressed(packed)) return false;
+        if (!compressed(p.packed)) return false;
     }
     return true;
 }
