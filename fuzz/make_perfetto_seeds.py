@@ -10,27 +10,13 @@ slices and counters on an incremental clock with interned names. libFuzzer
 grows the corpus from these.
 """
 import os
+import sys
 import zlib
 
-
-def varint(v):
-    out = bytearray()
-    v &= (1 << 64) - 1
-    while v >= 0x80:
-        out.append(v & 0x7f | 0x80)
-        v >>= 7
-    out.append(v)
-    return bytes(out)
-
-
-def vfield(num, v):
-    return varint(num << 3) + varint(v)
-
-
-def lfield(num, data):
-    if isinstance(data, str):
-        data = data.encode()
-    return varint(num << 3 | 2) + varint(len(data)) + data
+# The wire format writer the generated test captures use too.
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "tools", "tests",
+                                "captures"))
+from protowire import lfield, varint, vfield  # noqa: E402
 
 
 def print_event(t, tid, text):

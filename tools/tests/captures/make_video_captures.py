@@ -24,6 +24,8 @@ import gzip
 import os
 import random
 
+from protowire import lfield, vfield
+
 HERE = os.path.dirname(os.path.abspath(__file__))
 DISPLAY = 4619827259835644672
 SF, SF_BINDER, SF_HWC = 612, 701, 655
@@ -241,27 +243,6 @@ def write_text(path, ev, comment):
         data = gzip.compress(data, mtime=0)
     with open(path, "wb") as f:
         f.write(data)
-
-
-# The Perfetto protobuf wire format, field by field.
-def varint(v):
-    out = bytearray()
-    v &= (1 << 64) - 1
-    while v >= 0x80:
-        out.append(v & 0x7f | 0x80)
-        v >>= 7
-    out.append(v)
-    return bytes(out)
-
-
-def vfield(num, v):
-    return varint(num << 3) + varint(v)
-
-
-def lfield(num, data):
-    if isinstance(data, str):
-        data = data.encode()
-    return varint(num << 3 | 2) + varint(len(data)) + data
 
 
 def frame_timeline_packets(frames):
