@@ -54,7 +54,7 @@ void addDiagnosis(const RunDiagnosis& d, Json::Value* out) {
     if (d.refreshBasis) return;
     Json::Value& refreshes = (*out)["panel_refreshes"];
     refreshes["saved_percent"] = Json::nullValue;
-    refreshes["not_estimated"] = "no buffer was played";
+    refreshes["not_estimated"] = kNoRefreshBasis;
     for (const auto& state : refreshes["by_state"].getMemberNames()) {
         refreshes["by_state"][state]["saved_percent"] = Json::nullValue;
     }

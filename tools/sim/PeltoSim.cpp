@@ -364,7 +364,8 @@ int run(const Options& options) {
         }
     }
     if (!options.htmlFile.empty()) {
-        if (!writeHtmlReport(options.htmlFile, scenario, record, summary, results, &error)) {
+        if (!writeHtmlReport(options.htmlFile, scenario, record, summary, diagnosis, results,
+                             &error)) {
             fprintf(stderr, "pelto-sim: %s\n", error.c_str());
             return kExitError;
         }

@@ -230,6 +230,15 @@ void explainNeverOn(const Scenario& scenario, const RunRecord& record, const Run
 
 } // namespace
 
+std::vector<DiagnosisLine> diagnosisLines(const RunDiagnosis& d) {
+    std::vector<DiagnosisLine> lines;
+    for (const std::string& line : d.ruleProblems) lines.push_back({"rule file", line});
+    for (const std::string& line : d.layersWithoutBuffers) lines.push_back({"frames", line});
+    for (const std::string& line : d.unmatchedTargets) lines.push_back({"unmatched target", line});
+    if (!d.neverOn.empty()) lines.push_back({"never On", d.neverOn});
+    return lines;
+}
+
 RunDiagnosis diagnose(const Scenario& scenario, const RunRecord& record,
                       const RunSummary& summary) {
     RunDiagnosis d;
