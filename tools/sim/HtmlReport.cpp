@@ -60,7 +60,15 @@ void legendItem(std::ostringstream& html, const char* colour, const char* text) 
 }
 
 // The refresh estimate: on the vsync cadence and with the library's decisions.
-void writeRefreshTable(std::ostringstream& html, const RunSummary& summary) {
+// With no buffer played it has no basis, and the page says so instead.
+void writeRefreshTable(std::ostringstream& html, const RunSummary& summary,
+                       const RunDiagnosis& diagnosis) {
+    if (!diagnosis.refreshBasis) {
+        html << "<h2>Panel refreshes</h2><p>not estimated: " << kNoRefreshBasis
+             << (diagnosis.layersWithoutBuffers.empty() ? "" : " (the frames lines above say why)")
+             << "</p>\n";
+        return;
+    }
     const RefreshCounts& r = summary.refreshes;
     html << "<h2>Panel refreshes (estimate, floor " << summary.refreshFloorHz
          << " Hz)</h2>\n<table>\n<tr><th>state</th><th>vsync cadence</th>"
@@ -122,8 +130,24 @@ void writeTimeline(std::ostringstream& html, const Scenario& scenario, const Run
          << "</script>\n";
 }
 
-// The run's figures: time in each state, the library's calls, Q2Q, refreshes.
-void writeSummary(std::ostringstream& html, const Scenario& scenario, const RunSummary& summary) {
+// The rule files' lint findings, each with its fix.
+void writeLint(std::ostringstream& html, const std::vector<LintNote>& lint) {
+    if (lint.empty()) return;
+    html << "<h2>Lint of the rule files</h2>\n<p>What the library accepts, but is most likely "
+            "a mistake.</p>\n<table>\n";
+    for (const LintNote& n : lint) {
+        html << "<tr><th>" << escape(n.file) << " line " << n.line << "</th><td>[" << escape(n.code)
+             << "] " << escape(n.message);
+        if (!n.fix.empty()) html << "<br>fix: " << escape(n.fix);
+        html << "</td></tr>\n";
+    }
+    html << "</table>\n";
+}
+
+// The run's figures: time in each state, the library's calls, Q2Q, buffers;
+// then what the figures alone do not say, and the refreshes.
+void writeSummary(std::ostringstream& html, const Scenario& scenario, const RunSummary& summary,
+                  const RunDiagnosis& diagnosis) {
     char text[160];
     html << "<h2>Summary</h2>\n<table>\n";
     for (int s = 0; s < 3; ++s) {
@@ -141,7 +165,12 @@ void writeSummary(std::ostringstream& html, const Scenario& scenario, const RunS
          << "</td></tr>\n";
     snprintf(text, sizeof(text), "%" PRId64 " of %" PRId64 " compositions (%.1f%%)",
              summary.q2qFullCompositions, summary.compositions, summary.q2qFullShare() * 100);
-    html << "<tr><th>isQ2QFull true</th><td>" << text << "</td></tr>\n</table>\n";
+    html << "<tr><th>isQ2QFull true</th><td>" << text << "</td></tr>\n";
+    html << "<tr><th>buffers queued</th><td>" << summary.buffersPlayed << "</td></tr>\n";
+    for (const DiagnosisLine& line : diagnosisLines(diagnosis)) {
+        html << "<tr><th>" << line.label << "</th><td>" << escape(line.text) << "</td></tr>\n";
+    }
+    html << "</table>\n";
     if (scenario.capture && !scenario.capture->assumedFor.empty()) {
         html << "<p class=\"sub\">The figures rest on assumptions:";
         for (const CaptureFacts::Assumed& a : scenario.capture->assumedFor) {
@@ -150,7 +179,8 @@ void writeSummary(std::ostringstream& html, const Scenario& scenario, const RunS
         }
         html << "</p>\n";
     }
-    writeRefreshTable(html, summary);
+    writeRefreshTable(html, summary, diagnosis);
+    writeLint(html, diagnosis.lint);
 }
 
 // Each expectation with its outcome, and for a failed one what the run gave.
@@ -188,12 +218,12 @@ void writeTextTimeline(std::ostringstream& html, const RunRecord& record) {
 } // namespace
 
 bool writeHtmlReport(const std::string& path, const Scenario& scenario, const RunRecord& record,
-                     const RunSummary& summary, const std::vector<ExpectationResult>& results,
-                     std::string* error) {
+                     const RunSummary& summary, const RunDiagnosis& diagnosis,
+                     const std::vector<ExpectationResult>& results, std::string* error) {
     std::ostringstream html;
     writeHeading(html, scenario);
     writeTimeline(html, scenario, record);
-    writeSummary(html, scenario, summary);
+    writeSummary(html, scenario, summary, diagnosis);
     writeExpectations(html, results);
     writeTextTimeline(html, record);
     html << "</body></html>\n";

@@ -54,39 +54,41 @@ void addDiagnosis(const RunDiagnosis& d, Json::Value* out) {
     if (d.refreshBasis) return;
     Json::Value& refreshes = (*out)["panel_refreshes"];
     refreshes["saved_percent"] = Json::nullValue;
-    refreshes["not_estimated"] = "no buffer was played";
+    refreshes["not_estimated"] = kNoRefreshBasis;
     for (const auto& state : refreshes["by_state"].getMemberNames()) {
         refreshes["by_state"][state]["saved_percent"] = Json::nullValue;
     }
 }
 
-} // namespace
-
-Json::Value runJson(const Scenario& scenario, const RunRecord& record, const RunSummary& summary,
-                    const RunDiagnosis& diagnosis) {
-    Json::Value out;
-    out["name"] = scenario.name;
-    out["input"] = scenario.path;
-    out["duration_s"] = seconds(scenario.duration);
-    out["compositions"] = Json::Int64(summary.compositions);
+// The run's figures: time in each state, the library's calls, Q2Q.
+void addRunFigures(const Scenario& scenario, const RunSummary& summary, Json::Value* out) {
+    Json::Value& o = *out;
+    o["name"] = scenario.name;
+    o["input"] = scenario.path;
+    o["duration_s"] = seconds(scenario.duration);
+    o["compositions"] = Json::Int64(summary.compositions);
     for (int s = 0; s < 3; ++s) {
-        Json::Value& state = out["time_in_state"][peltoStateName(s)];
+        Json::Value& state = o["time_in_state"][peltoStateName(s)];
         state["s"] = seconds(summary.timeInState[s]);
         state["percent"] = scenario.duration == 0
                 ? 0.0
                 : 100.0 * static_cast<double>(summary.timeInState[s]) / scenario.duration;
     }
-    out["hwc_toggles"] = summary.hwcToggles();
-    out["vsync_callbacks"] = Json::UInt64(summary.vsyncCallbacks);
-    out["buffers_queued"] = Json::Int64(summary.buffersPlayed);
-    Json::Value& q2q = out["q2q_fps"];
+    o["hwc_toggles"] = summary.hwcToggles();
+    o["vsync_callbacks"] = Json::UInt64(summary.vsyncCallbacks);
+    o["buffers_queued"] = Json::Int64(summary.buffersPlayed);
+    Json::Value& q2q = o["q2q_fps"];
     q2q["measured_samples"] = Json::UInt64(summary.q2qMeasured);
     q2q["last"] = Json::Int64(summary.q2qLast);
     q2q["min"] = Json::Int64(summary.q2qMin);
     q2q["max"] = Json::Int64(summary.q2qMax);
-    out["q2q_full_share"] = summary.q2qFullShare();
+    o["q2q_full_share"] = summary.q2qFullShare();
+}
+
+// The refresh estimate, for the whole run and for each state.
+void addRefreshes(const RunSummary& summary, Json::Value* out) {
     const RefreshCounts& r = summary.refreshes;
-    Json::Value& refreshes = out["panel_refreshes"];
+    Json::Value& refreshes = (*out)["panel_refreshes"];
     refreshes["estimate"] = true;
     refreshes["floor_hz"] = summary.refreshFloorHz;
     refreshes["vsync_cadence"] = Json::Int64(r.fixedTotal());
@@ -98,9 +100,12 @@ Json::Value runJson(const Scenario& scenario, const RunRecord& record, const Run
         state["with_decisions"] = Json::Int64(r.paced[s]);
         state["saved_percent"] = savedPercent(r.fixed[s], r.paced[s]);
     }
-    // The panel's rate as numbers: the first, every change, and where they
-    // came from in a capture.
-    Json::Value& panel = out["panel"];
+}
+
+// The panel's rate as numbers: the first, every change, and where they came
+// from in a capture.
+void addPanel(const Scenario& scenario, Json::Value* out) {
+    Json::Value& panel = (*out)["panel"];
     panel["refresh_hz"] = scenario.display.refreshHz;
     panel["changes"] = Json::Value(Json::arrayValue);
     panel["rates_hz"] = Json::Value(Json::arrayValue);
@@ -123,38 +128,51 @@ Json::Value runJson(const Scenario& scenario, const RunRecord& record, const Run
         panel["trusted"] = capture->refreshTrusted;
         panel["given"] = capture->refreshGiven;
         panel["vsync_signal_sparse"] = capture->vsyncSparse;
-        out["warnings"] = Json::Value(Json::arrayValue);
-        for (const std::string& w : capture->warnings) out["warnings"].append(w);
-        Json::Value& layers = out["capture_layers"] = Json::Value(Json::arrayValue);
-        for (const CaptureFacts::Layer& l : capture->layers) {
-            Json::Value layer;
-            layer["name"] = l.name;
-            layer["buffers"] = Json::Int64(l.buffers);
-            layer["fps"] = l.fps;
-            layer["source"] = l.source;
-            layer["geometry_given"] = l.geometryGiven;
-            layers.append(layer);
-        }
-        // The figures that rest on what the capture does not show.
-        Json::Value& assumed = out["assumed_for"] = Json::Value(Json::arrayValue);
-        for (const CaptureFacts::Assumed& a : capture->assumedFor) {
-            Json::Value item;
-            item["assumption"] = a.what;
-            item["figures"] = Json::Value(Json::arrayValue);
-            for (const std::string& f : a.figures) item["figures"].append(f);
-            assumed.append(item);
-        }
-        if (const ContentPace pace = contentPace(scenario, summary); pace.layer != nullptr) {
-            Json::Value& target = out["target"];
-            target["name"] = pace.layer->name;
-            target["buffers"] = Json::Int64(pace.layer->buffers);
-            target["fps"] = pace.layer->fps;
-            target["content_paced_saved_percent"] = pace.savedPercent;
-        }
     }
-    out["reasons_seen"] = Json::Value(Json::arrayValue);
-    for (int32_t reason : reasonsSeen(record)) out["reasons_seen"].append(reason);
-    out["state_changes"] = Json::Value(Json::arrayValue);
+}
+
+// What a capture told: the reader's warnings, each layer's buffers, and the
+// API-mode target's pace.
+void addCaptureFacts(const Scenario& scenario, const RunSummary& summary, Json::Value* out) {
+    const auto& capture = scenario.capture;
+    if (!capture) return;
+    Json::Value& o = *out;
+    o["warnings"] = Json::Value(Json::arrayValue);
+    for (const std::string& w : capture->warnings) o["warnings"].append(w);
+    Json::Value& layers = o["capture_layers"] = Json::Value(Json::arrayValue);
+    for (const CaptureFacts::Layer& l : capture->layers) {
+        Json::Value layer;
+        layer["name"] = l.name;
+        layer["buffers"] = Json::Int64(l.buffers);
+        layer["fps"] = l.fps;
+        layer["source"] = l.source;
+        layer["geometry_given"] = l.geometryGiven;
+        layers.append(layer);
+    }
+    // The figures that rest on what the capture does not show.
+    Json::Value& assumed = o["assumed_for"] = Json::Value(Json::arrayValue);
+    for (const CaptureFacts::Assumed& a : capture->assumedFor) {
+        Json::Value item;
+        item["assumption"] = a.what;
+        item["figures"] = Json::Value(Json::arrayValue);
+        for (const std::string& f : a.figures) item["figures"].append(f);
+        assumed.append(item);
+    }
+    if (const ContentPace pace = contentPace(scenario, summary); pace.layer != nullptr) {
+        Json::Value& target = o["target"];
+        target["name"] = pace.layer->name;
+        target["buffers"] = Json::Int64(pace.layer->buffers);
+        target["fps"] = pace.layer->fps;
+        target["content_paced_saved_percent"] = pace.savedPercent;
+    }
+}
+
+// The reasons seen, and the first kMaxListedChanges state changes with their causes.
+void addStateChanges(const RunRecord& record, Json::Value* out) {
+    Json::Value& o = *out;
+    o["reasons_seen"] = Json::Value(Json::arrayValue);
+    for (int32_t reason : reasonsSeen(record)) o["reasons_seen"].append(reason);
+    o["state_changes"] = Json::Value(Json::arrayValue);
     for (size_t i = 0; i < record.states.size() && i < kMaxListedChanges; ++i) {
         const StateChange& c = record.states[i];
         Json::Value change;
@@ -163,9 +181,21 @@ Json::Value runJson(const Scenario& scenario, const RunRecord& record, const Run
         change["to"] = peltoStateName(c.to);
         change["reason"] = c.reason;
         if (!c.cause.empty()) change["why"] = c.cause;
-        out["state_changes"].append(change);
+        o["state_changes"].append(change);
     }
-    out["state_changes_total"] = Json::UInt64(record.states.size());
+    o["state_changes_total"] = Json::UInt64(record.states.size());
+}
+
+} // namespace
+
+Json::Value runJson(const Scenario& scenario, const RunRecord& record, const RunSummary& summary,
+                    const RunDiagnosis& diagnosis) {
+    Json::Value out;
+    addRunFigures(scenario, summary, &out);
+    addRefreshes(summary, &out);
+    addPanel(scenario, &out);
+    addCaptureFacts(scenario, summary, &out);
+    addStateChanges(record, &out);
     addDiagnosis(diagnosis, &out);
     return out;
 }

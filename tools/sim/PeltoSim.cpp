@@ -426,8 +426,8 @@ bool writeFiles(const Options& options, FILE* spool, FILE* text, const Played& p
     }
     if (!options.traceFile.empty() && !writeTrace(options, spool, p.record, text)) return false;
     if (!options.htmlFile.empty()) {
-        if (!writeHtmlReport(options.htmlFile, p.scenario, p.record, p.summary, p.results,
-                             &error)) {
+        if (!writeHtmlReport(options.htmlFile, p.scenario, p.record, p.summary, p.diagnosis,
+                             p.results, &error)) {
             return fail(error);
         }
         fprintf(text, "HTML page written to %s\n", options.htmlFile.c_str());

@@ -210,6 +210,11 @@ std::string neverOnInApi(int32_t reason) {
     }
 }
 
+// Explains from the library's last state reason. Every Off and Temp Off reason
+// names a test of the composition's decision; none of them reads the Q2Q
+// measure, which the library samples only while On. So a never-On run's
+// isQ2QFull false is a consequence of the state, never its cause, and there
+// is no pacing case to tell apart here.
 void explainNeverOn(const Scenario& scenario, const RunRecord& record, const RunSummary& summary,
                     RunDiagnosis* d) {
     if (summary.timeInState[1] > 0 || summary.compositions == 0) return;
@@ -229,6 +234,15 @@ void explainNeverOn(const Scenario& scenario, const RunRecord& record, const Run
 }
 
 } // namespace
+
+std::vector<DiagnosisLine> diagnosisLines(const RunDiagnosis& d) {
+    std::vector<DiagnosisLine> lines;
+    for (const std::string& line : d.ruleProblems) lines.push_back({"rule file", line});
+    for (const std::string& line : d.layersWithoutBuffers) lines.push_back({"frames", line});
+    for (const std::string& line : d.unmatchedTargets) lines.push_back({"unmatched target", line});
+    if (!d.neverOn.empty()) lines.push_back({"never On", d.neverOn});
+    return lines;
+}
 
 RunDiagnosis diagnose(const Scenario& scenario, const RunRecord& record,
                       const RunSummary& summary) {

@@ -32,6 +32,19 @@ struct RunDiagnosis {
     std::string neverOn; // why the mode never went On, and what to change; empty if it did
 };
 
+// Why the refresh estimate is not given when `refreshBasis` is false.
+constexpr const char* kNoRefreshBasis = "no buffer was played";
+
+// One line of the diagnosis with what it is about ("rule file", "frames",
+// "unmatched target", "never On").
+struct DiagnosisLine {
+    const char* label;
+    std::string text;
+};
+
+// The diagnosis but the lint, in the order every report lists it.
+std::vector<DiagnosisLine> diagnosisLines(const RunDiagnosis& d);
+
 RunDiagnosis diagnose(const Scenario& scenario, const RunRecord& record, const RunSummary& summary);
 
 } // namespace android::tools::sim

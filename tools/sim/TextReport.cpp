@@ -14,7 +14,7 @@ double percent(SimTime part, SimTime whole) {
 void printRefreshes(FILE* out, const RunSummary& summary, const RunDiagnosis& diagnosis) {
     const RefreshCounts& r = summary.refreshes;
     if (!diagnosis.refreshBasis) {
-        fprintf(out, "  panel refreshes   not estimated: no buffer was played (see below)\n");
+        fprintf(out, "  panel refreshes   not estimated: %s (see below)\n", kNoRefreshBasis);
         return;
     }
     fprintf(out,
@@ -30,14 +30,8 @@ void printRefreshes(FILE* out, const RunSummary& summary, const RunDiagnosis& di
 }
 
 void printDiagnosis(FILE* out, const RunDiagnosis& diagnosis) {
-    for (const std::string& line : diagnosis.ruleProblems)
-        fprintf(out, "  rule file         %s\n", line.c_str());
-    for (const std::string& line : diagnosis.layersWithoutBuffers)
-        fprintf(out, "  frames            %s\n", line.c_str());
-    for (const std::string& line : diagnosis.unmatchedTargets)
-        fprintf(out, "  unmatched target  %s\n", line.c_str());
-    if (!diagnosis.neverOn.empty())
-        fprintf(out, "  never On          %s\n", diagnosis.neverOn.c_str());
+    for (const DiagnosisLine& line : diagnosisLines(diagnosis))
+        fprintf(out, "  %-17s %s\n", line.label, line.text.c_str());
     if (diagnosis.lint.empty()) return;
     fprintf(out,
             "\nlint of the rule files (what the library accepts, but is most likely a mistake)\n");
