@@ -167,6 +167,14 @@ void writeSummary(std::ostringstream& html, const Scenario& scenario, const RunS
              summary.q2qFullCompositions, summary.compositions, summary.q2qFullShare() * 100);
     html << "<tr><th>isQ2QFull true</th><td>" << text << "</td></tr>\n";
     html << "<tr><th>buffers queued</th><td>" << summary.buffersPlayed << "</td></tr>\n";
+    if (const ContentPace pace = contentPace(scenario, summary); pace.layer != nullptr) {
+        snprintf(text, sizeof(text),
+                 "the target's %" PRId64
+                 " buffers, %.2f a second: a panel refreshing only for "
+                 "them saves %.1f%%",
+                 pace.layer->buffers, pace.layer->fps, pace.savedPercent);
+        html << "<tr><th>content pace</th><td>" << text << "</td></tr>\n";
+    }
     for (const DiagnosisLine& line : diagnosisLines(diagnosis)) {
         html << "<tr><th>" << line.label << "</th><td>" << escape(line.text) << "</td></tr>\n";
     }
