@@ -169,7 +169,8 @@ void playLayers(const Capture& capture, const CapturePlay& play, Scenario* scena
         times.first = c.buffers.front();
         times.last = c.buffers.back();
         s.assumptions.push_back("read: layer " + c.name + ": " + std::to_string(c.buffers.size()) +
-                                " buffers from " + c.source);
+                                (c.buffers.size() == 1 ? " buffer from " : " buffers from ") +
+                                c.source);
         if (g != nullptr) s.assumptions.push_back(givenLine(c.name, *g));
         assumed += g == nullptr ? 1 : 0;
         const double span = static_cast<double>(c.buffers.back() - c.buffers.front()) / 1e9;
