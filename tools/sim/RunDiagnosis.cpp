@@ -107,24 +107,57 @@ std::set<std::string> matchedKeys(const Scenario& scenario, const RunRecord& rec
     return keys;
 }
 
-std::string closeNames(const Scenario& scenario, const std::string& target) {
-    std::string out;
-    std::set<std::string> named;
+// A layer's name and the name the library looks it up by.
+struct LayerKey {
+    const std::string* name;
+    std::string key;
+};
+
+// The distinct lookup names of the run's layers, for the close-name search.
+// A run of many layers is searched in its first kLayersLooked names, each
+// cut at kLongestName, so the search stays cheap.
+std::vector<LayerKey> layerKeys(const Scenario& scenario) {
+    constexpr size_t kLayersLooked = 4000;
+    constexpr size_t kLongestName = 128;
+    std::vector<LayerKey> keys;
+    std::set<std::string> seen;
     for (const LayerScript& layer : scenario.layers) {
-        const std::string key = lookupKey(layer.name);
-        const bool close = key == lookupKey(target) ||
-                editDistance(key, target) <= kMaxCloseDistance ||
-                (!key.empty() && target.find(key) != std::string::npos);
-        if (!close || !named.insert(key).second) continue;
-        out += (out.empty() ? "" : ", ") + quoted(layer.name) + " is looked up as " + quoted(key);
+        std::string key = lookupKey(layer.name).substr(0, kLongestName);
+        if (!seen.insert(key).second) continue;
+        keys.push_back({&layer.name, std::move(key)});
+        if (keys.size() >= kLayersLooked) break;
+    }
+    return keys;
+}
+
+bool isClose(const std::string& key, const std::string& target) {
+    const size_t longer = std::max(key.size(), target.size());
+    const size_t shorter = std::min(key.size(), target.size());
+    if (key == target || (!key.empty() && target.find(key) != std::string::npos)) return true;
+    return longer - shorter <= kMaxCloseDistance && editDistance(key, target) <= kMaxCloseDistance;
+}
+
+std::string closeNames(const std::vector<LayerKey>& keys, const std::string& target) {
+    constexpr size_t kShown = 3;
+    std::string out;
+    size_t shown = 0;
+    for (const LayerKey& k : keys) {
+        if (!isClose(k.key, target)) continue;
+        out += (out.empty() ? "" : ", ") + quoted(*k.name) + " is looked up as " + quoted(k.key);
+        if (++shown == kShown) break;
     }
     return out.empty() ? "no layer of the run has a name close to it" : out;
 }
 
 void addUnmatchedTargets(const Scenario& scenario, const RunRecord& record,
                          const std::vector<LoadedFile>& files, RunDiagnosis* d) {
+    // A rule file for many apps has many targets a run never shows: the
+    // first few are named, the rest counted.
+    constexpr size_t kListed = 10;
     const std::set<std::string> matched = matchedKeys(scenario, record);
+    const std::vector<LayerKey> keys = layerKeys(scenario);
     std::set<std::string> told;
+    size_t more = 0;
     for (const LoadedFile& f : files) {
         const Json::Value& targets = f.text.root()["target_layers"];
         if (!targets.isArray()) continue;
@@ -132,9 +165,17 @@ void addUnmatchedTargets(const Scenario& scenario, const RunRecord& record,
             if (!target.isObject() || !target["name"].isString()) continue;
             const std::string name = target["name"].asString();
             if (matched.count(name) != 0 || !told.insert(name).second) continue;
+            if (d->unmatchedTargets.size() == kListed) {
+                ++more;
+                continue;
+            }
             d->unmatchedTargets.push_back(quoted(name) + " (" + f.file +
-                                          ") matched no layer: " + closeNames(scenario, name));
+                                          ") matched no layer: " + closeNames(keys, name));
         }
+    }
+    if (more > 0) {
+        d->unmatchedTargets.push_back("and " + std::to_string(more) +
+                                      " more targets that matched no layer");
     }
 }
 
