@@ -1,6 +1,9 @@
 // The input is a rule file. Each run loads it, looks names up, matches every
 // rule it finds against a few layers, dumps, reloads the same bytes and checks
-// that the reload gives the same dump and the same answers.
+// that the reload gives the same dump and the same answers. pelto-check's
+// scan of the file's text reads the same bytes, and each finding must point
+// inside the file.
+#include <algorithm>
 #include <cmath>
 #include <cstddef>
 #include <cstdint>
@@ -11,6 +14,7 @@
 
 #include "config/PeltoConfig.h"
 #include "fuzz/FuzzSupport.h"
+#include "tools/check/RuleFileSyntax.h"
 
 namespace android::fuzz {
 namespace {
@@ -122,5 +126,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     check(secondDump == firstDump, "the dump after a reload of the same file differs");
     check(answers(config, names) == firstAnswers,
           "lookups or matches after a reload of the same file differ");
+
+    const std::string text(reinterpret_cast<const char*>(data), size);
+    const int lines = 1 + static_cast<int>(std::count(text.begin(), text.end(), '\n'));
+    std::vector<android::tools::Finding> findings = android::tools::scanRuleFileSyntax(text);
+    if (auto encoding = android::tools::encodingProblem(text)) findings.push_back(*encoding);
+    for (const android::tools::Finding& f : findings) {
+        check(f.line >= 0 && f.line <= lines && f.column >= 0 && !f.code.empty(),
+              "a text finding points outside the file or has no code");
+    }
     return 0;
 }
