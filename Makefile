@@ -12,10 +12,12 @@ test: deps
 	@scripts/run-tests.sh
 
 # Plays the default scenario through the built library on virtual time and
-# writes its trace and its HTML page; then replays a real device capture.
+# writes its trace and its HTML page; then replays two real device captures:
+# a 2012 systrace and a Perfetto trace of a phone today.
 DEMO_SCENARIO ?= tools/scenarios/video_with_subtitles.json
 DEMO_CAPTURE ?= tools/captures/catapult_android_systrace.ftrace.txt.gz
 DEMO_CAPTURE_RULES ?= tools/scenarios/rules/launcher_strict.json
+DEMO_PERFETTO ?= tools/captures/nowinandroid_pixel7pro_a13_frametimeline.perfetto-trace
 DEMO_DIR := build/demo
 
 demo: deps build
@@ -31,6 +33,11 @@ demo: deps build
 	  --write-scenario $(DEMO_DIR)/capture.json --html $(DEMO_DIR)/capture.html
 	@echo
 	@echo "demo: the capture's HTML page $(CURDIR)/$(DEMO_DIR)/capture.html"
+	@echo
+	@echo "demo: a Perfetto trace of a phone today (an app starting on a Pixel 7 Pro, Android 13, 120 Hz), replayed in API mode"
+	build/default/tools/pelto-sim --capture $(DEMO_PERFETTO) --quiet --html $(DEMO_DIR)/perfetto.html
+	@echo
+	@echo "demo: the Perfetto trace's HTML page $(CURDIR)/$(DEMO_DIR)/perfetto.html"
 
 deps:
 	@scripts/install-deps.sh
