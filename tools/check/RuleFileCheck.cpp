@@ -11,6 +11,7 @@
 #include <sstream>
 
 #include "config/PeltoRuleFileReader.h"
+#include "tools/check/LayerName.h"
 #include "tools/check/LoaderLog.h"
 #include "tools/check/RuleFileSyntax.h"
 #include "tools/check/RuleFileText.h"
@@ -61,7 +62,7 @@ std::vector<LayerClass> layerClasses(const std::string& dump) {
         }
         if (line.size() > 1 && line[0] == '\t' && line[1] != '\t') {
             const std::string name = line.substr(1);
-            layers.push_back({name, name.substr(0, name.rfind('#')), section});
+            layers.push_back({name, lookupName(name), section});
         }
     }
     return layers;

@@ -6,7 +6,9 @@
 #include <set>
 
 #include "controller/PeltoTypes.h"
+#include "tools/check/LayerName.h"
 #include "tools/check/RuleLint.h"
+#include "tools/sim/Expectations.h"
 
 namespace android::tools::sim {
 namespace {
@@ -16,18 +18,6 @@ constexpr size_t kMaxCloseDistance = 3;
 
 std::string quoted(const std::string& text) {
     return "\"" + text + "\"";
-}
-
-std::string secondsText(SimTime t) {
-    char text[32];
-    snprintf(text, sizeof(text), "%.3f s", static_cast<double>(t) / 1e9);
-    return text;
-}
-
-// The library looks a layer up by its name cut before the last '#'.
-std::string lookupKey(const std::string& layerName) {
-    const size_t hash = layerName.rfind('#');
-    return hash == std::string::npos ? layerName : layerName.substr(0, hash);
 }
 
 size_t editDistance(const std::string& a, const std::string& b) {
@@ -47,7 +37,7 @@ size_t editDistance(const std::string& a, const std::string& b) {
 }
 
 std::string loadLabel(const RuleLoad& load) {
-    return load.atCreation ? load.file : load.file + " (reload at " + secondsText(load.at) + ")";
+    return load.atCreation ? load.file : load.file + " (reload at " + formatSeconds(load.at) + ")";
 }
 
 void addRuleProblems(const RunRecord& record, RunDiagnosis* d) {
@@ -101,7 +91,7 @@ std::set<std::string> matchedKeys(const Scenario& scenario, const RunRecord& rec
     std::set<std::string> keys;
     for (size_t i = 0; i < record.layerRoles.size() && i < scenario.layers.size(); ++i) {
         for (const TimedText& role : record.layerRoles[i]) {
-            if (role.text == "TargetLayer") keys.insert(lookupKey(scenario.layers[i].name));
+            if (role.text == "TargetLayer") keys.insert(lookupName(scenario.layers[i].name));
         }
     }
     return keys;
@@ -122,7 +112,7 @@ std::vector<LayerKey> layerKeys(const Scenario& scenario) {
     std::vector<LayerKey> keys;
     std::set<std::string> seen;
     for (const LayerScript& layer : scenario.layers) {
-        std::string key = lookupKey(layer.name).substr(0, kLongestName);
+        std::string key = lookupName(layer.name).substr(0, kLongestName);
         if (!seen.insert(key).second) continue;
         keys.push_back({&layer.name, std::move(key)});
         if (keys.size() >= kLayersLooked) break;
